@@ -1,0 +1,48 @@
+# Helpers that declare the library's pieces and their tests, one line a file.
+#
+#   quarnel_sources(a.cpp b.cpp)   adds sources of the current folder to the library
+#   quarnel_test(name_test)        builds name_test.cpp into a test program and
+#                                  registers its cases with CTest
+
+set_property(GLOBAL PROPERTY QUARNEL_SOURCES "")
+set_property(GLOBAL PROPERTY QUARNEL_TESTS "")
+
+function(quarnel_sources)
+  foreach(src IN LISTS ARGN)
+    set_property(GLOBAL APPEND PROPERTY QUARNEL_SOURCES "${CMAKE_CURRENT_SOURCE_DIR}/${src}")
+  endforeach()
+endfunction()
+
+function(quarnel_test name)
+  if(NOT QUARNEL_BUILD_TESTS)
+    return()
+  endif()
+  set_property(GLOBAL APPEND PROPERTY QUARNEL_TESTS "${CMAKE_CURRENT_SOURCE_DIR}/${name}.cpp")
+endfunction()
+
+# The objects are compiled once; the shared library exports only what
+# QUARNEL_API marks, while the tests link the same objects statically so that
+# they can reach internal helpers too.
+function(quarnel_assemble_library)
+  get_property(srcs GLOBAL PROPERTY QUARNEL_SOURCES)
+  add_library(quarnel_objects OBJECT ${srcs})
+  target_include_directories(quarnel_objects PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+  target_compile_definitions(quarnel_objects PRIVATE QUARNEL_BUILDING)
+  target_link_libraries(quarnel_objects PUBLIC ${CMAKE_DL_LIBS})
+
+  add_library(quarnel SHARED $<TARGET_OBJECTS:quarnel_objects>)
+  add_library(quarnel::quarnel ALIAS quarnel)
+  target_include_directories(quarnel PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_libraries(quarnel PRIVATE ${CMAKE_DL_LIBS})
+  set_target_properties(quarnel PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    EXPORT_NAME quarnel)
+  target_compile_features(quarnel PUBLIC cxx_std_20)
+
+  add_library(quarnel_static STATIC $<TARGET_OBJECTS:quarnel_objects>)
+  target_include_directories(quarnel_static PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+  target_link_libraries(quarnel_static PUBLIC ${CMAKE_DL_LIBS})
+endfunction()

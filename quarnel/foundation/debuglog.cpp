@@ -1,0 +1,88 @@
+#include "quarnel/foundation/debuglog.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+
+#include "quarnel/platform/debugout.h"
+#include "quarnel/text/tstring.h"
+
+namespace {
+
+std::atomic<DebugLogfCharProc> g_logChar{nullptr};
+std::atomic<DebugLogfProc> g_log{nullptr};
+std::atomic<AssertionObserverProc> g_observer{nullptr};
+
+constexpr std::size_t kAssertionMax = 2048;
+
+const char* BaseName(const char* file) {
+  if (file == nullptr) return "";
+  const char* base = file;
+  for (const char* p = file; *p; ++p) {
+    if (*p == '\\' || *p == '/') base = p + 1;
+  }
+  return base;
+}
+
+void Assertion(const char* file, int line, const TString* text) {
+  const char* module = BaseName(file);
+  char message[kAssertionMax + 1];
+  int head;
+  if (text == nullptr) {
+    head = std::snprintf(message, sizeof message, "Assertion failure at \"%s-%d\"\n", module, line);
+  } else {
+    head = std::snprintf(message, sizeof message, "Assertion failure at \"%s-%d\"", module, line);
+  }
+  if (head < 0) head = 0;
+  if (static_cast<std::size_t>(head) > kAssertionMax) head = kAssertionMax;
+  // Only the part before the text goes to the debugger output.
+  UOutputDebugStringA(message);
+  if (text != nullptr) {
+    std::size_t used = static_cast<std::size_t>(head);
+    if (used + 2 <= kAssertionMax) {
+      std::memcpy(message + used, ", ", 2);
+      used += 2;
+      const short n = text->FillBufferAnsi(message + used, static_cast<short>(kAssertionMax + 1 - used), 0);
+      used += static_cast<std::size_t>(n > 0 ? n : 0);
+    }
+    message[used] = '\0';
+  }
+  if (AssertionObserverProc observer = g_observer.load(std::memory_order_acquire)) {
+    observer(module, line, message);
+  }
+}
+
+}  // namespace
+
+void HookDebugLogfChar(DebugLogfCharProc proc) { g_logChar.store(proc, std::memory_order_release); }
+void HookDebugLogf(DebugLogfProc proc) { g_log.store(proc, std::memory_order_release); }
+
+int DebugLogfArgs(unsigned level, const char* format, const Args* args) {
+  DebugLogfCharProc proc = g_logChar.load(std::memory_order_acquire);
+  return proc ? proc(level, format, args) : 0;
+}
+
+int DebugLogfArgs(unsigned level, const TString* format, const Args* args) {
+  DebugLogfProc proc = g_log.load(std::memory_order_acquire);
+  return proc ? proc(level, format, args) : 0;
+}
+
+void FormatLogLine(TString* out, const char* format, const Args* args) {
+  // Log formats are narrow text; each byte becomes one code unit.
+  TString wide;
+  if (format != nullptr) {
+    for (const char* p = format; *p; ++p) wide.Append(static_cast<char16_t>(static_cast<unsigned char>(*p)));
+  }
+  out->SPrintf(&wide, args);
+}
+
+void Debug(const char* file, int line) { Assertion(file, line, nullptr); }
+
+void Debug(const char* file, int line, const TString* text) {
+  static const TString empty;
+  Assertion(file, line, text ? text : &empty);
+}
+
+AssertionObserverProc SetAssertionObserver(AssertionObserverProc proc) {
+  return g_observer.exchange(proc, std::memory_order_acq_rel);
+}

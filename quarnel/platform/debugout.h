@@ -1,0 +1,15 @@
+// Debugger output (OutputDebugStringA): standard error, unless a sink is set.
+#ifndef QUARNEL_PLATFORM_DEBUGOUT_H_
+#define QUARNEL_PLATFORM_DEBUGOUT_H_
+
+#include "quarnel/foundation/export.h"
+
+QUARNEL_API void UOutputDebugStringA(const char* text);
+
+// Sends debugger output to `sink` instead of standard error (null restores
+// standard error). Returns the previous sink. Tests use it to read and to
+// quieten the output.
+using DebugOutputSink = void (*)(const char* text);
+QUARNEL_API DebugOutputSink USetDebugOutputSink(DebugOutputSink sink);
+
+#endif  // QUARNEL_PLATFORM_DEBUGOUT_H_

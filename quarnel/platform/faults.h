@@ -1,0 +1,38 @@
+// The test seam: makes chosen U-calls fail, as a switch rather than a mock.
+//
+//   UFailCall(UCall::kWriteFile, 3, 112);   // the 3rd WriteFile from now fails
+//                                          // with 112 (disk full)
+//
+// A failing call does what the real call does when it fails: it returns its
+// failure value and sets the last error. When no fault is armed the check is
+// one relaxed atomic load.
+#ifndef QUARNEL_PLATFORM_FAULTS_H_
+#define QUARNEL_PLATFORM_FAULTS_H_
+
+#include "quarnel/foundation/export.h"
+
+enum class UCall : int {
+  kHeapAlloc,
+  kHeapReAlloc,
+  kVirtualReserve,  // VirtualAlloc with MEM_RESERVE
+  kVirtualCommit,   // VirtualAlloc with MEM_COMMIT
+  kMultiByteToWideChar,
+  kWideCharToMultiByte,
+  kCreateFile,
+  kReadFile,
+  kWriteFile,
+  kFlushFileBuffers,
+  kSetFilePointer,
+  kSetEndOfFile,
+  kCount
+};
+
+// The `nth` call of `call` from now (1 = the next one) fails with `winerr`,
+// and so do the `repeat` - 1 calls after it (repeat -1: every later call).
+QUARNEL_API void UFailCall(UCall call, int nth, unsigned winerr, int repeat = 1);
+// Disarms every fault.
+QUARNEL_API void UClearFaults();
+// For U-functions: true when this call must fail; *winerr gets the error.
+QUARNEL_API bool UShouldFail(UCall call, unsigned* winerr);
+
+#endif  // QUARNEL_PLATFORM_FAULTS_H_

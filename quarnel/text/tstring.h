@@ -1,0 +1,213 @@
+// TString: the library's one string class.
+//
+// A TString holds UTF-16 code units (char16_t), always terminated by a 0 unit
+// at index Length(). Up to 261 units live inside the object; a longer text
+// moves to a heap block from MemAlloc, rounded to 32-byte steps, and stays
+// there. The longest string is 16383 units; a longer request asserts and is
+// cut. Positions and lengths are 16-bit unit counts; a length of -1 means "up
+// to the terminator".
+//
+// Misuse (changing a locked string, a position out of range, a null
+// destination) raises Debug("tstring", line) and the operation goes on as
+// documented at each member. A TString has no lock of its own: one object is
+// used by one thread at a time.
+//
+// 8-bit operations take a code-page selector: 0 = the system ANSI code page
+// (GetACP), 2 = Mac Roman (the platform's page 2 or 10000 when it converts
+// "xyzzy" both ways unchanged, else the library's own table, -1). Any other
+// selector asserts and is taken as 0.
+#ifndef QUARNEL_TEXT_TSTRING_H_
+#define QUARNEL_TEXT_TSTRING_H_
+
+#include <cstdint>
+
+#include "quarnel/foundation/export.h"
+#include "quarnel/text/args.h"
+
+class QUARNEL_API TString {
+ public:
+  static constexpr short kMaxLength = 16383;   // longest string, in code units
+  static constexpr int kInlineUnits = 262;     // inline area, terminator included
+  static constexpr int kMaxBufferBytes = 32768;
+
+  TString();
+  TString(const TString& other);
+  TString(const char16_t* text, short len = -1);
+  explicit TString(char16_t ch);
+  // Loads the entry `key` of string list `listId` (LoadKString).
+  TString(unsigned short listId, unsigned key);
+  ~TString();
+
+  TString& operator=(const TString& other);
+  TString& operator=(const char16_t* text);
+  TString& operator=(char16_t ch);
+
+  void Assign(const char16_t* text, short len = -1);
+  // Replaces the content by the 8-bit text converted from `codePage`; returns
+  // the number of bytes consumed.
+  short AssignAnsi(const char* text, short len = -1, int codePage = 0);
+  void Append(const char16_t* text, short len = -1);
+  void Append(const TString& other);
+  void Append(char16_t ch);
+  TString& operator+=(const TString& other);
+  TString& operator+=(const char16_t* text);
+  TString& operator+=(char16_t ch);
+  void AppendAnsi(const char* text, short len = -1, int codePage = 0);
+  void Clear();
+
+  short Length() const { return length_; }
+  int IsEmpty() const { return length_ == 0; }
+  // The terminated text; valid until the string next changes.
+  const char16_t* Text() const { return text_; }
+
+  char16_t GetAt(short pos) const;
+  char16_t operator[](short pos) const { return GetAt(pos); }
+  void SetAt(short pos, char16_t ch);
+  void Fill(char16_t ch, short count);
+  short GetHeadPosition() const;
+  short GetTailPosition() const;
+  char16_t GetCharacter(short* pos, int step) const;
+
+  TString Left(short n) const;
+  TString Right(short n) const;
+  TString Mid(short start, short n) const;
+  TString LeftAnsi(int bytes, int codePage = 0) const;
+
+  // Locale collation (UCompareString): -1, 0 or 1.
+  int Compare(const TString& other, int caseSensitive = 1) const;
+  int Compare(const char16_t* text, short len, int caseSensitive = 1) const;
+  int Identical(const TString& other) const;
+  int Identical(const char16_t* text, short len = -1) const;
+  int FirstDiscrepancy(const TString& other) const;
+  int FirstDiscrepancy(const char16_t* text, short len = -1) const;
+  int Hash() const;
+
+  short FindChar(char16_t ch, short from = 0, short step = 1) const;
+  short FindSubstring(const TString* needle, short from = 0, int caseSensitive = 1) const;
+  short FindSubstring(const char16_t* needle, short len, short from, int caseSensitive) const;
+  short FindSet(const TString* set) const;
+  short FindSet(const char16_t* set, short len) const;
+  short ReplaceSet(char16_t with, const TString* set);
+  short ReplaceSet(char16_t with, const char16_t* set, short len);
+  short ReplaceSubstring(const TString* from, const TString* to, int caseSensitive = 1,
+                         short start = 0, short max = -1);
+  short ReplaceSubstring(const char16_t* from, short fromLen, const char16_t* to, short toLen,
+                         int caseSensitive = 1, short start = 0, short max = -1);
+  short StripEnds(char16_t ch, int which = 0);
+  short StripEnds(const TString* set, int which = 0);
+  int StripHotkey();
+  void MakeUpper();
+  void MakeLower();
+  // Newline kinds: 0 = CR, 1 = LF, 2 = CR LF.
+  void ConvertNewlines(int from, int to);
+  short GetNthToken(TString* out, char16_t delim, short n, short dir = 1) const;
+  int MatchPattern(const TString* pattern, int caseSensitive) const;
+  void FormatOrdinal(int n);
+  int LoadKString(unsigned short listId, unsigned key);
+
+  char16_t* GetBuffer(short len);
+  void ReleaseBuffer(short len = -1);
+  char* GetBufferAnsi(short bytes, int codePage = 0);
+  void ReleaseBufferAnsi();
+  const char* ReadBufferAnsi(int codePage = 0);
+  void CloseBufferAnsi();
+  short FillBufferAnsi(char* dst, short size, int codePage = 0) const;
+
+  unsigned StorBufferSize() const;
+  void StorBuffer(unsigned char* dst, unsigned size) const;
+  unsigned StoreSize() const;
+  int Export(void* dst, int size, int swap = 0) const;
+  int Import(const void* src, int size, int swap = 0);
+  int OldImport(const void* src, int swap);
+  void Marshall();
+
+  unsigned short Style() const { return style_; }
+  void SetStyle(unsigned short style) { style_ = style; }
+  unsigned Extra() const { return extra_; }
+  void SetExtra(unsigned extra) { extra_ = extra; }
+  unsigned char ByteOrder() const { return byteOrder_; }
+  int CodePage() const { return codePage_; }
+
+  // ---- Formatting (sprintf.cpp); the engine's contract is in sprintf.h ----
+  void SPrintf(const TString* format, const Args* args);
+  void SPrintf(const TString* format, Args* args) { SPrintf(format, static_cast<const Args*>(args)); }
+  void SPrintf(const char16_t* format, const Args* args);
+  void SPrintf(const char16_t* format, Args* args) { SPrintf(format, static_cast<const Args*>(args)); }
+  void SPrintf(unsigned short listId, int key, const Args* args);
+  void SPrintf(unsigned short listId, int key, Args* args) {
+    SPrintf(listId, key, static_cast<const Args*>(args));
+  }
+  template <class... A>
+  void SPrintf(const TString* format, const A&... values) {
+    quarnel_args::WithArgs([&](const Args* args) { SPrintf(format, args); }, values...);
+  }
+  template <class... A>
+  void SPrintf(const char16_t* format, const A&... values) {
+    quarnel_args::WithArgs([&](const Args* args) { SPrintf(format, args); }, values...);
+  }
+  template <class... A>
+  void SPrintf(unsigned short listId, int key, const A&... values) {
+    quarnel_args::WithArgs([&](const Args* args) { SPrintf(listId, key, args); }, values...);
+  }
+
+ protected:
+  void init();
+  void setBufferSize(int bytes);
+  void setByteOrder(unsigned char order) { byteOrder_ = order; }
+  void concatAssign(const char16_t* a, short lenA, const char16_t* b, short lenB);
+  short findSubstringFrom(const char16_t* p, short len, short from, int caseSensitive) const;
+
+ private:
+  bool onHeap() const { return text_ != inline_; }
+  void checkUnlocked(int line) const;
+
+  short length_;
+  unsigned short style_;
+  unsigned extra_;
+  unsigned char byteOrder_;
+  unsigned char bufferLocks_;
+  unsigned char ansiLocks_;
+  unsigned char ansiReadLocks_;
+  int codePage_;
+  char* ansi_;
+  char16_t* text_;
+  char16_t inline_[kInlineUnits];
+};
+
+QUARNEL_API TString operator+(const TString& a, const TString& b);
+QUARNEL_API TString operator+(const TString& a, const char16_t* b);
+QUARNEL_API TString operator+(const char16_t* a, const TString& b);
+
+QUARNEL_API int operator==(const TString& a, const TString& b);
+QUARNEL_API int operator==(const TString& a, const char16_t* b);
+QUARNEL_API int operator==(const char16_t* a, const TString& b);
+QUARNEL_API int operator!=(const TString& a, const TString& b);
+QUARNEL_API int operator!=(const TString& a, const char16_t* b);
+QUARNEL_API int operator!=(const char16_t* a, const TString& b);
+QUARNEL_API int operator<(const TString& a, const TString& b);
+QUARNEL_API int operator<(const TString& a, const char16_t* b);
+QUARNEL_API int operator<(const char16_t* a, const TString& b);
+QUARNEL_API int operator<=(const TString& a, const TString& b);
+QUARNEL_API int operator<=(const TString& a, const char16_t* b);
+QUARNEL_API int operator<=(const char16_t* a, const TString& b);
+QUARNEL_API int operator>(const TString& a, const TString& b);
+QUARNEL_API int operator>(const TString& a, const char16_t* b);
+QUARNEL_API int operator>(const char16_t* a, const TString& b);
+QUARNEL_API int operator>=(const TString& a, const TString& b);
+QUARNEL_API int operator>=(const TString& a, const char16_t* b);
+QUARNEL_API int operator>=(const char16_t* a, const TString& b);
+
+// ASCII-only folding of one unit.
+QUARNEL_API char16_t ToUpper(char16_t ch);
+QUARNEL_API char16_t ToLower(char16_t ch);
+// Units up to the terminator (0 for null), capped at 32767.
+QUARNEL_API short WideCharCount(const char16_t* text);
+// Bytes up to the terminator (0 for null), capped at 32767.
+QUARNEL_API short AnsiByteCount(const char* text);
+
+// Collation of the default locale with string sort, case-insensitive unless
+// caseSensitive: -1, 0 or 1. A length of -1 counts to the terminator.
+QUARNEL_API int UCompareString(const char16_t* a, int lenA, const char16_t* b, int lenB,
+                               int caseSensitive);
+
+#endif  // QUARNEL_TEXT_TSTRING_H_
