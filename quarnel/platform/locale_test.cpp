@@ -1,0 +1,535 @@
+#include "quarnel/platform/locale.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "quarnel/platform/codepage.h"
+#include "quarnel/platform/env.h"
+#include "quarnel/platform/lasterror.h"
+#include "quarnel/text/tstring.h"
+#include "tests/support/recording_hooks.h"
+
+namespace {
+
+std::vector<std::string> Split(const std::string& line) {
+  std::vector<std::string> fields;
+  std::stringstream in(line);
+  std::string f;
+  while (std::getline(in, f, '\t')) fields.push_back(f);
+  if (!line.empty() && line.back() == '\t') fields.push_back("");
+  return fields;
+}
+
+std::vector<unsigned> Hex(const std::string& text) {
+  std::vector<unsigned> values;
+  std::stringstream in(text);
+  std::string word;
+  while (in >> word) values.push_back(static_cast<unsigned>(std::stoul(word, nullptr, 16)));
+  return values;
+}
+
+// One recorded GetLocaleInfoW/A answer.
+struct InfoRow {
+  unsigned lcid;
+  std::string name;
+  unsigned lctype;
+  std::u16string wide;
+  std::string ansi;
+};
+
+std::vector<InfoRow> LoadInfoRows() {
+  std::vector<InfoRow> rows;
+  std::ifstream in(QUARNEL_TEST_DATA_DIR "/locale_info.tsv");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("INFO\t", 0) != 0) continue;
+    const auto f = Split(line);
+    InfoRow row{static_cast<unsigned>(std::stoul(f[1], nullptr, 16)),
+                f[2],
+                static_cast<unsigned>(std::stoul(f[3], nullptr, 16)),
+                {},
+                {}};
+    for (unsigned u : Hex(f[7])) row.wide.push_back(static_cast<char16_t>(u));
+    for (unsigned b : Hex(f[10])) row.ansi.push_back(static_cast<char>(b));
+    EXPECT_EQ(std::stoi(f[4]), static_cast<int>(row.wide.size()) + 1) << line;
+    EXPECT_EQ(std::stoi(f[8]), static_cast<int>(row.ansi.size()) + 1) << line;
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+// Saves and clears the locale variables and the record's lcid; restores them.
+class LocaleEnvTest : public RecordingTest {
+ protected:
+  void SetUp() override {
+    RecordingTest::SetUp();
+    for (const char* var : kVars) {
+      const char* v = std::getenv(var);
+      saved_.push_back(v ? std::optional<std::string>(v) : std::nullopt);
+      unsetenv(var);
+    }
+    savedLcid_ = QuarnelEnv()->lcid;
+    QuarnelEnv()->lcid = 0;
+  }
+  void TearDown() override {
+    for (std::size_t i = 0; i < std::size(kVars); ++i) {
+      if (saved_[i]) {
+        setenv(kVars[i], saved_[i]->c_str(), 1);
+      } else {
+        unsetenv(kVars[i]);
+      }
+    }
+    QuarnelEnv()->lcid = savedLcid_;
+    RecordingTest::TearDown();
+  }
+  static constexpr const char* kVars[] = {"LC_ALL", "LC_COLLATE", "LC_CTYPE", "LANG"};
+  std::vector<std::optional<std::string>> saved_;
+  unsigned savedLcid_ = 0;
+};
+
+TEST(LocaleInfo, AgreesWithWindowsForEveryItemAndLocale) {
+  const auto rows = LoadInfoRows();
+  ASSERT_EQ(rows.size(), 280u);  // 56 items x 5 locales
+  for (const InfoRow& r : rows) {
+    SCOPED_TRACE(testing::Message() << std::hex << r.lcid << " " << r.name);
+    const int wlen = static_cast<int>(r.wide.size()) + 1;
+    const int alen = static_cast<int>(r.ansi.size()) + 1;
+
+    char16_t wbuf[256];
+    std::fill(std::begin(wbuf), std::end(wbuf), u'#');
+    ASSERT_EQ(UGetLocaleInfoW(r.lcid, r.lctype, wbuf, 256), wlen);
+    EXPECT_EQ(std::u16string(wbuf, wlen - 1), r.wide);
+    EXPECT_EQ(wbuf[wlen - 1], 0);
+    EXPECT_EQ(wbuf[wlen], u'#');  // nothing written past the terminator
+    EXPECT_EQ(UGetLocaleInfoW(r.lcid, r.lctype, nullptr, 0), wlen);
+
+    // Exactly big enough, then one short.
+    EXPECT_EQ(UGetLocaleInfoW(r.lcid, r.lctype, wbuf, wlen), wlen);
+    std::fill(std::begin(wbuf), std::end(wbuf), u'#');
+    USetLastError(0);
+    EXPECT_EQ(UGetLocaleInfoW(r.lcid, r.lctype, wbuf, wlen - 1), 0);
+    EXPECT_EQ(UGetLastError(), 122u);
+    EXPECT_EQ(wbuf[0], u'#');
+
+    char abuf[256];
+    std::fill(std::begin(abuf), std::end(abuf), '#');
+    ASSERT_EQ(UGetLocaleInfoA(r.lcid, r.lctype, abuf, 256), alen);
+    EXPECT_EQ(std::string(abuf, alen - 1), r.ansi);
+    EXPECT_EQ(abuf[alen - 1], 0);
+    EXPECT_EQ(UGetLocaleInfoA(r.lcid, r.lctype, nullptr, 0), alen);
+    EXPECT_EQ(UGetLocaleInfoA(r.lcid, r.lctype, abuf, alen), alen);
+    USetLastError(0);
+    EXPECT_EQ(UGetLocaleInfoA(r.lcid, r.lctype, abuf, alen - 1), 0);
+    EXPECT_EQ(UGetLastError(), 122u);
+
+    // No user overrides exist: the flag changes nothing.
+    EXPECT_EQ(UGetLocaleInfoW(r.lcid, r.lctype | kLocaleNoUserOverride, wbuf, 256), wlen);
+    EXPECT_EQ(std::u16string(wbuf, wlen - 1), r.wide);
+  }
+}
+
+TEST(LocaleInfo, RefusesUnknownLocalesItemsAndBadBuffers) {
+  struct Row {
+    const char* what;
+    unsigned lcid;
+    unsigned lctype;
+    bool nullBuffer;
+    int len;
+    unsigned error;
+  } const rows[] = {
+      {"it-IT has no table", 0x0410, kLocaleSDecimal, false, 16, 87},
+      {"neutral German", 0x0007, kLocaleSDecimal, false, 16, 87},
+      {"de-DE with a sort id", 0x10407, kLocaleSDecimal, false, 16, 87},
+      {"unknown item", 0x0409, 0x1234, false, 16, 87},
+      {"item between known ones", 0x0409, 0x24, false, 16, 87},
+      {"negative length", 0x0409, kLocaleSDecimal, false, -1, 87},
+      {"null buffer with a length", 0x0409, kLocaleSDecimal, true, 16, 87},
+      {"number of a text item", 0x0409, kLocaleSDecimal | unsigned{kLocaleReturnNumber}, false, 16,
+       1004},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.what);
+    char16_t wbuf[16];
+    char abuf[16];
+    USetLastError(0);
+    EXPECT_EQ(UGetLocaleInfoW(r.lcid, r.lctype, r.nullBuffer ? nullptr : wbuf, r.len), 0);
+    EXPECT_EQ(UGetLastError(), r.error);
+    USetLastError(0);
+    EXPECT_EQ(UGetLocaleInfoA(r.lcid, r.lctype, r.nullBuffer ? nullptr : abuf, r.len), 0);
+    EXPECT_EQ(UGetLastError(), r.error);
+  }
+}
+
+TEST(LocaleInfo, ReturnsNumbersOfNumericItems) {
+  struct Row {
+    unsigned lcid;
+    unsigned lctype;
+    unsigned value;
+  } const rows[] = {
+      {0x0409, kLocaleIDefaultAnsiCodePage, 1252},
+      {0x0411, kLocaleIDefaultAnsiCodePage, 932},
+      {0x0409, kLocaleIDefaultCodePage, 437},
+      {0x0409, kLocaleIDefaultMacCodePage, 10000},
+      {0x0809, kLocaleIDate, 1},
+      {0x0407, kLocaleITime, 1},
+      {0x0409, kLocaleITime, 0},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(testing::Message() << std::hex << r.lcid << " " << r.lctype);
+    char16_t text[16];
+    ASSERT_GT(UGetLocaleInfoW(r.lcid, r.lctype, text, 16), 0);
+    EXPECT_EQ(std::stoul(Utf8(std::u16string(text))), r.value);  // the table agrees
+
+    unsigned w = 0;
+    EXPECT_EQ(UGetLocaleInfoW(r.lcid, r.lctype | kLocaleReturnNumber, nullptr, 0), 2);
+    EXPECT_EQ(
+        UGetLocaleInfoW(r.lcid, r.lctype | kLocaleReturnNumber, reinterpret_cast<char16_t*>(&w), 2),
+        2);
+    EXPECT_EQ(w, r.value);
+    unsigned a = 0;
+    EXPECT_EQ(
+        UGetLocaleInfoA(r.lcid, r.lctype | kLocaleReturnNumber, reinterpret_cast<char*>(&a), 4), 4);
+    EXPECT_EQ(a, r.value);
+    USetLastError(0);
+    EXPECT_EQ(
+        UGetLocaleInfoA(r.lcid, r.lctype | kLocaleReturnNumber, reinterpret_cast<char*>(&a), 3), 0);
+    EXPECT_EQ(UGetLastError(), 122u);
+  }
+}
+
+TEST(LocaleInfo, UseCpAcpConvertsThroughTheSystemCodePage) {
+  for (const InfoRow& r : LoadInfoRows()) {
+    SCOPED_TRACE(testing::Message() << std::hex << r.lcid << " " << r.name);
+    char expected[64];
+    const int n =
+        UWideCharToMultiByte(UGetACP(), 0, r.wide.c_str(), -1, expected, 64, nullptr, nullptr);
+    ASSERT_GT(n, 0);
+    char got[64];
+    ASSERT_EQ(UGetLocaleInfoA(r.lcid, r.lctype | kLocaleUseCpAcp, got, 64), n);
+    EXPECT_EQ(std::string(got), std::string(expected));
+  }
+}
+
+TEST_F(LocaleEnvTest, DefaultLcidFollowsTheEnvironment) {
+  struct Row {
+    const char* lcAll;
+    const char* lcCollate;
+    const char* lcCtype;
+    const char* lang;
+    unsigned lcid;
+  } const rows[] = {
+      {nullptr, nullptr, nullptr, nullptr, 0x0409},
+      {nullptr, nullptr, nullptr, "en_US.UTF-8", 0x0409},
+      {nullptr, nullptr, nullptr, "de_DE.UTF-8", 0x0407},
+      {nullptr, nullptr, nullptr, "fr_FR", 0x040C},
+      {nullptr, nullptr, nullptr, "ja_JP.eucJP", 0x0411},
+      {nullptr, nullptr, nullptr, "en_GB.ISO-8859-1", 0x0809},
+      {nullptr, nullptr, nullptr, "de_DE@euro", 0x0407},
+      {nullptr, nullptr, nullptr, "en-GB", 0x0809},
+      {nullptr, nullptr, nullptr, "de", 0x0407},
+      {nullptr, nullptr, nullptr, "fr", 0x040C},
+      {nullptr, nullptr, nullptr, "ja", 0x0411},
+      {nullptr, nullptr, nullptr, "en", 0x0409},
+      {nullptr, nullptr, nullptr, "de_AT.UTF-8", 0x0407},
+      {nullptr, nullptr, nullptr, "fr_CA", 0x040C},
+      {nullptr, nullptr, nullptr, "C", 0x0409},
+      {nullptr, nullptr, nullptr, "POSIX", 0x0409},
+      {nullptr, nullptr, nullptr, "C.UTF-8", 0x0409},
+      {nullptr, nullptr, nullptr, "it_IT.UTF-8", 0x0409},
+      {nullptr, nullptr, nullptr, "deu_DE", 0x0409},
+      {nullptr, nullptr, nullptr, "", 0x0409},
+      {"fr_FR.UTF-8", "ja_JP", nullptr, "de_DE", 0x040C},
+      {"", "ja_JP", nullptr, "de_DE", 0x0411},
+      {nullptr, nullptr, "UTF-8", "de_DE", 0x0407},
+      {nullptr, "en_GB", "ja_JP", "de_DE", 0x0809},
+      {"C", nullptr, nullptr, "de_DE", 0x0409},
+  };
+  const char* names[] = {"LC_ALL", "LC_COLLATE", "LC_CTYPE", "LANG"};
+  for (const Row& r : rows) {
+    const char* values[] = {r.lcAll, r.lcCollate, r.lcCtype, r.lang};
+    std::string trace;
+    for (int i = 0; i < 4; ++i) {
+      if (values[i]) {
+        setenv(names[i], values[i], 1);
+        trace += std::string(names[i]) + "=" + values[i] + " ";
+      } else {
+        unsetenv(names[i]);
+      }
+    }
+    SCOPED_TRACE(trace);
+    EXPECT_EQ(UGetDefaultLCID(), r.lcid);
+  }
+}
+
+TEST_F(LocaleEnvTest, RecordLcidWinsAndDefaultsNameIt) {
+  setenv("LANG", "de_DE.UTF-8", 1);
+  char16_t buf[8];
+  for (unsigned lcid : {0u, 0x0400u, 0x0800u}) {
+    SCOPED_TRACE(lcid);
+    ASSERT_EQ(UGetLocaleInfoW(lcid, kLocaleSDecimal, buf, 8), 2);
+    EXPECT_EQ(buf[0], u',');
+  }
+  QuarnelEnv()->lcid = 0x040C;
+  EXPECT_EQ(UGetDefaultLCID(), 0x040Cu);
+  ASSERT_EQ(UGetLocaleInfoW(0x0400, kLocaleSThousand, buf, 8), 2);
+  EXPECT_EQ(buf[0], u'\u00A0');
+  // The record may name a locale without a table; the items then fail.
+  QuarnelEnv()->lcid = 0x0410;
+  USetLastError(0);
+  EXPECT_EQ(UGetLocaleInfoW(0, kLocaleSThousand, buf, 8), 0);
+  EXPECT_EQ(UGetLastError(), 87u);
+}
+
+// ---- collation -------------------------------------------------------------
+
+struct CollateData {
+  std::vector<std::u16string> strings;
+  struct Row {
+    unsigned flags;
+    int a;
+    std::string answers;  // one digit per b
+  };
+  std::vector<Row> rows;
+};
+
+CollateData LoadCollateData() {
+  CollateData data;
+  std::ifstream in(QUARNEL_TEST_DATA_DIR "/collate_pairs.tsv");
+  std::string line;
+  while (std::getline(in, line)) {
+    const auto f = Split(line);
+    if (f.empty()) continue;
+    if (f[0] == "S") {
+      std::u16string s;
+      for (unsigned u : Hex(f.size() > 2 ? f[2] : "")) s.push_back(static_cast<char16_t>(u));
+      EXPECT_EQ(std::stoul(f[1]), data.strings.size());
+      data.strings.push_back(s);
+    } else if (f[0] == "R") {
+      data.rows.push_back(
+          {static_cast<unsigned>(std::stoul(f[1], nullptr, 16)), std::stoi(f[2]), f[3]});
+    }
+  }
+  return data;
+}
+
+std::string Show(const std::u16string& s) { return "\"" + Utf8(s) + "\""; }
+
+TEST(CompareString, AgreesWithWindowsOnEveryRecordedPair) {
+  const CollateData data = LoadCollateData();
+  ASSERT_EQ(data.strings.size(), 40u);
+  ASSERT_EQ(data.rows.size(), 80u);
+  for (const auto& row : data.rows) {
+    ASSERT_EQ(row.answers.size(), data.strings.size());
+    const std::u16string& a = data.strings[row.a];
+    for (std::size_t b = 0; b < data.strings.size(); ++b) {
+      SCOPED_TRACE(testing::Message() << "flags " << std::hex << row.flags << ": " << Show(a)
+                                      << " vs " << Show(data.strings[b]));
+      EXPECT_EQ(UCompareStringW(0x0409, row.flags, a.c_str(), -1, data.strings[b].c_str(), -1),
+                row.answers[b] - '0');
+    }
+  }
+}
+
+TEST(CompareString, OrdersAccentsLettersAndOtherUnits) {
+  struct Row {
+    const char16_t* a;
+    const char16_t* b;
+    unsigned flags;
+    int result;  // 1 less, 2 equal, 3 greater
+  } const rows[] = {
+      // Accents after the base letter, before the next letter; accent before case.
+      {u"e", u"\u00E9", 0x1000, 1},
+      {u"\u00E9", u"f", 0x1000, 1},
+      {u"E", u"\u00E9", 0x1000, 1},
+      {u"\u00E9", u"\u00E8", 0x1000, 1},  // acute before grave
+      {u"\u00E9", u"\u00C9", 0x1001, 2},
+      {u"r\u00E9sum\u00E9", u"resume", 0x1001, 3},
+      {u"r\u00E9sum\u00E9", u"resumes", 0x1001, 1},  // letters decide before accents
+      {u"\u00F8", u"o", 0x1000, 3},
+      {u"\u00F8", u"p", 0x1000, 1},
+      {u"\u0141\u00F3d\u017A", u"Lodz", 0x1000, 3},
+      {u"\u0141\u00F3d\u017A", u"Lodzia", 0x1000, 1},
+      {u"\u0107", u"c", 0x1002, 2},  // NORM_IGNORENONSPACE
+      {u"\u00C6", u"AE", 0x1000, 2},
+      {u"\u00C6", u"ae", 0x1001, 2},
+      {u"\u0133", u"ij", 0x1000, 2},
+      {u"\u00FE", u"z", 0x1000, 3},  // thorn after z
+      {u"\u00FE", u"\u03B1", 0x1000, 1},
+      // Other units by code point after the letters.
+      {u"z", u"\u03B1", 0x1000, 1},
+      {u"\u03B1", u"\u0410", 0x1000, 1},
+      {u"\u0391", u"\u03B1", 0x1001, 1},  // no case folding beyond Latin
+      {u"\u4E00", u"\uFF21", 0x1000, 1},
+      // Superscripts are digits, ordinals letters.
+      {u"\u00B2", u"2", 0x1000, 3},
+      {u"\u00B2", u"3", 0x1000, 1},
+      {u"\u00AA", u"a", 0x1000, 3},
+      {u"\u00AA", u"b", 0x1000, 1},
+      // Controls are ignored; symbols before digits.
+      {u"a\u0001b", u"ab", 0x1000, 2},
+      {u"\u00ADab", u"ab", 0x1000, 2},
+      {u"\u00A7", u"0", 0x1000, 1},
+      {u"~", u"\u00A0", 0x1000, 1},
+      {u"a\tb", u"a b", 0x1000, 1},
+      // NORM_IGNORESYMBOLS drops punctuation.
+      {u"a-b c", u"abc", 0x1004, 2},
+      {u"a-b c", u"abd", 0x1004, 1},
+      // Word sort: apostrophes and hyphens count only when all else is equal.
+      {u"co-op", u"coop", 0x0, 3},
+      {u"co-op", u"cop", 0x0, 1},
+      {u"coop", u"co-op", 0x0, 1},
+      {u"co-op", u"coo-p", 0x0, 1},
+      {u"co-op", u"co'op", 0x0, 3},
+      {u"co-op", u"coop", 0x1000, 1},
+      {u"-ab", u"!", 0x0, 3},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(testing::Message()
+                 << Show(r.a) << " vs " << Show(r.b) << " flags " << std::hex << r.flags);
+    EXPECT_EQ(UCompareStringW(0x0409, r.flags, r.a, -1, r.b, -1), r.result);
+    EXPECT_EQ(UCompareStringW(0x0409, r.flags, r.b, -1, r.a, -1), 4 - r.result);
+  }
+}
+
+TEST(CompareString, HonoursLengthsLocalesAndRefusesBadInput) {
+  // Explicit lengths; a negative one counts to the terminator.
+  EXPECT_EQ(UCompareStringW(0x0409, 0x1000, u"abc", 2, u"ab", -1), 2);
+  EXPECT_EQ(UCompareStringW(0x0409, 0x1000, u"abc", -5, u"abd", 2), 3);
+  EXPECT_EQ(UCompareStringW(0x0409, 0x1000, u"", 0, u"a", 0), 2);
+  const char16_t embedded[] = {u'a', 0, u'b'};
+  EXPECT_EQ(UCompareStringW(0x0409, 0x1000, embedded, 3, u"ab", 2), 2);
+  // Every locale with a table, and the defaults, sort alike.
+  for (unsigned lcid : {0x0000u, 0x0400u, 0x0800u, 0x0407u, 0x040Cu, 0x0411u, 0x0809u}) {
+    SCOPED_TRACE(lcid);
+    EXPECT_EQ(UCompareStringW(lcid, 0x1000, u"a", -1, u"B", -1), 1);
+  }
+  struct Row {
+    const char* what;
+    unsigned lcid;
+    unsigned flags;
+    bool nullA;
+    unsigned error;
+  } const rows[] = {
+      {"locale without a table", 0x0410, 0x1000, false, 87},
+      {"null string", 0x0409, 0x1000, true, 87},
+      {"unknown flag", 0x0409, 0x1040, false, 1004},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.what);
+    USetLastError(0);
+    EXPECT_EQ(UCompareStringW(r.lcid, r.flags, r.nullA ? nullptr : u"a", -1, u"b", -1), 0);
+    EXPECT_EQ(UGetLastError(), r.error);
+  }
+}
+
+// Random strings over an alphabet that exercises every weight group, the
+// expansions and the ignorable units.
+std::u16string RandomString(std::mt19937& rng) {
+  static const std::u16string kAlphabet =
+      u"aAbBeEzZ09-' !~_\u00E9\u00C9\u00E8\u00E6\u00C6\u00DF\u00FE\u0153\u0152\u0142\u00B2"
+      u"\u00AA\u0001\u00AD\u03B1\u4E00";
+  std::uniform_int_distribution<int> len(0, 5);
+  std::uniform_int_distribution<std::size_t> pick(0, kAlphabet.size() - 1);
+  std::u16string s;
+  for (int n = len(rng); n > 0; --n) s.push_back(kAlphabet[pick(rng)]);
+  return s;
+}
+
+TEST(CompareString, IsAConsistentTotalOrderOnRandomStrings) {
+  std::mt19937 rng(20240611);
+  for (unsigned flags : {0x1000u, 0x1001u, 0x0u, 0x1u, 0x1002u, 0x1004u}) {
+    SCOPED_TRACE(testing::Message() << "flags " << std::hex << flags);
+    std::vector<std::u16string> s(300);
+    for (auto& x : s) x = RandomString(rng);
+    auto cmp = [&](const std::u16string& a, const std::u16string& b) {
+      return UCompareStringW(0x0409, flags, a.data(), static_cast<int>(a.size()), b.data(),
+                             static_cast<int>(b.size())) -
+             2;
+    };
+    // Sorting, then every pair agrees with the sorted positions: this holds
+    // only for a transitive, antisymmetric comparison.
+    std::sort(s.begin(), s.end(), [&](const auto& a, const auto& b) { return cmp(a, b) < 0; });
+    for (std::size_t i = 0; i < s.size(); ++i) {
+      ASSERT_EQ(cmp(s[i], s[i]), 0) << Show(s[i]);
+      for (std::size_t j = i + 1; j < s.size(); ++j) {
+        const int ij = cmp(s[i], s[j]);
+        ASSERT_LE(ij, 0) << Show(s[i]) << " vs " << Show(s[j]);
+        ASSERT_EQ(cmp(s[j], s[i]), -ij) << Show(s[i]) << " vs " << Show(s[j]);
+      }
+    }
+    // Equal strings stay equal and unequal ones keep their order once case
+    // counts: the case level only refines.
+    if (flags & 1) {
+      for (int n = 0; n < 2000; ++n) {
+        const auto a = RandomString(rng), b = RandomString(rng);
+        const int loose = cmp(a, b);
+        const int strict =
+            UCompareStringW(0x0409, flags & ~1u, a.data(), static_cast<int>(a.size()), b.data(),
+                            static_cast<int>(b.size())) -
+            2;
+        if (loose != 0) {
+          ASSERT_EQ(strict, loose) << Show(a) << " vs " << Show(b);
+        }
+      }
+    }
+  }
+}
+
+TEST(CompareString, CaseFoldingOfLatinLettersMakesThemEqual) {
+  // Upper and lower case of every Latin-1 and Latin Extended-A pair are equal
+  // without case and ordered lower first with it.
+  std::vector<std::pair<char16_t, char16_t>> pairs;  // {upper, lower}
+  for (char16_t u = 0xC0; u <= 0xDE; ++u) {
+    if (u != 0xD7) pairs.push_back({u, static_cast<char16_t>(u + 0x20)});
+  }
+  const std::pair<char16_t, char16_t> runs[] = {
+      {0x100, 0x12F}, {0x132, 0x137}, {0x139, 0x148}, {0x14A, 0x177}, {0x179, 0x17E}};
+  for (const auto& [first, last] : runs) {
+    for (char16_t u = first; u < last; u += 2) pairs.push_back({u, static_cast<char16_t>(u + 1)});
+  }
+  pairs.push_back({0x178, 0xFF});
+  for (const auto& [upper, lower] : pairs) {
+    SCOPED_TRACE(testing::Message() << std::hex << static_cast<unsigned>(upper));
+    EXPECT_EQ(UCompareStringW(0x0409, 0x1001, &lower, 1, &upper, 1), 2);
+    EXPECT_EQ(UCompareStringW(0x0409, 0x1000, &lower, 1, &upper, 1), 1);
+  }
+}
+
+// ---- the text layer's comparison --------------------------------------------
+
+class UCompareStringTest : public RecordingTest {};
+
+TEST_F(UCompareStringTest, MapsResultsAndAssertsOnFailure) {
+  struct Row {
+    const char16_t* a;
+    const char16_t* b;
+    int caseSensitive;
+    int result;
+  } const rows[] = {
+      {u"a", u"A", 1, -1},     {u"A", u"a", 1, 1},       {u"a", u"A", 0, 0},
+      {u"abc", u"abd", 0, -1}, {u"\u00DF", u"ss", 1, 0}, {u"", u"", 1, 0},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(testing::Message() << Show(r.a) << " vs " << Show(r.b));
+    EXPECT_EQ(UCompareString(r.a, -1, r.b, -1, r.caseSensitive), r.result);
+  }
+  EXPECT_EQ(UCompareString(u"abc", 2, u"abz", 2, 1), 0);
+  EXPECT_TRUE(Assertions().empty());
+
+  // A refused comparison asserts and reads as "greater".
+  EXPECT_EQ(UCompareString(nullptr, 0, u"a", -1, 1), 1);
+  ASSERT_EQ(Assertions().size(), 1u);
+  EXPECT_EQ(Assertions()[0], (AssertionSeen{"tstring", 2248, ""}));
+}
+
+}  // namespace
