@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "quarnel/foundation/alert.h"
 #include "quarnel/platform/debugout.h"
 #include "quarnel/text/tstring.h"
 
@@ -12,6 +13,9 @@ namespace {
 std::atomic<DebugLogfCharProc> g_logChar{nullptr};
 std::atomic<DebugLogfProc> g_log{nullptr};
 std::atomic<AssertionObserverProc> g_observer{nullptr};
+std::atomic<DebugLogSettingProc> g_logGet{nullptr};
+std::atomic<DebugLogSettingProc> g_logSet{nullptr};
+std::atomic<DebugLogSettingProc> g_logTest{nullptr};
 
 constexpr std::size_t kAssertionMax = 2048;
 
@@ -19,7 +23,9 @@ const char* BaseName(const char* file) {
   if (file == nullptr) return "";
   const char* base = file;
   for (const char* p = file; *p; ++p) {
-    if (*p == '\\' || *p == '/') base = p + 1;
+    // Only the backslash separates: the module names of assertions are
+    // compared byte for byte with those written on Windows.
+    if (*p == '\\') base = p + 1;
   }
   return base;
 }
@@ -42,11 +48,14 @@ void Assertion(const char* file, int line, const TString* text) {
     if (used + 2 <= kAssertionMax) {
       std::memcpy(message + used, ", ", 2);
       used += 2;
-      const short n = text->FillBufferAnsi(message + used, static_cast<short>(kAssertionMax + 1 - used), 0);
+      const short n =
+          text->FillBufferAnsi(message + used, static_cast<short>(kAssertionMax + 1 - used), 0);
       used += static_cast<std::size_t>(n > 0 ? n : 0);
+      if (used > kAssertionMax) used = kAssertionMax;
     }
     message[used] = '\0';
   }
+  SplashScreenClose(1);
   if (AssertionObserverProc observer = g_observer.load(std::memory_order_acquire)) {
     observer(module, line, message);
   }
@@ -67,11 +76,32 @@ int DebugLogfArgs(unsigned level, const TString* format, const Args* args) {
   return proc ? proc(level, format, args) : 0;
 }
 
+void HookDebugLogGet(DebugLogSettingProc proc) { g_logGet.store(proc, std::memory_order_release); }
+void HookDebugLogSet(DebugLogSettingProc proc) { g_logSet.store(proc, std::memory_order_release); }
+void HookDebugLogTest(DebugLogSettingProc proc) {
+  g_logTest.store(proc, std::memory_order_release);
+}
+
+int DebugLogGet(std::intptr_t value) {
+  DebugLogSettingProc proc = g_logGet.load(std::memory_order_acquire);
+  return proc ? proc(value) : 0;
+}
+
+void DebugLogSet(std::intptr_t value) {
+  if (DebugLogSettingProc proc = g_logSet.load(std::memory_order_acquire)) proc(value);
+}
+
+int DebugLogTest(std::intptr_t value) {
+  DebugLogSettingProc proc = g_logTest.load(std::memory_order_acquire);
+  return proc ? proc(value) : 0;
+}
+
 void FormatLogLine(TString* out, const char* format, const Args* args) {
   // Log formats are narrow text; each byte becomes one code unit.
   TString wide;
   if (format != nullptr) {
-    for (const char* p = format; *p; ++p) wide.Append(static_cast<char16_t>(static_cast<unsigned char>(*p)));
+    for (const char* p = format; *p; ++p)
+      wide.Append(static_cast<char16_t>(static_cast<unsigned char>(*p)));
   }
   out->SPrintf(&wide, args);
 }

@@ -56,11 +56,27 @@ int DebugLogf(unsigned level, const TString* format, const A&... values) {
       [&](const Args* args) { return DebugLogfArgs(level, format, args); }, values...);
 }
 
+// The log-setting hooks: each receives one argument that the library passes
+// through unchanged; its meaning is the host's. Without a hook DebugLogGet
+// and DebugLogTest return 0 and DebugLogSet does nothing.
+using DebugLogSettingProc = int (*)(std::intptr_t value);
+QUARNEL_API void HookDebugLogGet(DebugLogSettingProc proc);
+QUARNEL_API void HookDebugLogSet(DebugLogSettingProc proc);
+QUARNEL_API void HookDebugLogTest(DebugLogSettingProc proc);
+QUARNEL_API int DebugLogGet(std::intptr_t value);
+QUARNEL_API void DebugLogSet(std::intptr_t value);
+QUARNEL_API int DebugLogTest(std::intptr_t value);
+
 // Formats a log hook's arguments into `out` with the library's engine.
 QUARNEL_API void FormatLogLine(TString* out, const char* format, const Args* args);
 
-// The assertion. `file` is the module name (or a path: only the part after
-// the last backslash or slash is kept).
+// The assertion. `file` is the module name, or a Windows-form path of which
+// only the part after the last backslash is kept. The two-argument form
+// writes "Assertion failure at "module-line"" and a line feed to the debugger
+// output; the three-argument form writes the same without the line feed, and
+// its full message (", " and the text in 8-bit characters appended) is cut to
+// 2048 bytes. Both close the splash screen, hand the message to the observer
+// (the crash report) and return: the caller goes on with its next statement.
 QUARNEL_API void Debug(const char* file, int line);
 QUARNEL_API void Debug(const char* file, int line, const TString* text);
 

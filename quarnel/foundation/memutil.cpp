@@ -1,12 +1,14 @@
 #include "quarnel/foundation/memutil.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <algorithm>
 #include <cstring>
 
+#include "quarnel/foundation/alert.h"
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/platform/heap.h"
+#include "quarnel/platform/vmem.h"
 
 namespace {
 
@@ -25,10 +27,17 @@ static_assert(sizeof(BlockHeader) == 16);
 constexpr std::uint32_t kLive = 0x516E4D61;   // 'QnMa'
 constexpr std::uint32_t kFreed = 0x516E4672;  // 'QnFr'
 
-// The counters are changed with atomic additions: the same totals as under
-// the memory lock, without a lock on the allocation path.
-std::atomic<std::int32_t> g_blocks{0};
-std::atomic<std::int32_t> g_bytes{0};
+// The two counters share one 64-bit word (blocks in the high half, bytes in
+// the low half) changed with one atomic addition: the same totals as under
+// the memory lock, without a lock on the allocation path, and the pair is
+// always read consistently. The byte total of live blocks never leaves
+// [0, 2^32), so a negative delta added modulo 2^64 leaves the block half alone.
+std::atomic<std::uint64_t> g_counters{0};
+
+void Count(std::int64_t blocks, std::int64_t bytes) {
+  g_counters.fetch_add(static_cast<std::uint64_t>(blocks * (std::int64_t{1} << 32) + bytes),
+                       std::memory_order_relaxed);
+}
 
 BlockHeader* HeaderOf(const void* p) {
   return reinterpret_cast<BlockHeader*>(const_cast<char*>(static_cast<const char*>(p)) -
@@ -38,6 +47,22 @@ BlockHeader* HeaderOf(const void* p) {
 bool IsFreed(const BlockHeader* h) { return h->size < 0 || h->state != kLive; }
 
 void* UserOf(BlockHeader* h) { return reinterpret_cast<char*>(h) + sizeof(BlockHeader); }
+
+std::atomic<quarnel_internal::MemoryReportProc> g_tmemoryReport{nullptr};
+
+constexpr unsigned kMemAvailHold = 0x2000000;    // 32 MB set aside by kind 1
+constexpr unsigned kMemReportFloor = 0x1000000;  // 16 MB not counted by kind 0
+
+// The physical figures as the 32-bit status record gives them: capped at
+// 4 GB - 1, which keeps the budget arithmetic (and the answer) in 32 bits.
+unsigned Clamp32(std::size_t v) { return v > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<unsigned>(v); }
+
+bool TryReserve(unsigned bytes) {
+  void* p = UVirtualAlloc(nullptr, bytes, kMemReserve, kPageNoAccess);
+  if (p == nullptr) return false;
+  UVirtualFree(p, 0, kMemRelease);
+  return true;
+}
 
 }  // namespace
 
@@ -58,8 +83,7 @@ void* MemAlloc(unsigned size) {
   }
   h->state = kLive;
   h->size = static_cast<std::int32_t>(size);
-  g_blocks.fetch_add(1, std::memory_order_relaxed);
-  g_bytes.fetch_add(static_cast<std::int32_t>(size), std::memory_order_relaxed);
+  Count(1, size);
   return UserOf(h);
 }
 
@@ -91,7 +115,7 @@ void* MemRealloc(void* p, unsigned size) {
     std::memset(reinterpret_cast<char*>(n) + sizeof(BlockHeader) + old, 0, size - old);
   }
   n->size = static_cast<std::int32_t>(size);
-  g_bytes.fetch_add(static_cast<std::int32_t>(size) - old, std::memory_order_relaxed);
+  Count(0, static_cast<std::int64_t>(size) - old);
   return UserOf(n);
 }
 
@@ -105,8 +129,7 @@ void MemFree(void* p) {
   const std::int32_t size = h->size;
   h->size = -size;
   h->state = kFreed;
-  g_bytes.fetch_sub(size, std::memory_order_relaxed);
-  g_blocks.fetch_sub(1, std::memory_order_relaxed);
+  Count(-1, -static_cast<std::int64_t>(size));
   UHeapFree(h);
 }
 
@@ -120,8 +143,97 @@ unsigned MemSize(const void* p) {
   return static_cast<unsigned>(h->size);
 }
 
-int MemBlockCount() { return g_blocks.load(std::memory_order_relaxed); }
-int MemByteCount() { return g_bytes.load(std::memory_order_relaxed); }
+// The heap calls are the C library's, which raises nothing: the Win32
+// version's "ignoring exception in OS allocation" lines have no cause here.
+void MemPack() {
+  if (!UHeapValidate()) DebugLogf(kLogPlatform, "MemPack: HeapValidate failed");
+  UHeapCompact();
+}
+
+unsigned MemAvail(short kind, int percent) {
+  if (percent < 0 || percent > 100) {
+    Debug("memutil", 332);
+    percent = percent < 0 ? 0 : 100;  // measured within the nearest valid budget
+  }
+  std::lock_guard<std::recursive_mutex> hold(quarnel_internal::MemoryLock());
+  void* held = nullptr;
+  if (kind == 1) held = UVirtualAlloc(nullptr, kMemAvailHold, kMemReserve, kPageNoAccess);
+
+  UMEMORYSTATUS status{};
+  UGlobalMemoryStatus(&status);
+  const unsigned totalPhys = Clamp32(status.dwTotalPhys);
+  const unsigned availPhys = Clamp32(status.dwAvailPhys);
+  unsigned budget;
+  if (kind <= 0) {
+    budget = totalPhys > kMemReportFloor ? totalPhys - kMemReportFloor : 0;
+    if (availPhys > budget) budget = availPhys;
+    budget = budget / 100 / 2;
+  } else {
+    budget = totalPhys / 100;
+    if (budget > 10737418) budget = 10737418;
+  }
+  budget *= static_cast<unsigned>(percent);
+
+  unsigned found = 0;
+  if (TryReserve(budget)) {
+    found = budget;
+  } else {
+    unsigned x = budget / 2;
+    unsigned step = x;
+    const unsigned minStep = x / 8;
+    for (;;) {
+      if (step <= minStep && (found != 0 || step < 4097)) break;
+      step /= 2;
+      if (!TryReserve(x)) {
+        x -= step;
+      } else {
+        found = x;
+        if (step > minStep) x += step;
+      }
+    }
+  }
+
+  if (held != nullptr) UVirtualFree(held, 0, kMemRelease);
+  return found;
+}
+
+void MemDebug(int what) {
+  if (static_cast<unsigned>(what) == kMemDebugLast) return;
+  if (what != 0) {
+    DebuggerBreak();
+    return;
+  }
+  DebugLogf(kLogStats, "");
+  // There is no current date to print yet: the date conversion of the
+  // heading is given a null date.
+  DebugLogf(kLogStats, "Memory Status at %~D...", static_cast<const TDate*>(nullptr));
+  if (quarnel_internal::MemoryReportProc report = g_tmemoryReport.load(std::memory_order_acquire))
+    report();
+  int blocks;
+  unsigned bytes;
+  unsigned available;
+  unsigned requestable;
+  unsigned bufferable;
+  {
+    std::lock_guard<std::recursive_mutex> hold(quarnel_internal::MemoryLock());
+    blocks = MemBlockCount();
+    bytes = static_cast<unsigned>(MemByteCount());
+    available = MemAvail(2, 100);
+    requestable = MemAvail(1, 100);
+    bufferable = MemAvail(0, 100);
+  }
+  // The lines are written after the lock is left, so a log hook never runs
+  // under the memory lock.
+  DebugLogf(kLogStats, "Utility:     heap %6~d %9K", blocks, bytes >> 10);
+  DebugLogf(kLogStats, "        available        %9K", available >> 10);
+  DebugLogf(kLogStats, "      requestable        %9K", requestable >> 10);
+  DebugLogf(kLogStats, "       bufferable        %9K", bufferable >> 10);
+}
+
+int MemBlockCount() { return static_cast<int>(g_counters.load(std::memory_order_relaxed) >> 32); }
+int MemByteCount() {
+  return static_cast<int>(static_cast<std::uint32_t>(g_counters.load(std::memory_order_relaxed)));
+}
 
 void BlockMove(const void* from, void* to, unsigned n) {
   if (n != 0) std::memmove(to, from, n);
@@ -150,3 +262,16 @@ unsigned Floor(unsigned value, unsigned multiple) {
   if (multiple == 0) return value;
   return value - value % multiple;
 }
+
+namespace quarnel_internal {
+
+std::recursive_mutex& MemoryLock() {
+  static auto* lock = new std::recursive_mutex;  // never destroyed: used until the process ends
+  return *lock;
+}
+
+void SetTMemoryReport(MemoryReportProc proc) {
+  g_tmemoryReport.store(proc, std::memory_order_release);
+}
+
+}  // namespace quarnel_internal

@@ -11,17 +11,38 @@
 #ifndef QUARNEL_FOUNDATION_MEMUTIL_H_
 #define QUARNEL_FOUNDATION_MEMUTIL_H_
 
+#include <mutex>
+
 #include "quarnel/foundation/export.h"
 
 constexpr unsigned kMemLargestRequest = 32768;
 constexpr unsigned kMemDebugLast = 0x6C617374;  // 'last'
 
+// A zero-filled block of `size` bytes, aligned to 16. A size above 32768
+// asserts (memutil 150) and is served anyway. When the heap refuses, the heap
+// is validated ("MemAlloc: HeapValidate failed" at 514 when that fails) or
+// compacted and the allocation tried once more; a second refusal asserts
+// (memutil 163) and answers null.
 QUARNEL_API void* MemAlloc(unsigned size);
+// Resizes `p` (null: MemAlloc), keeping the contents up to the smaller size;
+// new bytes are zero. Returns the block, which may have moved. Asserts: size
+// above 32768 (198, served anyway), a freed block (202, `p` is returned as it
+// is), a refused fallback allocation (215, `p` is returned unchanged).
 QUARNEL_API void* MemRealloc(void* p, unsigned size);
+// Frees; null is ignored; a block freed before asserts (249) and is left.
 QUARNEL_API void MemFree(void* p);
+// The size asked for; 0 for null; a freed block asserts (283) and gives 0.
 QUARNEL_API unsigned MemSize(const void* p);
+// Validates ("MemPack: HeapValidate failed" at 514) and compacts the heap.
 QUARNEL_API void MemPack();
+// The largest reservation of address space that succeeds in one piece,
+// searched within a budget taken from the physical memory: kind 0 or below
+// from the larger of total-less-16-MB and available, kind above 0 from the
+// total (kind 1 holds 32 MB aside meanwhile); `percent` (0..100, else
+// assertion 332) scales the budget. Runs under the memory lock.
 QUARNEL_API unsigned MemAvail(short kind, int percent);
+// 0: writes the memory report at level 513; 'last': nothing; any other
+// value: DebuggerBreak.
 QUARNEL_API void MemDebug(int what);
 
 // The library-wide counters: live blocks and the bytes asked for in them.
@@ -36,5 +57,18 @@ QUARNEL_API int EqualBlock(const void* a, const void* b, int n);
 // `value` rounded up (Ceiling) or down (Floor) to a multiple of `multiple`.
 QUARNEL_API unsigned Ceiling(unsigned value, unsigned multiple);
 QUARNEL_API unsigned Floor(unsigned value, unsigned multiple);
+
+namespace quarnel_internal {
+
+// The memory lock: guards MemAvail's measurement and the memory report (and
+// the TMemory statistics). Re-entrant.
+QUARNEL_API std::recursive_mutex& MemoryLock();
+
+// The TMemory part of the memory report: called by MemDebug(0) between the
+// heading and the heap lines. Null removes it.
+using MemoryReportProc = void (*)();
+QUARNEL_API void SetTMemoryReport(MemoryReportProc proc);
+
+}  // namespace quarnel_internal
 
 #endif  // QUARNEL_FOUNDATION_MEMUTIL_H_

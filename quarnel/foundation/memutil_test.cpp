@@ -1,0 +1,474 @@
+#include "quarnel/foundation/memutil.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "quarnel/foundation/debuglog.h"
+#include "quarnel/platform/debugger.h"
+#include "quarnel/platform/faults.h"
+#include "quarnel/platform/heap.h"
+#include "quarnel/platform/vmem.h"
+#include "quarnel/text/tstring.h"
+#include "tests/support/recording_hooks.h"
+
+namespace {
+
+class MemTest : public RecordingTest {
+ protected:
+  void SetUp() override {
+    RecordingTest::SetUp();
+    blocks0_ = MemBlockCount();
+    bytes0_ = MemByteCount();
+  }
+  void TearDown() override {
+    UClearFaults();
+    USetVirtualReserveLimit(0);
+    USetGlobalMemoryStatusOverride(nullptr);
+    USetHeapFreeDeferred(0);
+    RecordingTest::TearDown();
+  }
+  int Blocks() const { return MemBlockCount() - blocks0_; }
+  int Bytes() const { return MemByteCount() - bytes0_; }
+
+  static bool AllZero(const void* p, unsigned n) {
+    const auto* b = static_cast<const unsigned char*>(p);
+    for (unsigned i = 0; i < n; ++i) {
+      if (b[i] != 0) return false;
+    }
+    return true;
+  }
+
+  int blocks0_ = 0;
+  int bytes0_ = 0;
+};
+
+TEST_F(MemTest, AllocGivesZeroedAlignedCountedBlocks) {
+  const unsigned sizes[] = {0, 1, 15, 16, 17, 255, 4096, 32767, 32768};
+  std::vector<void*> blocks;
+  int bytes = 0;
+  for (unsigned size : sizes) {
+    SCOPED_TRACE(size);
+    void* p = MemAlloc(size);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % 16, 0u);
+    EXPECT_EQ(MemSize(p), size);
+    EXPECT_TRUE(AllZero(p, size));
+    for (void* q : blocks) EXPECT_NE(p, q);
+    blocks.push_back(p);
+    bytes += static_cast<int>(size);
+    EXPECT_EQ(Blocks(), static_cast<int>(blocks.size()));
+    EXPECT_EQ(Bytes(), bytes);
+    std::memset(p, 0xA5, size);  // the block is writable to its last byte
+  }
+  for (void* p : blocks) {
+    bytes -= static_cast<int>(MemSize(p));
+    MemFree(p);
+    EXPECT_EQ(Bytes(), bytes);
+  }
+  EXPECT_EQ(Blocks(), 0);
+  EXPECT_EQ(MemSize(nullptr), 0u);
+  MemFree(nullptr);
+  EXPECT_TRUE(Assertions().empty());
+  EXPECT_TRUE(Lines().empty());
+}
+
+TEST_F(MemTest, OversizedRequestsAssertAndAreServed) {
+  void* p = MemAlloc(32769);
+  ASSERT_EQ(Assertions().size(), 1u);
+  EXPECT_EQ(Assertions()[0], (AssertionSeen{"memutil", 150, ""}));
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(MemSize(p), 32769u);
+  EXPECT_EQ(Bytes(), 32769);
+  ClearRecords();
+
+  p = MemRealloc(p, 40000);
+  ASSERT_EQ(Assertions().size(), 1u);
+  EXPECT_EQ(Assertions()[0], (AssertionSeen{"memutil", 198, ""}));
+  EXPECT_EQ(MemSize(p), 40000u);
+  EXPECT_EQ(Bytes(), 40000);
+  MemFree(p);
+  ClearRecords();
+
+  // A null block goes to MemAlloc, which checks the size again.
+  p = MemRealloc(nullptr, 32769);
+  EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{{"memutil", 198, ""}, {"memutil", 150, ""}}));
+  MemFree(p);
+  EXPECT_EQ(Blocks(), 0);
+  EXPECT_EQ(Bytes(), 0);
+}
+
+TEST_F(MemTest, ReallocKeepsHeadAndZeroFillsGrowth) {
+  auto* p = static_cast<unsigned char*>(MemAlloc(100));
+  for (int i = 0; i < 100; ++i) p[i] = static_cast<unsigned char>(i + 1);
+  p = static_cast<unsigned char*>(MemRealloc(p, 40));
+  EXPECT_EQ(MemSize(p), 40u);
+  EXPECT_EQ(Bytes(), 40);
+  for (int i = 0; i < 40; ++i) ASSERT_EQ(p[i], i + 1) << i;
+  // Growing again must not bring back the bytes cut off by the shrink.
+  p = static_cast<unsigned char*>(MemRealloc(p, 3000));
+  EXPECT_EQ(MemSize(p), 3000u);
+  EXPECT_EQ(Bytes(), 3000);
+  for (int i = 0; i < 40; ++i) ASSERT_EQ(p[i], i + 1) << i;
+  EXPECT_TRUE(AllZero(p + 40, 3000 - 40));
+  EXPECT_EQ(Blocks(), 1);
+  MemFree(p);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+// Random allocations, reallocations and frees against a byte-vector model.
+TEST_F(MemTest, RandomOperationsMatchModel) {
+  struct Live {
+    unsigned char* p;
+    std::vector<unsigned char> bytes;
+  };
+  std::mt19937 rng(20240611);
+  std::vector<Live> live;
+  long total = 0;
+  for (int step = 0; step < 3000; ++step) {
+    SCOPED_TRACE(step);
+    const int op = static_cast<int>(rng() % 3);
+    if (op == 0 || live.empty()) {
+      const unsigned size = rng() % 2000;
+      Live l{static_cast<unsigned char*>(MemAlloc(size)), std::vector<unsigned char>(size, 0)};
+      for (unsigned i = 0; i < size; ++i) l.p[i] = l.bytes[i] = static_cast<unsigned char>(rng());
+      total += size;
+      live.push_back(std::move(l));
+    } else if (op == 1) {
+      Live& l = live[rng() % live.size()];
+      const unsigned size = rng() % 5000;
+      total += static_cast<long>(size) - static_cast<long>(l.bytes.size());
+      l.p = static_cast<unsigned char*>(MemRealloc(l.p, size));
+      l.bytes.resize(size, 0);
+    } else {
+      const std::size_t i = rng() % live.size();
+      ASSERT_EQ(MemSize(live[i].p), live[i].bytes.size());
+      ASSERT_TRUE(live[i].bytes.empty() ||
+                  std::memcmp(live[i].p, live[i].bytes.data(), live[i].bytes.size()) == 0);
+      total -= static_cast<long>(live[i].bytes.size());
+      MemFree(live[i].p);
+      live.erase(live.begin() + static_cast<long>(i));
+    }
+    ASSERT_EQ(Blocks(), static_cast<int>(live.size()));
+    ASSERT_EQ(Bytes(), total);
+  }
+  for (Live& l : live) {
+    ASSERT_EQ(MemSize(l.p), l.bytes.size());
+    ASSERT_TRUE(l.bytes.empty() || std::memcmp(l.p, l.bytes.data(), l.bytes.size()) == 0);
+    MemFree(l.p);
+  }
+  EXPECT_EQ(Blocks(), 0);
+  EXPECT_EQ(Bytes(), 0);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(MemTest, FreedBlocksAreCaught) {
+  // Freed memory stays readable, as in a heap that has not reused it.
+  USetHeapFreeDeferred(1);
+  const unsigned sizes[] = {0, 24};
+  for (unsigned size : sizes) {
+    SCOPED_TRACE(size);
+    ClearRecords();
+    void* p = MemAlloc(size);
+    MemFree(p);
+    EXPECT_EQ(Blocks(), 0);
+    EXPECT_EQ(Bytes(), 0);
+    MemFree(p);
+    EXPECT_EQ(MemSize(p), 0u);
+    EXPECT_EQ(MemRealloc(p, 10), p);
+    EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{
+                                {"memutil", 249, ""}, {"memutil", 283, ""}, {"memutil", 202, ""}}));
+    // The counters moved only once.
+    EXPECT_EQ(Blocks(), 0);
+    EXPECT_EQ(Bytes(), 0);
+  }
+  USetHeapFreeDeferred(0);
+}
+
+struct HeapFaultRow {
+  const char* name;
+  bool realloc;
+  UCall failCall;
+  int failRepeat;
+  bool validateFails;
+  std::vector<LogLine> lines;
+  std::vector<AssertionSeen> assertions;
+  bool succeeds;
+};
+
+TEST_F(MemTest, HeapRefusalsRetryOnceThenAssert) {
+  const std::vector<HeapFaultRow> rows = {
+      {"alloc retried", false, UCall::kHeapAlloc, 1, false, {}, {}, true},
+      {"alloc retried after failed validation",
+       false,
+       UCall::kHeapAlloc,
+       1,
+       true,
+       {{514, "", "MemAlloc: HeapValidate failed"}},
+       {},
+       true},
+      {"alloc refused twice",
+       false,
+       UCall::kHeapAlloc,
+       2,
+       false,
+       {},
+       {{"memutil", 163, ""}},
+       false},
+      {"realloc falls back to a new block", true, UCall::kHeapReAlloc, 1, false, {}, {}, true},
+      {"realloc fallback after failed validation",
+       true,
+       UCall::kHeapReAlloc,
+       1,
+       true,
+       {{514, "", "MemAlloc: HeapValidate failed"}},
+       {},
+       true},
+      {"realloc fallback refused",
+       true,
+       UCall::kHeapAlloc,
+       1,
+       false,
+       {},
+       {{"memutil", 215, ""}},
+       false},
+  };
+  for (const HeapFaultRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    auto* old = static_cast<unsigned char*>(MemAlloc(64));
+    for (int i = 0; i < 64; ++i) old[i] = static_cast<unsigned char>(0x40 + i);
+    ClearRecords();
+    if (row.realloc && row.failCall == UCall::kHeapAlloc) UFailCall(UCall::kHeapReAlloc, 1, 8);
+    UFailCall(row.failCall, 1, 8, row.failRepeat);
+    if (row.validateFails) UFailCall(UCall::kHeapValidate, 1, 1);
+    void* p = row.realloc ? MemRealloc(old, 200) : MemAlloc(200);
+    UClearFaults();
+    EXPECT_EQ(Lines(), row.lines);
+    EXPECT_EQ(Assertions(), row.assertions);
+    if (row.realloc) {
+      auto* q = static_cast<unsigned char*>(p);
+      ASSERT_NE(q, nullptr);
+      const unsigned size = row.succeeds ? 200 : 64;
+      EXPECT_EQ(MemSize(q), size);
+      for (int i = 0; i < 64; ++i) ASSERT_EQ(q[i], 0x40 + i) << i;
+      EXPECT_TRUE(AllZero(q + 64, size - 64));
+      EXPECT_EQ(Blocks(), 1);
+      EXPECT_EQ(Bytes(), static_cast<int>(size));
+      MemFree(q);
+    } else {
+      EXPECT_EQ(p != nullptr, row.succeeds);
+      EXPECT_EQ(Blocks(), row.succeeds ? 2 : 1);
+      EXPECT_EQ(Bytes(), row.succeeds ? 264 : 64);
+      MemFree(p);
+      MemFree(old);
+    }
+    EXPECT_EQ(Blocks(), 0);
+    EXPECT_EQ(Bytes(), 0);
+  }
+}
+
+TEST_F(MemTest, MemPackLogsFailedValidation) {
+  MemPack();
+  EXPECT_TRUE(Lines().empty());
+  UFailCall(UCall::kHeapValidate, 1, 1);
+  MemPack();
+  EXPECT_EQ(Lines(), (std::vector<LogLine>{{514, "", "MemPack: HeapValidate failed"}}));
+}
+
+TEST_F(MemTest, CountersHoldUnderConcurrentUse) {
+  constexpr int kThreads = 4;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      std::mt19937 rng(static_cast<unsigned>(t));
+      std::vector<void*> mine;
+      for (int i = 0; i < 20000; ++i) {
+        if (mine.size() < 50 && (rng() % 3 != 0 || mine.empty())) {
+          mine.push_back(MemAlloc(rng() % 512));
+        } else if (rng() % 2 == 0) {
+          const std::size_t k = rng() % mine.size();
+          mine[k] = MemRealloc(mine[k], rng() % 1024);
+        } else {
+          MemFree(mine.back());
+          mine.pop_back();
+        }
+      }
+      for (void* p : mine) MemFree(p);
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(Blocks(), 0);
+  EXPECT_EQ(Bytes(), 0);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(MemTest, BlockMoveOverlapsBothWays) {
+  struct Row {
+    const char* name;
+    int from;
+    int to;
+    unsigned n;
+  };
+  const Row rows[] = {
+      {"forward overlap", 0, 5, 20}, {"backward overlap", 5, 0, 20}, {"disjoint", 0, 40, 10},
+      {"same place", 3, 3, 10},      {"nothing", 0, 1, 0},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    unsigned char buf[64];
+    std::vector<unsigned char> model(64);
+    for (int i = 0; i < 64; ++i)
+      buf[i] = model[static_cast<std::size_t>(i)] = static_cast<unsigned char>(i);
+    const std::vector<unsigned char> source(model.begin() + row.from,
+                                            model.begin() + row.from + row.n);
+    std::copy(source.begin(), source.end(), model.begin() + row.to);
+    BlockMove(buf + row.from, buf + row.to, row.n);
+    EXPECT_EQ(std::vector<unsigned char>(buf, buf + 64), model);
+  }
+}
+
+TEST_F(MemTest, FillZeroAndCompare) {
+  unsigned char a[32];
+  unsigned char b[32];
+  BlockFill(a, 32, 0x5A);
+  BlockFill(b, 32, 0x5A);
+  EXPECT_EQ(EqualBlock(a, b, 32), 1);
+  ZeroFill(a + 10, 5);
+  for (int i = 0; i < 32; ++i) EXPECT_EQ(a[i], (i >= 10 && i < 15) ? 0 : 0x5A) << i;
+  EXPECT_EQ(EqualBlock(a, b, 10), 1);
+  EXPECT_EQ(EqualBlock(a, b, 11), 0);
+  EXPECT_EQ(EqualBlock(a, b, 0), 1);
+  BlockFill(a, 0, 1);
+  EXPECT_EQ(a[0], 0x5A);
+
+  struct Row {
+    unsigned value, multiple, ceiling, floor;
+  };
+  const Row rows[] = {{0, 8, 0, 0},  {1, 8, 8, 0},      {8, 8, 8, 8},
+                      {9, 8, 16, 8}, {100, 7, 105, 98}, {5, 0, 5, 5}};
+  for (const Row& r : rows) {
+    SCOPED_TRACE(testing::Message() << r.value << " by " << r.multiple);
+    EXPECT_EQ(Ceiling(r.value, r.multiple), r.ceiling);
+    EXPECT_EQ(Floor(r.value, r.multiple), r.floor);
+  }
+}
+
+UMEMORYSTATUS Status(std::size_t total, std::size_t avail) {
+  UMEMORYSTATUS s{};
+  s.dwTotalPhys = total;
+  s.dwAvailPhys = avail;
+  s.dwTotalVirtual = std::size_t{1} << 47;
+  s.dwAvailVirtual = std::size_t{1} << 46;
+  return s;
+}
+
+TEST_F(MemTest, MemAvailBudgets) {
+  constexpr std::size_t kMB = 1 << 20;
+  struct Row {
+    const char* name;
+    std::size_t total, avail;
+    short kind;
+    int percent;
+    unsigned expected;
+  };
+  const Row rows[] = {
+      {"nothing asked", 1024 * kMB, 256 * kMB, 0, 0, 0},
+      // (1 GB - 16 MB) / 100 / 2 * 100
+      {"kind 0: total less 16 MB", 1024 * kMB, 256 * kMB, 0, 100, 528482300},
+      {"kind 0: available above total less 16 MB", 32 * kMB, 30 * kMB, 0, 100, 15728600},
+      {"kind 0: less than 16 MB", 8 * kMB, 4 * kMB, 0, 100, 2097100},
+      {"kind below 0 as kind 0", 8 * kMB, 4 * kMB, -3, 50, 1048550},
+      {"kind 2: total / 100", 512 * kMB, 1 * kMB, 2, 100, 536870900},
+      {"kind 2: capped", 64 * 1024 * kMB, 1 * kMB, 2, 100, 1073741800},
+      {"kind 1: capped, 32 MB held", 2048 * kMB, 1 * kMB, 1, 10, 107374180},
+      // 64 GB reads as 4 GB - 1: (0xFFFFFFFF - 16 MB) / 100 / 2 * 100
+      {"kind 0: 32-bit figures", 64 * 1024 * kMB, 1 * kMB, 0, 100, 2139095000},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    const UMEMORYSTATUS s = Status(r.total, r.avail);
+    USetGlobalMemoryStatusOverride(&s);
+    EXPECT_EQ(MemAvail(r.kind, r.percent), r.expected);
+  }
+  EXPECT_TRUE(Assertions().empty());
+
+  const UMEMORYSTATUS s = Status(8 * kMB, 4 * kMB);
+  USetGlobalMemoryStatusOverride(&s);
+  EXPECT_EQ(MemAvail(0, 101), 2097100u);
+  EXPECT_EQ(MemAvail(0, -1), 0u);
+  EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{{"memutil", 332, ""}, {"memutil", 332, ""}}));
+}
+
+TEST_F(MemTest, MemAvailSearchesBelowTheBudget) {
+  constexpr std::size_t kMB = 1 << 20;
+  const UMEMORYSTATUS s = Status(1024 * kMB, 256 * kMB);  // kind 0 budget 528482300
+  USetGlobalMemoryStatusOverride(&s);
+  struct Row {
+    std::size_t limit;
+    unsigned expected;
+  };
+  // Worked by hand from the halving search: x = 264241150, step 264241150,
+  // minimum step 33030143.
+  const Row rows[] = {
+      {528482300, 528482300},  // the budget itself fits
+      {100000000, 66060288},   // 264241150 no, 132120575 no, 66060288 yes
+      {300000000, 264241150},  // 264241150 yes, 396361725 no, 330301438 no
+      {500000000, 462422012},  // 264241150, 396361725, 462422012 yes
+      {4096, 0},               // nothing fits: the step runs down below 4097
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.limit);
+    USetVirtualReserveLimit(r.limit);
+    const unsigned got = MemAvail(0, 100);
+    EXPECT_EQ(got, r.expected);
+    EXPECT_LE(got, r.limit);
+  }
+  // Kind 1 holds 32 MB aside: with reservations limited below it, the hold
+  // fails and the search goes on without it.
+  USetVirtualReserveLimit(0x1000000);
+  const UMEMORYSTATUS big = Status(2048 * kMB, 1 * kMB);  // kind 1 budget 1073741800
+  USetGlobalMemoryStatusOverride(&big);
+  // 536870900 halved down to 67108863 without a hit, then on below the
+  // minimum step until 8388610 fits.
+  EXPECT_EQ(MemAvail(1, 100), 8388610u);
+}
+
+TEST_F(MemTest, MemDebugReportAndBreaks) {
+  constexpr std::size_t kMB = 1 << 20;
+  const UMEMORYSTATUS s = Status(1024 * kMB, 256 * kMB);
+  USetGlobalMemoryStatusOverride(&s);
+  void* keep = MemAlloc(3000);
+  const int blocks = MemBlockCount();
+  const unsigned bytes = static_cast<unsigned>(MemByteCount());
+  const int breaks = UDebugBreakCount();
+  MemDebug(0);
+  ASSERT_EQ(Lines().size(), 6u);
+  for (const LogLine& l : Lines()) EXPECT_EQ(l.level, 513u) << l.text;
+  EXPECT_EQ(Lines()[0].text, "");
+  EXPECT_EQ(Lines()[1].format, "Memory Status at %~D...");
+  auto expect = [](const char* format, auto... values) {
+    TString t;
+    quarnel_args::WithArgs([&](const Args* args) { FormatLogLine(&t, format, args); }, values...);
+    return Utf8(t);
+  };
+  EXPECT_EQ(Lines()[2].text, expect("Utility:     heap %6~d %9K", blocks, bytes >> 10));
+  EXPECT_EQ(Lines()[3].text, expect("        available        %9K", 1073741800u >> 10));
+  EXPECT_EQ(Lines()[4].text, expect("      requestable        %9K", 1073741800u >> 10));
+  EXPECT_EQ(Lines()[5].text, expect("       bufferable        %9K", 528482300u >> 10));
+  EXPECT_EQ(UDebugBreakCount(), breaks);
+  MemFree(keep);
+
+  ClearRecords();
+  MemDebug(static_cast<int>(kMemDebugLast));
+  EXPECT_TRUE(Lines().empty());
+  EXPECT_EQ(UDebugBreakCount(), breaks);
+  MemDebug(1);
+  EXPECT_EQ(UDebugBreakCount(), breaks + 1);
+  EXPECT_TRUE(Lines().empty());
+}
+
+}  // namespace
