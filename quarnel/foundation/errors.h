@@ -1,7 +1,7 @@
 // The library's error codes. Every member and function of the library returns
 // an int: 0 for success, one of these negative codes for failure. Platform
 // error numbers never leave the library as they are; MapError turns them into
-// these codes (see errmap.h).
+// these codes (see error.h).
 #ifndef QUARNEL_FOUNDATION_ERRORS_H_
 #define QUARNEL_FOUNDATION_ERRORS_H_
 

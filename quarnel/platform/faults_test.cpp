@@ -1,0 +1,180 @@
+#include "quarnel/platform/faults.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+class FaultsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { UClearFaults(); }
+  void TearDown() override { UClearFaults(); }
+
+  // Makes `calls` calls of `call`; returns the 1-based indices that failed,
+  // and checks that each failure reports `winerr`.
+  static std::vector<int> Run(UCall call, int calls, unsigned winerr) {
+    std::vector<int> failed;
+    for (int i = 1; i <= calls; ++i) {
+      unsigned err = 0xDEAD;
+      if (UShouldFail(call, &err)) {
+        failed.push_back(i);
+        EXPECT_EQ(err, winerr) << "call " << i;
+      } else {
+        EXPECT_EQ(err, 0xDEADu) << "call " << i;
+      }
+    }
+    return failed;
+  }
+};
+
+TEST_F(FaultsTest, NthCallFailsForRepeatCalls) {
+  struct Row {
+    const char* name;
+    int nth;
+    int repeat;
+    std::vector<int> failed;  // of the next 8 calls
+  } rows[] = {
+      {"next call", 1, 1, {1}},
+      {"third call", 3, 1, {3}},
+      {"third and two more", 3, 3, {3, 4, 5}},
+      {"every call from the sixth", 6, -1, {6, 7, 8}},
+      {"every call", 1, -1, {1, 2, 3, 4, 5, 6, 7, 8}},
+      {"beyond the calls made", 9, 1, {}},
+      {"nth 0 arms nothing", 0, 1, {}},
+      {"negative nth arms nothing", -2, 1, {}},
+      {"repeat 0 arms nothing", 1, 0, {}},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    UClearFaults();
+    UFailCall(UCall::kWriteFile, r.nth, 112, r.repeat);
+    EXPECT_EQ(Run(UCall::kWriteFile, 8, 112), r.failed);
+  }
+}
+
+TEST_F(FaultsTest, CallsAreCountedSeparately) {
+  UFailCall(UCall::kWriteFile, 2, 112);
+  UFailCall(UCall::kReadFile, 1, 30, 2);
+  EXPECT_EQ(Run(UCall::kFlushFileBuffers, 4, 0), std::vector<int>{});
+  EXPECT_EQ(Run(UCall::kReadFile, 4, 30), (std::vector<int>{1, 2}));
+  EXPECT_EQ(Run(UCall::kWriteFile, 4, 112), (std::vector<int>{2}));
+}
+
+TEST_F(FaultsTest, ArmingAgainReplacesAndClearDisarms) {
+  UFailCall(UCall::kCreateFile, 2, 5);
+  UFailCall(UCall::kCreateFile, 4, 32);
+  EXPECT_EQ(Run(UCall::kCreateFile, 6, 32), (std::vector<int>{4}));
+
+  // Re-arming in the middle of a failing run starts over.
+  UFailCall(UCall::kCreateFile, 1, 5, 3);
+  EXPECT_EQ(Run(UCall::kCreateFile, 1, 5), (std::vector<int>{1}));
+  UFailCall(UCall::kCreateFile, 2, 6, 1);
+  EXPECT_EQ(Run(UCall::kCreateFile, 4, 6), (std::vector<int>{2}));
+
+  UFailCall(UCall::kHeapAlloc, 1, 8, -1);
+  UFailCall(UCall::kSetEndOfFile, 3, 112);
+  UClearFaults();
+  EXPECT_EQ(Run(UCall::kHeapAlloc, 4, 8), std::vector<int>{});
+  EXPECT_EQ(Run(UCall::kSetEndOfFile, 4, 112), std::vector<int>{});
+
+  // After a spent fault and a cleared one, arming works as before.
+  UFailCall(UCall::kHeapAlloc, 2, 8);
+  EXPECT_EQ(Run(UCall::kHeapAlloc, 3, 8), (std::vector<int>{2}));
+}
+
+TEST_F(FaultsTest, BadArgumentsAreIgnored) {
+  UFailCall(UCall::kCount, 1, 5);
+  UFailCall(static_cast<UCall>(-1), 1, 5);
+  unsigned err = 0;
+  EXPECT_FALSE(UShouldFail(UCall::kCount, &err));
+  EXPECT_FALSE(UShouldFail(static_cast<UCall>(-1), &err));
+  for (int c = 0; c < static_cast<int>(UCall::kCount); ++c) {
+    EXPECT_FALSE(UShouldFail(static_cast<UCall>(c), &err)) << c;
+  }
+  // A null error pointer is allowed.
+  UFailCall(UCall::kMultiByteToWideChar, 1, 1113);
+  EXPECT_TRUE(UShouldFail(UCall::kMultiByteToWideChar, nullptr));
+  EXPECT_FALSE(UShouldFail(UCall::kMultiByteToWideChar, nullptr));
+}
+
+TEST_F(FaultsTest, MatchesModelUnderRandomOperations) {
+  struct Model {
+    int countdown = 0;
+    int repeat = 0;
+    unsigned winerr = 0;
+  };
+  constexpr int kCalls = static_cast<int>(UCall::kCount);
+  Model model[kCalls];
+  std::mt19937 rng(5);
+  for (int step = 0; step < 20000; ++step) {
+    const int op = static_cast<int>(rng() % 100);
+    const int c = static_cast<int>(rng() % kCalls);
+    if (op < 10) {
+      const int nth = static_cast<int>(rng() % 6) - 1;
+      const int repeat = static_cast<int>(rng() % 5) - 1;
+      const unsigned winerr = 1 + rng() % 2000;
+      UFailCall(static_cast<UCall>(c), nth, winerr, repeat);
+      if (nth >= 1 && repeat != 0) model[c] = {nth, repeat, winerr};
+    } else if (op < 11) {
+      UClearFaults();
+      for (Model& m : model) m = Model{};
+    } else {
+      Model& m = model[c];
+      bool want = false;
+      if (m.countdown > 1) {
+        --m.countdown;
+      } else if (m.countdown == 1 || m.repeat != 0) {
+        m.countdown = 0;
+        want = true;
+        if (m.repeat > 0) --m.repeat;
+      }
+      unsigned err = 0;
+      ASSERT_EQ(UShouldFail(static_cast<UCall>(c), &err), want) << "step " << step;
+      if (want) {
+        ASSERT_EQ(err, m.winerr) << "step " << step;
+      }
+    }
+  }
+}
+
+TEST_F(FaultsTest, ThreadsShareOneCountdown) {
+  struct Row {
+    const char* name;
+    int nth;
+    int repeat;
+    int failures;
+  } rows[] = {
+      {"one failure", 1500, 1, 1},
+      {"ten failures", 700, 10, 10},
+      {"every call from the 3001st", 3001, -1, 1000},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    UClearFaults();
+    UFailCall(UCall::kWriteFile, r.nth, 39, r.repeat);
+    std::atomic<int> failures{0};
+    std::atomic<int> wrongError{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&] {
+        for (int i = 0; i < 1000; ++i) {
+          unsigned err = 0;
+          if (UShouldFail(UCall::kWriteFile, &err)) {
+            failures.fetch_add(1);
+            if (err != 39) wrongError.fetch_add(1);
+          }
+        }
+      });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(failures.load(), r.failures);
+    EXPECT_EQ(wrongError.load(), 0);
+  }
+}
+
+}  // namespace
