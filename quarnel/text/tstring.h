@@ -23,11 +23,12 @@
 
 #include "quarnel/foundation/export.h"
 #include "quarnel/text/args.h"
+#include "quarnel/text/sprintf.h"
 
 class QUARNEL_API TString {
  public:
-  static constexpr short kMaxLength = 16383;   // longest string, in code units
-  static constexpr int kInlineUnits = 262;     // inline area, terminator included
+  static constexpr short kMaxLength = 16383;  // longest string, in code units
+  static constexpr int kInlineUnits = 262;    // inline area, terminator included
   static constexpr int kMaxBufferBytes = 32768;
 
   TString();
@@ -130,9 +131,13 @@ class QUARNEL_API TString {
 
   // ---- Formatting (sprintf.cpp); the engine's contract is in sprintf.h ----
   void SPrintf(const TString* format, const Args* args);
-  void SPrintf(const TString* format, Args* args) { SPrintf(format, static_cast<const Args*>(args)); }
+  void SPrintf(const TString* format, Args* args) {
+    SPrintf(format, static_cast<const Args*>(args));
+  }
   void SPrintf(const char16_t* format, const Args* args);
-  void SPrintf(const char16_t* format, Args* args) { SPrintf(format, static_cast<const Args*>(args)); }
+  void SPrintf(const char16_t* format, Args* args) {
+    SPrintf(format, static_cast<const Args*>(args));
+  }
   void SPrintf(unsigned short listId, int key, const Args* args);
   void SPrintf(unsigned short listId, int key, Args* args) {
     SPrintf(listId, key, static_cast<const Args*>(args));
@@ -149,6 +154,42 @@ class QUARNEL_API TString {
   void SPrintf(unsigned short listId, int key, const A&... values) {
     quarnel_args::WithArgs([&](const Args* args) { SPrintf(listId, key, args); }, values...);
   }
+  int ParseTemplate(const TString* tmpl, unsigned short argCount, const Args* args);
+  int ParseTemplate(unsigned short listId, int key, const Args* args);
+  template <class... A>
+  int ParseTemplate(const TString* tmpl, unsigned short argCount, const A&... values) {
+    return quarnel_args::WithArgs(
+        [&](const Args* args) { return ParseTemplate(tmpl, argCount, args); }, values...);
+  }
+  template <class... A>
+  int ParseTemplate(unsigned short listId, int key, const A&... values) {
+    return quarnel_args::WithArgs(
+        [&](const Args* args) { return ParseTemplate(listId, key, args); }, values...);
+  }
+  int SScanf(const TString* format, const ScanArgs* outs) const;
+  int SScanf(const char16_t* format, const ScanArgs* outs) const;
+  int SScanf(unsigned short listId, int key, const ScanArgs* outs) const;
+  int SScanf(const TString* format, ScanArgs* outs) const {
+    return SScanf(format, static_cast<const ScanArgs*>(outs));
+  }
+  int SScanf(const char16_t* format, ScanArgs* outs) const {
+    return SScanf(format, static_cast<const ScanArgs*>(outs));
+  }
+  template <class... P>
+  int SScanf(const TString* format, P*... outs) const {
+    return quarnel_args::WithScanArgs([&](const ScanArgs* l) { return SScanf(format, l); },
+                                      outs...);
+  }
+  template <class... P>
+  int SScanf(const char16_t* format, P*... outs) const {
+    return quarnel_args::WithScanArgs([&](const ScanArgs* l) { return SScanf(format, l); },
+                                      outs...);
+  }
+  template <class... P>
+  int SScanf(unsigned short listId, int key, P*... outs) const {
+    return quarnel_args::WithScanArgs([&](const ScanArgs* l) { return SScanf(listId, key, l); },
+                                      outs...);
+  }
 
  protected:
   void init();
@@ -158,8 +199,30 @@ class QUARNEL_API TString {
   short findSubstringFrom(const char16_t* p, short len, short from, int caseSensitive) const;
 
  private:
+  // Assertion lines of the module "tstring".
+  enum AssertLine : int {
+    kLineLocked = 120,        // the text changed while a buffer is out
+    kLineRange = 130,         // a position, count, step or newline kind out of range
+    kLineNull = 140,          // a null argument where one is needed
+    kLineLockedAtDtor = 150,  // destroyed with a buffer still out
+    kLineAnsiOut = 160,       // a second 8-bit copy while one is out
+    kLineNotOut = 170,        // a release or close without its buffer
+    kLineBadCodePage = 232,   // a code-page selector other than 0 or 2
+    kLineOddSize = 1895,      // setBufferSize with an odd byte count
+    kLineTooLong = 1899,      // setBufferSize above 32768 bytes
+  };
+
   bool onHeap() const { return text_ != inline_; }
+  // Units the current storage holds, terminator included.
+  int capacityUnits() const;
   void checkUnlocked(int line) const;
+  // 8-bit helpers over a resolved code page (the system page, 2, 10000 or
+  // -1 for the library's own Mac Roman table).
+  void assignAnsiResolved(int codePage, const char* text, int len);
+  short fillAnsiResolved(int codePage, char* dst, int size) const;
+  int ansiPrefixUnits(int codePage, int bytes) const;
+  void swapUnits();
+  short stripEndsOf(const char16_t* set, short len, int which);
 
   short length_;
   unsigned short style_;
@@ -209,5 +272,26 @@ QUARNEL_API short AnsiByteCount(const char* text);
 // caseSensitive: -1, 0 or 1. A length of -1 counts to the terminator.
 QUARNEL_API int UCompareString(const char16_t* a, int lenA, const char16_t* b, int lenB,
                                int caseSensitive);
+
+namespace quarnel_internal {
+
+// The code page an 8-bit operation uses for `selector` (0 = the system ANSI
+// page, 2 = the Mac choice); any other selector asserts (tstring 232) and is
+// taken as 0. The Mac choice is 2, 10000 or -1 (the library's own table).
+QUARNEL_API int TStringResolveCodePage(int selector);
+
+// 8-bit to UTF-16 and back over a resolved code page, with Win32 meaning: a
+// destination length of 0 asks for the size; returns the units or bytes
+// written, 0 on failure. `srcLen` is a count (no -1).
+QUARNEL_API int TStringToWide(int codePage, const char* src, int srcLen, char16_t* dst, int dstLen);
+QUARNEL_API int TStringToAnsi(int codePage, const char16_t* src, int srcLen, char* dst, int dstLen);
+
+// Test seam: sets the process-wide cached choices as if they had been
+// computed (the system ANSI page; the Mac choice 2, 10000 or -1). Reset makes
+// the next 8-bit operation compute both again.
+QUARNEL_API void TStringSetCodePages(int acp, int mac);
+QUARNEL_API void TStringResetCodePages();
+
+}  // namespace quarnel_internal
 
 #endif  // QUARNEL_TEXT_TSTRING_H_

@@ -1,0 +1,1108 @@
+#include "quarnel/text/tstring.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "quarnel/foundation/debuglog.h"
+#include "quarnel/foundation/errors.h"
+#include "quarnel/foundation/memutil.h"
+#include "quarnel/platform/codepage.h"
+#include "quarnel/platform/faults.h"
+#include "quarnel/resources/resmgr.h"
+#include "tests/support/recording_hooks.h"
+
+namespace {
+
+using quarnel_internal::TStringResetCodePages;
+using quarnel_internal::TStringResolveCodePage;
+using quarnel_internal::TStringSetCodePages;
+
+// Reaches the protected members the tests need.
+class Probe : public TString {
+ public:
+  using TString::setBufferSize;
+  using TString::setByteOrder;
+  using TString::TString;
+};
+
+class TStringTest : public RecordingTest {
+ protected:
+  void TearDown() override {
+    TStringResetCodePages();
+    UClearFaults();
+    RecordingTest::TearDown();
+  }
+
+  std::vector<int> AssertionLines() const {
+    std::vector<int> lines;
+    for (const AssertionSeen& a : Assertions()) {
+      EXPECT_EQ(a.module, "tstring");
+      lines.push_back(a.line);
+    }
+    return lines;
+  }
+};
+
+std::u16string Repeat(char16_t ch, int n) {
+  return std::u16string(static_cast<std::size_t>(n), ch);
+}
+
+std::u16string Str(const TString& s) {
+  return std::u16string(s.Text(), static_cast<std::size_t>(s.Length()));
+}
+
+bool IsInline(const TString& s) {
+  const auto* p = reinterpret_cast<const char*>(s.Text());
+  const auto* o = reinterpret_cast<const char*>(&s);
+  return p >= o && p < o + sizeof(TString);
+}
+
+// ---- storage ---------------------------------------------------------------
+
+TEST_F(TStringTest, StorageGrowsInThirtyTwoByteStepsAndStaysOnTheHeap) {
+  struct Row {
+    int length;
+    bool heap;
+    unsigned block;  // bytes of the heap block
+  };
+  const Row rows[] = {
+      {0, false, 0},        {1, false, 0},        {261, false, 0},  {262, true, 544},
+      {270, true, 544},     {271, true, 576},     {300, true, 608}, {1000, true, 2016},
+      {16382, true, 32768}, {16383, true, 32768},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE("length " + std::to_string(r.length));
+    const int blocksBefore = MemBlockCount();
+    {
+      const std::u16string text = Repeat(u'x', r.length);
+      TString s(text.data(), static_cast<short>(r.length));
+      EXPECT_EQ(s.Length(), r.length);
+      EXPECT_EQ(s.Text()[r.length], 0);
+      EXPECT_EQ(!IsInline(s), r.heap);
+      EXPECT_EQ(MemBlockCount() - blocksBefore, r.heap ? 1 : 0);
+      if (r.heap) {
+        EXPECT_EQ(MemSize(s.Text()), r.block);
+      }
+    }
+    EXPECT_EQ(MemBlockCount(), blocksBefore);
+  }
+  EXPECT_TRUE(Assertions().empty());
+
+  // Once grown, a string keeps its heap block even when it gets short again,
+  // and a copy of a short string is inline.
+  TString s(Repeat(u'y', 400).data(), 400);
+  s.Assign(u"short");
+  EXPECT_FALSE(IsInline(s));
+  EXPECT_EQ(Str(s), u"short");
+  TString copy(s);
+  EXPECT_TRUE(IsInline(copy));
+  s.Append(Repeat(u'z', 300).data(), 300);
+  EXPECT_EQ(MemSize(s.Text()), 640u);  // 305 units: 612 bytes, rounded to 640
+  EXPECT_EQ(Str(s), u"short" + Repeat(u'z', 300));
+}
+
+TEST_F(TStringTest, OverlongAndOddSizesAssertAndAreClamped) {
+  const std::u16string text = Repeat(u'q', 20000);
+  TString s(text.data(), 20000);
+  EXPECT_EQ(s.Length(), TString::kMaxLength);
+  EXPECT_EQ(MemSize(s.Text()), 32768u);
+  EXPECT_EQ(s.Text()[TString::kMaxLength], 0);
+  EXPECT_EQ(AssertionLines(), std::vector<int>{1899});
+
+  ClearRecords();
+  TString a(text.data(), 16000);
+  a.Append(text.data(), 1000);
+  EXPECT_EQ(a.Length(), TString::kMaxLength);
+  EXPECT_EQ(AssertionLines(), std::vector<int>{1899});
+
+  ClearRecords();
+  Probe odd;
+  odd.setBufferSize(601);  // asserts, then makes room for 300 units
+  EXPECT_EQ(AssertionLines(), std::vector<int>{1895});
+  EXPECT_EQ(MemSize(odd.Text()), 608u);
+}
+
+TEST_F(TStringTest, AssignAndAppendCopeWithTheirOwnText) {
+  TString s(u"abcdef");
+  s.Assign(s.Text() + 2);
+  EXPECT_EQ(Str(s), u"cdef");
+  s.Append(s);
+  EXPECT_EQ(Str(s), u"cdefcdef");
+  s.Append(s.Text() + 6, -1);
+  EXPECT_EQ(Str(s), u"cdefcdefef");
+
+  // The same across the move from the inline area to the heap.
+  TString big(Repeat(u'm', 200).data(), 200);
+  big.Append(big);
+  EXPECT_EQ(Str(big), Repeat(u'm', 400));
+  big.Append(big.Text() + 390, -1);
+  EXPECT_EQ(big.Length(), 410);
+
+  const TString joined = TString(u"left ") + u"right";
+  EXPECT_EQ(Str(joined), u"left right");
+  EXPECT_EQ(Str(u"<" + joined + TString(u">")), u"<left right>");
+  EXPECT_TRUE(Assertions().empty());
+}
+
+// ---- single units, substrings, comparing -------------------------------------
+
+TEST_F(TStringTest, HashFollowsTheThirtyOneRule) {
+  struct Row {
+    std::u16string text;
+    int hash;
+  };
+  const Row rows[] = {
+      {u"", 0},
+      {u"a", 97},
+      {u"ab", 3105},
+      {u"abc", 96354},
+      // 31-fold growth wraps around 32 bits.
+      {u"hello world, wrapping", static_cast<int>(0xBA5AABF4u)},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(Utf8(r.text));
+    std::uint32_t model = r.text.empty() ? 0 : r.text[0];
+    for (std::size_t i = 1; i < r.text.size(); ++i) model = model * 31u + r.text[i];
+    EXPECT_EQ(static_cast<int>(model), r.hash) << "row table";
+    EXPECT_EQ(TString(r.text.c_str()).Hash(), r.hash);
+  }
+}
+
+TEST_F(TStringTest, FirstDiscrepancyAndIdentical) {
+  struct Row {
+    std::u16string a, b;
+    int first;
+  };
+  const Row rows[] = {
+      {u"", u"", -1},     {u"abc", u"abc", -1}, {u"abc", u"abd", 2}, {u"abc", u"ab", 2},
+      {u"ab", u"abc", 2}, {u"", u"x", 0},       {u"xbc", u"abc", 0}, {u"ABC", u"abc", 0},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(Utf8(r.a) + " / " + Utf8(r.b));
+    const TString a(r.a.c_str());
+    const TString b(r.b.c_str());
+    EXPECT_EQ(a.FirstDiscrepancy(b), r.first);
+    EXPECT_EQ(a.FirstDiscrepancy(r.b.c_str(), -1), r.first);
+    EXPECT_EQ(a.Identical(b), r.first == -1 ? 1 : 0);
+    EXPECT_EQ(a.Identical(r.b.c_str(), static_cast<short>(r.b.size())), r.first == -1 ? 1 : 0);
+  }
+}
+
+TEST_F(TStringTest, GetCharacterWalksOneBasedPositions) {
+  const TString s(u"abc");
+  short pos = s.GetHeadPosition();
+  ASSERT_EQ(pos, 1);
+  std::u16string forward;
+  while (pos != 0) forward += s.GetCharacter(&pos, 1);
+  EXPECT_EQ(forward, u"abc");
+
+  pos = s.GetTailPosition();
+  std::u16string backward;
+  while (pos != 0) backward += s.GetCharacter(&pos, -1);
+  EXPECT_EQ(backward, u"cba");
+
+  pos = 2;
+  EXPECT_EQ(s.GetCharacter(&pos, 0), u'b');
+  EXPECT_EQ(pos, 2);
+  pos = 4;  // length + 1: the terminator
+  EXPECT_EQ(s.GetCharacter(&pos, 0), 0);
+  EXPECT_TRUE(Assertions().empty());
+
+  EXPECT_EQ(TString().GetHeadPosition(), 0);
+
+  pos = 5;
+  EXPECT_EQ(s.GetCharacter(&pos, 1), 0);
+  EXPECT_EQ(pos, 5);
+  pos = 1;
+  EXPECT_EQ(s.GetCharacter(&pos, 2), u'a');  // asserts, taken as step 0
+  EXPECT_EQ(pos, 1);
+  EXPECT_EQ(s.GetCharacter(nullptr, 1), 0);
+  EXPECT_EQ(AssertionLines(), (std::vector<int>{130, 130, 140}));
+}
+
+TEST_F(TStringTest, UnitAccessAssertsOutsideTheText) {
+  TString s(u"xyz");
+  EXPECT_EQ(s.GetAt(2), u'z');
+  EXPECT_EQ(s[3], 0);
+  EXPECT_TRUE(Assertions().empty());
+  EXPECT_EQ(s.GetAt(4), 0);
+  EXPECT_EQ(s.GetAt(-1), 0);
+  s.SetAt(3, u'!');
+  EXPECT_EQ(Str(s), u"xyz");
+  s.SetAt(0, u'X');
+  EXPECT_EQ(Str(s), u"Xyz");
+  EXPECT_EQ(AssertionLines(), (std::vector<int>{130, 130, 130}));
+}
+
+TEST_F(TStringTest, SubstringsClampTheirCounts) {
+  const TString s(u"abcdef");
+  EXPECT_EQ(Str(s.Left(2)), u"ab");
+  EXPECT_EQ(Str(s.Left(99)), u"abcdef");
+  EXPECT_EQ(Str(s.Right(2)), u"ef");
+  EXPECT_EQ(Str(s.Right(-3)), u"");
+  EXPECT_EQ(Str(s.Mid(2, 3)), u"cde");
+  EXPECT_EQ(Str(s.Mid(4, -1)), u"ef");
+  EXPECT_EQ(Str(s.Mid(9, 2)), u"");
+  TString f;
+  f.Fill(u'-', 5);
+  EXPECT_EQ(Str(f), u"-----");
+}
+
+TEST_F(TStringTest, ComparisonOperatorsUseCollationAndIdenticalIsExact) {
+  const TString abc(u"abc");
+  EXPECT_EQ(abc.Compare(TString(u"abd")), -1);
+  EXPECT_EQ(abc.Compare(TString(u"abc")), 0);
+  EXPECT_EQ(abc.Compare(u"abb", -1, 1), 1);
+  EXPECT_EQ(abc.Compare(u"ABC", 3, 0), 0);
+  EXPECT_TRUE(abc == TString(u"abc"));
+  EXPECT_TRUE(abc == u"abc");
+  EXPECT_TRUE(u"abc" == abc);
+  EXPECT_TRUE(abc != u"abd");
+  EXPECT_TRUE(abc < u"abd");
+  EXPECT_TRUE(u"abd" > abc);
+  EXPECT_TRUE(abc <= TString(u"abc"));
+  EXPECT_TRUE(abc >= u"abb");
+  EXPECT_FALSE(abc == TString(u"ABC"));
+  EXPECT_FALSE(abc.Identical(TString(u"ABC")));
+}
+
+// ---- searching and editing -----------------------------------------------------
+
+TEST_F(TStringTest, FindFunctions) {
+  const TString s(u"one two one");
+  EXPECT_EQ(s.FindChar(u'o'), 0);
+  EXPECT_EQ(s.FindChar(u'o', 1), 6);
+  EXPECT_EQ(s.FindChar(u'o', 10, -1), 8);
+  EXPECT_EQ(s.FindChar(u'z'), -1);
+  EXPECT_EQ(TString().FindChar(u'a'), -1);
+
+  const TString one(u"ONE");
+  EXPECT_EQ(s.FindSubstring(&one, 0, 0), 0);
+  EXPECT_EQ(s.FindSubstring(&one, 1, 0), 8);
+  EXPECT_EQ(s.FindSubstring(&one, 0, 1), -1);
+  EXPECT_EQ(s.FindSubstring(u"two", 3, 0, 1), 4);
+  EXPECT_EQ(s.FindSubstring(u"one", 3, 9, 1), -1);
+  EXPECT_EQ(s.FindSubstring(u"", 0, 0, 1), -1);
+  EXPECT_EQ(s.FindSubstring(u"one two one!", -1, 0, 1), -1);
+
+  EXPECT_EQ(s.FindSet(u"wt", 2), 4);
+  EXPECT_EQ(s.FindSet(u"xyz", -1), -1);
+  TString r(s);
+  EXPECT_EQ(r.ReplaceSet(u'_', u" e", -1), 4);
+  EXPECT_EQ(Str(r), u"on__two_on_");
+}
+
+TEST_F(TStringTest, ReplaceSubstringTable) {
+  struct Row {
+    std::u16string text, from, to;
+    int caseSensitive;
+    short start, max;
+    int count;
+    std::u16string result;
+  };
+  const Row rows[] = {
+      {u"a-b-c", u"-", u"--", 1, 0, -1, 2, u"a--b--c"},
+      {u"a-b-c", u"-", u"", 1, 0, -1, 2, u"abc"},
+      {u"a-b-c", u"-", u"+", 1, 2, -1, 1, u"a-b+c"},
+      {u"a-b-c", u"-", u"+", 1, 0, 1, 1, u"a+b-c"},
+      {u"aaaa", u"aa", u"b", 1, 0, -1, 2, u"bb"},
+      {u"aaa", u"aa", u"b", 1, 0, -1, 1, u"ba"},
+      {u"Cat cat CAT", u"cat", u"dog", 0, 0, -1, 3, u"dog dog dog"},
+      {u"Cat cat CAT", u"cat", u"dog", 1, 0, -1, 1, u"Cat dog CAT"},
+      {u"abc", u"", u"x", 1, 0, -1, 0, u"abc"},
+      {u"abc", u"abcd", u"x", 1, 0, -1, 0, u"abc"},
+      {u"x", u"x", u"xx", 1, 0, -1, 1, u"xx"},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(Utf8(r.text) + " " + Utf8(r.from) + "->" + Utf8(r.to));
+    TString s(r.text.c_str());
+    const TString from(r.from.c_str());
+    const TString to(r.to.c_str());
+    EXPECT_EQ(s.ReplaceSubstring(&from, &to, r.caseSensitive, r.start, r.max), r.count);
+    EXPECT_EQ(Str(s), r.result);
+  }
+  // Growth across the inline limit.
+  TString s(Repeat(u'.', 200).data(), 200);
+  EXPECT_EQ(s.ReplaceSubstring(u".", 1, u"ab", 2, 1, 0, -1), 200);
+  EXPECT_EQ(Str(s), [] {
+    std::u16string t;
+    for (int i = 0; i < 200; ++i) t += u"ab";
+    return t;
+  }());
+}
+
+TEST_F(TStringTest, ConvertNewlinesTable) {
+  struct Row {
+    int from, to;
+    std::u16string result;
+  };
+  const std::u16string text = u"a\rb\nc\r\nd";
+  const Row rows[] = {
+      {0, 1, u"a\nb\nc\n\nd"},     {0, 2, u"a\r\nb\nc\r\n\nd"}, {1, 0, u"a\rb\rc\r\rd"},
+      {1, 2, u"a\rb\r\nc\r\r\nd"}, {2, 0, u"a\rb\nc\rd"},       {2, 1, u"a\rb\nc\nd"},
+      {1, 1, u"a\rb\nc\r\nd"},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(std::to_string(r.from) + " -> " + std::to_string(r.to));
+    TString s(text.c_str());
+    s.ConvertNewlines(r.from, r.to);
+    EXPECT_EQ(Str(s), r.result);
+  }
+  EXPECT_TRUE(Assertions().empty());
+  TString s(text.c_str());
+  s.ConvertNewlines(3, 0);
+  EXPECT_EQ(Str(s), text);
+  EXPECT_EQ(AssertionLines(), std::vector<int>{130});
+}
+
+TEST_F(TStringTest, StripEndsAndStripHotkey) {
+  struct StripRow {
+    int which;
+    std::u16string result;
+    int removed;
+  };
+  const StripRow strips[] = {{1, u"ab  ", 2}, {-1, u"  ab", 2}, {0, u"ab", 4}};
+  for (const StripRow& r : strips) {
+    SCOPED_TRACE("which " + std::to_string(r.which));
+    TString s(u"  ab  ");
+    EXPECT_EQ(s.StripEnds(u' ', r.which), r.removed);
+    EXPECT_EQ(Str(s), r.result);
+  }
+  TString s(u"-+x+-");
+  const TString set(u"+-");
+  EXPECT_EQ(s.StripEnds(&set, 0), 4);
+  EXPECT_EQ(Str(s), u"x");
+  TString all(u"----");
+  EXPECT_EQ(all.StripEnds(u'-', 0), 4);
+  EXPECT_EQ(all.Length(), 0);
+
+  struct HotRow {
+    std::u16string text, result;
+    int stripped;
+  };
+  const HotRow hot[] = {
+      {u"Save &As", u"Save As", 1},    {u"R&&D", u"R&&D", 0},
+      {u"Fish &", u"Fish &", 0},       {u"&File", u"File", 1},
+      {u"a & b &c", u"a & b c", 1},    {u"&&&x", u"&&x", 1},
+      {u"no marker", u"no marker", 0}, {u"", u"", 0},
+  };
+  for (const HotRow& r : hot) {
+    SCOPED_TRACE(Utf8(r.text));
+    TString h(r.text.c_str());
+    EXPECT_EQ(h.StripHotkey(), r.stripped);
+    EXPECT_EQ(Str(h), r.result);
+  }
+}
+
+TEST_F(TStringTest, MakeUpperAndLowerFoldAsciiOnly) {
+  TString s(u"abc XYZ \u00e9\u00c9 1");
+  s.MakeUpper();
+  EXPECT_EQ(Str(s), u"ABC XYZ \u00e9\u00c9 1");
+  s.MakeLower();
+  EXPECT_EQ(Str(s), u"abc xyz \u00e9\u00c9 1");
+}
+
+TEST_F(TStringTest, GetNthTokenCountsFieldsFromEitherEnd) {
+  struct Row {
+    std::u16string text;
+    short n, dir;
+    int start;
+    std::u16string field;
+  };
+  const Row rows[] = {
+      {u"a,bb,,ccc", 1, 1, 0, u"a"},
+      {u"a,bb,,ccc", 2, 1, 2, u"bb"},
+      {u"a,bb,,ccc", 3, 1, 5, u""},
+      {u"a,bb,,ccc", 4, 1, 6, u"ccc"},
+      {u"a,bb,,ccc", 5, 1, -1, u""},
+      {u"a,bb,,ccc", 1, -1, 6, u"ccc"},
+      {u"a,bb,,ccc", 3, -1, 2, u"bb"},
+      {u"a,bb,,ccc", 4, -1, 0, u"a"},
+      {u"a,bb,,ccc", 5, -1, -1, u""},
+      {u"plain", 1, 1, 0, u"plain"},
+      {u"plain", 1, -1, 0, u"plain"},
+      {u"plain", 0, 1, -1, u""},
+      {u"", 1, 1, 0, u""},
+      {u"x,", 2, 1, 2, u""},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(Utf8(r.text) + " n=" + std::to_string(r.n) + " dir=" + std::to_string(r.dir));
+    const TString s(r.text.c_str());
+    TString out(u"old");
+    EXPECT_EQ(s.GetNthToken(&out, u',', r.n, r.dir), r.start);
+    EXPECT_EQ(Str(out), r.field);
+  }
+}
+
+TEST_F(TStringTest, MatchPatternTable) {
+  struct Row {
+    std::u16string pattern, text;
+    int caseSensitive;
+    int match;
+  };
+  const Row rows[] = {
+      {u"a?c", u"abc", 0, 1},
+      {u"a?c", u"ac", 0, 0},
+      {u"a?c", u"abc", 1, 0},
+      {u"a?c", u"a?c", 1, 1},
+      {u"a?c", u"A?C", 1, 0},
+      {u"ABC", u"abc", 0, 1},
+      {u"ab?", u"ab", 0, 0},
+      {u"*", u"", 1, 1},
+      {u"*", u"anything", 0, 1},
+      {u"*.txt", u"a.txt", 1, 1},
+      {u"*.txt", u"a.txt.bak", 1, 0},
+      {u"a*b*c", u"aXbYbZc", 1, 1},
+      {u"a*b*c", u"aXbYbZ", 1, 0},
+      {u"**x", u"abx", 1, 1},
+      {u"a*", u"a", 1, 1},
+      {u"", u"", 1, 1},
+      {u"", u"a", 1, 0},
+      {u"abc", u"ab", 1, 0},
+      {u"*?", u"", 0, 0},
+      {u"*?", u"z", 0, 1},
+      {u"*b", u"bbb", 1, 1},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(Utf8(r.pattern) + " ~ " + Utf8(r.text) + " cs=" + std::to_string(r.caseSensitive));
+    const TString pattern(r.pattern.c_str());
+    EXPECT_EQ(TString(r.text.c_str()).MatchPattern(&pattern, r.caseSensitive), r.match);
+  }
+}
+
+// ---- locks -------------------------------------------------------------------
+
+TEST_F(TStringTest, ChangingALockedStringAssertsAndProceeds) {
+  TString s(u"abc");
+  char16_t* p = s.GetBuffer(10);
+  std::memcpy(p, u"hello", 10);
+  s.Assign(u"xyz");  // asserts, goes on
+  EXPECT_EQ(AssertionLines(), std::vector<int>{120});
+  std::memcpy(p, u"hello", 12);
+  s.ReleaseBuffer(0);
+  EXPECT_EQ(Str(s), u"hello");
+
+  p = s.GetBuffer(-1);
+  p[0] = u'J';
+  s.ReleaseBuffer(-1);
+  EXPECT_EQ(Str(s), u"Jello");
+  p = s.GetBuffer(300);  // moves to the heap, the text comes along
+  EXPECT_EQ(std::u16string(p, 5), u"Jello");
+  for (int i = 0; i < 300; ++i) p[i] = u'k';
+  s.ReleaseBuffer(300);
+  EXPECT_EQ(Str(s), Repeat(u'k', 300));
+
+  ClearRecords();
+  const char* read = s.ReadBufferAnsi(0);
+  ASSERT_NE(read, nullptr);
+  EXPECT_EQ(std::string(read), std::string(300, 'k'));
+  s.Append(u'!');
+  s.CloseBufferAnsi();
+  s.Append(u'!');
+  EXPECT_EQ(s.Length(), 302);
+  EXPECT_EQ(AssertionLines(), std::vector<int>{120});
+
+  ClearRecords();
+  s.ReleaseBuffer(-1);
+  s.CloseBufferAnsi();
+  s.ReleaseBufferAnsi();
+  EXPECT_EQ(AssertionLines(), (std::vector<int>{170, 170, 170}));
+
+  ClearRecords();
+  {
+    TString leak(u"x");
+    leak.GetBuffer(-1);
+  }
+  EXPECT_EQ(AssertionLines(), std::vector<int>{150});
+}
+
+TEST_F(TStringTest, OnlyOneEightBitCopyAtATime) {
+  TStringSetCodePages(1252, 2);
+  TString s(u"caf\u00e9");
+  char* w = s.GetBufferAnsi(8, 0);
+  ASSERT_NE(w, nullptr);
+  EXPECT_EQ(std::string(w), "caf\xe9");
+  EXPECT_EQ(s.ReadBufferAnsi(0), w);  // the copy already out
+  EXPECT_EQ(AssertionLines(), std::vector<int>{160});
+  std::strcpy(w, "na\xefve");
+  s.ReleaseBufferAnsi();
+  EXPECT_EQ(Str(s), u"na\u00efve");
+  EXPECT_EQ(s.CodePage(), 1252);
+
+  // The writable copy is cut to the size asked for.
+  w = s.GetBufferAnsi(2, 0);
+  EXPECT_EQ(std::string(w), "na");
+  s.ReleaseBufferAnsi();
+  EXPECT_EQ(Str(s), u"na");
+}
+
+// ---- 8-bit text ------------------------------------------------------------------
+
+TEST_F(TStringTest, SelectorsOtherThanZeroAndTwoAssert) {
+  TStringSetCodePages(1252, 10000);
+  EXPECT_EQ(TStringResolveCodePage(0), 1252);
+  EXPECT_EQ(TStringResolveCodePage(2), 10000);
+  EXPECT_TRUE(Assertions().empty());
+  EXPECT_EQ(TStringResolveCodePage(1), 1252);
+  TString s;
+  EXPECT_EQ(s.AssignAnsi("\xe9", -1, 7), 1);
+  EXPECT_EQ(Str(s), u"\u00e9");
+  EXPECT_EQ(AssertionLines(), (std::vector<int>{232, 232}));
+}
+
+TEST_F(TStringTest, MacChoiceProbesThePlatformThenFallsBackToTheTable) {
+  TStringResetCodePages();
+  EXPECT_EQ(TStringResolveCodePage(2), 2);
+  EXPECT_TRUE(Lines().empty());
+
+  // Both probes fail: page 2, then page 10000.
+  TStringResetCodePages();
+  UFailCall(UCall::kMultiByteToWideChar, 1, 87, 2);
+  EXPECT_EQ(TStringResolveCodePage(2), -1);
+  EXPECT_EQ(Lines(), std::vector<LogLine>(
+                         {{517, "", "Mac code pages failed: using internal translation instead"}}));
+  // The choice is cached: no second probe, no second line.
+  EXPECT_EQ(TStringResolveCodePage(2), -1);
+  EXPECT_EQ(Lines().size(), 1u);
+}
+
+TEST_F(TStringTest, InternalMacRomanTableRoundTripsEveryByte) {
+  TStringSetCodePages(1252, -1);
+  char bytes[256];
+  for (int i = 0; i < 256; ++i) bytes[i] = static_cast<char>(i);
+  TString s;
+  EXPECT_EQ(s.AssignAnsi(bytes, 256, 2), 256);
+  ASSERT_EQ(s.Length(), 256);
+  EXPECT_EQ(s.CodePage(), -1);
+  for (int i = 0; i < 128; ++i) EXPECT_EQ(s[static_cast<short>(i)], i);
+  struct Row {
+    int byte;
+    char16_t unit;
+  };
+  const Row rows[] = {{0x80, 0x00C4}, {0x81, 0x00C5}, {0x82, 0x00C7}, {0x83, 0x00C9},
+                      {0xA5, 0x2022}, {0xAA, 0x2122}, {0xBD, 0x03A9}, {0xC8, 0x00BB},
+                      {0xC9, 0x2026}, {0xCA, 0x00A0}, {0xD9, 0x0178}, {0xDB, 0x20AC},
+                      {0xDE, 0xFB01}, {0xDF, 0xFB02}, {0xF0, 0xF8FF}, {0xF5, 0x0131},
+                      {0xFF, 0x02C7}};
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.byte);
+    EXPECT_EQ(s[static_cast<short>(r.byte)], r.unit);
+  }
+  // The table agrees with the platform's own Mac Roman page.
+  char16_t platform[128];
+  ASSERT_EQ(UMultiByteToWideChar(kCpMacRoman, 0, bytes + 128, 128, platform, 128), 128);
+  for (int i = 0; i < 128; ++i) {
+    SCOPED_TRACE(0x80 + i);
+    EXPECT_EQ(s[static_cast<short>(128 + i)], platform[i]);
+  }
+
+  char back[257];
+  EXPECT_EQ(s.FillBufferAnsi(back, 257, 2), 256);
+  EXPECT_EQ(std::memcmp(back, bytes, 256), 0);
+
+  // Units the table lacks become byte 7.
+  TString odd(u"\u20ac\u0416\u00a4x");
+  char out[8];
+  EXPECT_EQ(odd.FillBufferAnsi(out, 8, 2), 4);
+  EXPECT_EQ(std::string(out), "\xdb\x07\x07x");
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(TStringTest, InternalTranslationOnAJapaneseSystemUsesPage932) {
+  TStringSetCodePages(932, -1);
+  TString s;
+  s.AssignAnsi("a\x82\xa0z", -1, 2);
+  EXPECT_EQ(Str(s), u"a\u3042z");
+  char out[8];
+  EXPECT_EQ(s.FillBufferAnsi(out, 8, 2), 4);
+  EXPECT_EQ(std::string(out), "a\x82\xa0z");
+}
+
+TEST_F(TStringTest, LeftAnsiNeverSplitsADoubleByteCharacter) {
+  TStringSetCodePages(932, 2);
+  // a, HIRAGANA A (82 A0), b, KATAKANA KA (83 4A)
+  const TString s(u"a\u3042b\u30ab");
+  struct Row {
+    int bytes;
+    std::u16string prefix;
+  };
+  const Row rows[] = {{0, u""},
+                      {1, u"a"},
+                      {2, u"a"},  // the lead byte would sit in the last allowed position
+                      {3, u"a\u3042"},
+                      {4, u"a\u3042b"},
+                      {5, u"a\u3042b"},
+                      {6, u"a\u3042b\u30ab"},
+                      {60, u"a\u3042b\u30ab"}};
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.bytes);
+    EXPECT_EQ(Str(s.LeftAnsi(r.bytes, 0)), r.prefix);
+    char buf[64];
+    const short n = s.FillBufferAnsi(buf, static_cast<short>(r.bytes + 1), 0);
+    EXPECT_EQ(n, static_cast<short>(std::string(buf).size()));
+    TString back;
+    back.AssignAnsi(buf, n, 0);
+    EXPECT_EQ(Str(back), r.prefix);
+  }
+}
+
+TEST_F(TStringTest, AppendAnsiConvertsAndAppends) {
+  TStringSetCodePages(1252, 10000);
+  TString s(u"x");
+  s.AppendAnsi("\x80\xe9", -1, 0);
+  EXPECT_EQ(Str(s), u"x\u20ac\u00e9");
+  s.AppendAnsi("\xdb", 1, 2);
+  EXPECT_EQ(Str(s), u"x\u20ac\u00e9\u20ac");
+  EXPECT_EQ(s.CodePage(), 10000);
+  s.AppendAnsi(nullptr, -1, 0);
+  EXPECT_EQ(s.Length(), 4);
+}
+
+// ---- string lists ------------------------------------------------------------
+
+class KList {
+ public:
+  KList& Entry(const char* tag, const std::string& text) {
+    const auto len = static_cast<std::uint16_t>(4 + text.size());
+    Put16(len);
+    bytes_.insert(bytes_.end(), tag, tag + 4);
+    bytes_.insert(bytes_.end(), text.begin(), text.end());
+    if (len & 1) bytes_.push_back(0);
+    return *this;
+  }
+  KList& Raw16(std::uint16_t v) {
+    Put16(v);
+    return *this;
+  }
+  KList& End() { return Raw16(0xFFFF); }
+  const std::vector<unsigned char>& Bytes() const { return bytes_; }
+
+ private:
+  void Put16(std::uint16_t v) {
+    unsigned char b[2];
+    std::memcpy(b, &v, 2);
+    bytes_.insert(bytes_.end(), b, b + 2);
+  }
+  std::vector<unsigned char> bytes_;
+};
+
+constexpr unsigned Tag(const char (&t)[5]) {
+  return (unsigned(t[0]) << 24) | (unsigned(t[1]) << 16) | (unsigned(t[2]) << 8) | unsigned(t[3]);
+}
+
+class LoadKStringTest : public TStringTest {
+ protected:
+  void Register(const KList& list) {
+    list_ = list.Bytes();
+    RMAddHostKList(kListId, list_.data(), static_cast<int>(list_.size()));
+  }
+  void TearDown() override {
+    RMAddHostKList(kListId, nullptr, 0);
+    TStringTest::TearDown();
+  }
+  static constexpr unsigned short kListId = 31000;
+  std::vector<unsigned char> list_;
+};
+
+TEST_F(LoadKStringTest, FindsTheTaggedEntry) {
+  TStringSetCodePages(1252, 2);
+  Register(KList().Entry("Name", "Vellomarch").Entry("Odd1", "abc").Entry("Euro", "\x80 5").End());
+  struct Row {
+    unsigned key;
+    int result;
+    std::u16string text;
+  };
+  const Row rows[] = {{Tag("Name"), 1, u"Vellomarch"},
+                      {Tag("Odd1"), 1, u"abc"},
+                      {Tag("Euro"), 1, u"\u20ac 5"},
+                      {Tag("None"), 0, u""}};
+  for (const Row& r : rows) {
+    SCOPED_TRACE(Utf8(r.text));
+    TString s(u"previous");
+    EXPECT_EQ(s.LoadKString(kListId, r.key), r.result);
+    EXPECT_EQ(Str(s), r.text);
+    EXPECT_EQ(Str(TString(kListId, r.key)), r.text);
+  }
+  EXPECT_TRUE(Lines().empty());
+
+  TString s(u"x");
+  EXPECT_EQ(s.LoadKString(kListId + 1, Tag("Name")), 0);
+  EXPECT_EQ(s.LoadKString(kListId + 1, 0xFFFF), 1);
+  EXPECT_TRUE(s.IsEmpty());
+}
+
+TEST_F(LoadKStringTest, DumpLogsEveryTag) {
+  Register(KList().Entry("Aaaa", "1").Entry("Bbbb", "22").End());
+  TString s;
+  EXPECT_EQ(s.LoadKString(kListId, 0xFFFF), 1);
+  ASSERT_EQ(Lines().size(), 2u);
+  for (const LogLine& l : Lines()) {
+    EXPECT_EQ(l.level, 515u);
+    EXPECT_EQ(l.format, "%y");
+  }
+}
+
+TEST_F(LoadKStringTest, MalformedListsAreLoggedAndYieldNothing) {
+  struct Row {
+    const char* name;
+    KList list;
+    std::string line;
+  };
+  const Row rows[] = {
+      {"runs off the end", KList().Entry("Aaaa", "x"),
+       "LoadKString: Bad resource looking for Name in ID 31000"},
+      {"short entry", KList().Entry("Aaaa", "x").Raw16(3).Raw16(0x4141),
+       "LoadKString: Bad resource looking for Name in ID 31000"},
+      {"entry longer than the list", KList().Entry("Aaaa", "x").Raw16(40).Raw16(0x4141),
+       "LoadKString: Bad resource looking for Name in ID 31000"},
+      {"top bit in the next tag", KList().Entry("Aaaa", "x").Entry("B\xe2zz", "y").End(),
+       "LoadKString: Invalid signature (B\xc3\xa2zz) looking for Name in ID 31000"},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    ClearRecords();
+    Register(r.list);
+    TString s(u"x");
+    EXPECT_EQ(s.LoadKString(kListId, Tag("Name")), 0);
+    EXPECT_TRUE(s.IsEmpty());
+    ASSERT_EQ(Lines().size(), 1u);
+    EXPECT_EQ(Lines()[0].level, 517u);
+    if (std::string(r.name) != "top bit in the next tag") {
+      EXPECT_EQ(Lines()[0].text, r.line);
+    } else {
+      EXPECT_EQ(Lines()[0].format, "LoadKString: Invalid signature (%Y) looking for %Y in ID %~d");
+    }
+  }
+  // A tag with no bit of 0x60 is as bad as one with a top bit.
+  ClearRecords();
+  Register(KList().Entry("Aaaa", "x").Entry("\x01\x02\x03\x04", "y").End());
+  TString s;
+  EXPECT_EQ(s.LoadKString(kListId, Tag("Name")), 0);
+  ASSERT_EQ(Lines().size(), 1u);
+  EXPECT_EQ(Lines()[0].format, "LoadKString: Invalid signature (%Y) looking for %Y in ID %~d");
+}
+
+// ---- the stored record -----------------------------------------------------------
+
+std::vector<unsigned char> Record(const TString& s, int swap = 0) {
+  std::vector<unsigned char> out(s.StoreSize() + 8, 0xEE);
+  const int n = s.Export(out.data(), static_cast<int>(out.size()), swap);
+  EXPECT_EQ(n, static_cast<int>(s.StoreSize()));
+  out.resize(static_cast<std::size_t>(n > 0 ? n : 0));
+  return out;
+}
+
+TEST_F(TStringTest, ExportWritesTheDocumentedBytes) {
+  Probe one(u"A");
+  one.SetStyle(0x1234);
+  one.SetExtra(0xA1B2C3D4);
+  one.setByteOrder(7);
+  const std::vector<unsigned char> oneBytes = {
+      0x2E, 0x72, 0x74, 0x53, 0x00, 0x01, 0x00, 0x01,  // 'Str.', 256, 256
+      0x01, 0x00, 0x34, 0x12, 0xD4, 0xC3, 0xB2, 0xA1,  // length, style, extra
+      0x07, 0,    0,    0,    0,    0,    0,    0,     // byte order, zeros
+      0x41, 0x00, 0x00, 0x00,                          // "A", terminator
+  };
+  EXPECT_EQ(Record(one), oneBytes);
+
+  const std::vector<unsigned char> emptyBytes = {
+      0x2E, 0x72, 0x74, 0x53, 0x00, 0x01, 0x00, 0x01, 0, 0, 0, 0, 0, 0,
+      0,    0,    0,    0,    0,    0,    0,    0,    0, 0, 0, 0, 0, 0,
+  };
+  EXPECT_EQ(Record(TString()), emptyBytes);
+
+  // The other byte order: everything but the extra word is reversed.
+  const std::vector<unsigned char> swapped = {
+      0x53, 0x74, 0x72, 0x2E, 0x01, 0x00, 0x01, 0x00, 0x00, 0x01, 0x12, 0x34, 0xD4, 0xC3,
+      0xB2, 0xA1, 0x07, 0,    0,    0,    0,    0,    0,    0,    0x00, 0x41, 0x00, 0x00,
+  };
+  EXPECT_EQ(Record(one, 1), swapped);
+
+  struct Row {
+    int length;
+    unsigned size;
+  };
+  const Row rows[] = {{261, 548}, {262, 552}, {16383, 32792}};
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.length);
+    std::u16string text;
+    for (int i = 0; i < r.length; ++i) text += static_cast<char16_t>(0x3000 + i);
+    const TString s(text.data(), static_cast<short>(r.length));
+    EXPECT_EQ(s.StoreSize(), r.size);
+    EXPECT_EQ(s.StorBufferSize(), static_cast<unsigned>(2 * r.length + 2));
+    const std::vector<unsigned char> rec = Record(s);
+    ASSERT_EQ(rec.size(), r.size);
+    EXPECT_EQ(std::vector<unsigned char>(rec.begin(), rec.begin() + 8),
+              (std::vector<unsigned char>{0x2E, 0x72, 0x74, 0x53, 0x00, 0x01, 0x00, 0x01}));
+    EXPECT_EQ(rec[8] | (rec[9] << 8), r.length);
+    for (int i = 10; i < 24; ++i) EXPECT_EQ(rec[static_cast<std::size_t>(i)], 0) << i;
+    for (int i = 0; i < r.length; ++i) {
+      const std::size_t at = 24 + 2 * static_cast<std::size_t>(i);
+      ASSERT_EQ(rec[at] | (rec[at + 1] << 8), 0x3000 + i) << i;
+    }
+    for (std::size_t i = 24 + 2 * static_cast<std::size_t>(r.length); i < rec.size(); ++i)
+      EXPECT_EQ(rec[i], 0) << i;
+
+    std::vector<unsigned char> raw(s.StorBufferSize());
+    s.StorBuffer(raw.data(), static_cast<unsigned>(raw.size()));
+    EXPECT_TRUE(std::equal(raw.begin(), raw.end(), rec.begin() + 24));
+
+    std::vector<unsigned char> small(r.size - 1);
+    EXPECT_EQ(s.Export(small.data(), static_cast<int>(small.size())), kErrExportBufferTooSmall);
+  }
+}
+
+TEST_F(TStringTest, ImportReadsRecordsAndRefusesBadOnes) {
+  Probe source(u"persisted text");
+  source.SetStyle(9);
+  source.SetExtra(0x01020304);
+  source.setByteOrder(1);
+  const std::vector<unsigned char> good = Record(source);
+  const std::vector<unsigned char> foreign = Record(source, 1);
+
+  const auto patched = [&](std::size_t at, std::initializer_list<unsigned char> bytes) {
+    std::vector<unsigned char> r = good;
+    std::copy(bytes.begin(), bytes.end(), r.begin() + static_cast<long>(at));
+    return r;
+  };
+  struct Row {
+    const char* name;
+    std::vector<unsigned char> bytes;
+    int size;  // -1: all of them
+    int swap;
+    int result;
+  };
+  const int full = static_cast<int>(good.size());
+  const Row rows[] = {
+      {"whole record", good, -1, 0, full},
+      {"whole record, swap allowed", good, -1, 1, full},
+      {"other byte order, swap allowed", foreign, -1, 1, full},
+      {"other byte order", foreign, -1, 0, kErrPersistOtherByteOrder},
+      {"below 24 bytes", good, 23, 0, kErrImportDataTooShort},
+      {"shorter than the record", good, full - 1, 0, kErrImportDataTooShort},
+      {"other type", patched(0, {0x2E, 0x65, 0x74, 0x44}), -1, 0, kErrPersistWrongSignature},
+      {"malformed signature", patched(0, {0, 0, 0, 0}), -1, 0, kErrPersistBadSignature},
+      {"too old", patched(4, {0x00, 0x01, 0xFF, 0x00}), -1, 0, kErrPersistTooOld},
+      {"too new", patched(4, {0x01, 0x01, 0x01, 0x01}), -1, 0, kErrPersistTooNew},
+      {"length beyond the data", patched(8, {0xFF, 0x00}), -1, 0, kErrImportDataTooShort},
+      {"length beyond any string", patched(8, {0x20, 0x4E}), 60000, 0, kErrInvalidData},
+      {"negative length", patched(8, {0xFF, 0xFF}), 60000, 0, kErrInvalidData},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    std::vector<unsigned char> bytes = r.bytes;
+    if (r.size > full) bytes.resize(static_cast<std::size_t>(r.size), 0);
+    Probe s(u"unchanged");
+    s.SetStyle(5);
+    s.SetExtra(6);
+    const int result = s.Import(bytes.data(), r.size < 0 ? full : r.size, r.swap);
+    EXPECT_EQ(result, r.result);
+    if (result > 0) {
+      EXPECT_EQ(Str(s), u"persisted text");
+      EXPECT_EQ(s.Style(), 9);
+      EXPECT_EQ(s.Extra(), 0x01020304u);
+      EXPECT_EQ(s.ByteOrder(), 1);
+    } else {
+      EXPECT_EQ(Str(s), u"unchanged");
+      EXPECT_EQ(s.Style(), 5);
+      EXPECT_EQ(s.Extra(), 6u);
+    }
+  }
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(TStringTest, ExportImportRoundTripAcrossLengths) {
+  std::mt19937 rng(7);
+  for (int length : {0, 1, 2, 3, 261, 262, 1000, 16383}) {
+    SCOPED_TRACE(length);
+    std::u16string text;
+    for (int i = 0; i < length; ++i) text += static_cast<char16_t>(rng());
+    TString s(text.data(), static_cast<short>(length));
+    s.SetStyle(static_cast<unsigned short>(length));
+    for (int swap = 0; swap < 2; ++swap) {
+      const std::vector<unsigned char> rec = Record(s, swap);
+      TString back;
+      EXPECT_EQ(back.Import(rec.data(), static_cast<int>(rec.size()), 1),
+                static_cast<int>(rec.size()));
+      EXPECT_TRUE(back.Identical(s));
+      EXPECT_EQ(back.Style(), s.Style());
+    }
+  }
+}
+
+TEST_F(TStringTest, OldImportReadsTheEarlierLayout) {
+  const unsigned char native[] = {'x',  'x',  'x', 'x', 2,    0,   0x22, 0x11, 0x44, 0x33,
+                                  0x22, 0x11, 9,   'h', 0x00, 'i', 0x00, 0x00, 0x00};
+  TString s;
+  EXPECT_EQ(s.OldImport(native, 0), 19);
+  EXPECT_EQ(Str(s), u"hi");
+  EXPECT_EQ(s.Style(), 0x1122);
+  EXPECT_EQ(s.Extra(), 0x11223344u);
+  EXPECT_EQ(s.ByteOrder(), 9);
+
+  const unsigned char foreign[] = {'x',  'x',  'x', 'x',  0,   2,    0x11, 0x22, 0x44, 0x33,
+                                   0x22, 0x11, 9,   0x00, 'h', 0x00, 'i',  0x00, 0x00};
+  TString f;
+  EXPECT_EQ(f.OldImport(foreign, 1), 19);
+  EXPECT_EQ(Str(f), u"hi");
+  EXPECT_EQ(f.Style(), 0x1122);
+  EXPECT_EQ(f.Extra(), 0x11223344u);
+
+  // A length no string can have is refused and the string is kept.
+  const unsigned char tooLong[] = {'x', 'x', 'x', 'x', 0xFF, 0x7F, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  TString bad(u"kept");
+  EXPECT_EQ(bad.OldImport(tooLong, 0), kErrInvalidData);
+  EXPECT_EQ(Str(bad), u"kept");
+  EXPECT_EQ(Lines(), std::vector<LogLine>({{517, "", "TString::OldImport: bad length 32767"}}));
+}
+
+TEST_F(TStringTest, MarshallSwapsStyleAndUnitsButNotExtra) {
+  TString s(u"AB");
+  s.SetStyle(0x0102);
+  s.SetExtra(0x01020304);
+  s.Marshall();
+  EXPECT_EQ(s.Style(), 0x0201);
+  EXPECT_EQ(s.Extra(), 0x01020304u);
+  EXPECT_EQ(Str(s), (std::u16string{0x4100, 0x4200}));
+  EXPECT_EQ(s.Length(), 2);
+}
+
+// ---- model -----------------------------------------------------------------------
+
+TEST_F(TStringTest, RandomOperationsMatchAStdU16StringModel) {
+  std::mt19937 rng(20240611);
+  const auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
+  const auto randomText = [&](int maxLen) {
+    std::u16string t;
+    const int n = pick(maxLen + 1);
+    for (int i = 0; i < n; ++i) t += static_cast<char16_t>(u'a' + pick(4));
+    return t;
+  };
+  TString s;
+  std::u16string m;
+  bool grown = false;
+  for (int step = 0; step < 6000; ++step) {
+    const int op = pick(13);
+    SCOPED_TRACE("step " + std::to_string(step) + " op " + std::to_string(op) + " length " +
+                 std::to_string(m.size()));
+    switch (op) {
+      case 0: {
+        const std::u16string t = randomText(pick(2) ? 20 : 600);
+        s.Assign(t.data(), static_cast<short>(t.size()));
+        m = t;
+        break;
+      }
+      case 1: {
+        const std::u16string t = randomText(pick(2) ? 10 : 150);
+        s.Append(t.data(), static_cast<short>(t.size()));
+        m += t;
+        break;
+      }
+      case 2: {
+        const char16_t ch = static_cast<char16_t>(u'a' + pick(26));
+        s += ch;
+        m += ch;
+        break;
+      }
+      case 3:
+        if (m.size() < 3000) {
+          s += s;
+          m += m;
+        }
+        break;
+      case 4: {
+        const short n = static_cast<short>(pick(static_cast<int>(m.size()) + 5));
+        s = s.Left(n);
+        m = m.substr(0, std::min<std::size_t>(n, m.size()));
+        break;
+      }
+      case 5: {
+        const short start = static_cast<short>(pick(static_cast<int>(m.size()) + 1));
+        const short n = static_cast<short>(pick(40) - 1);
+        s = s.Mid(start, n);
+        m = n < 0 ? m.substr(start) : m.substr(start, static_cast<std::size_t>(n));
+        break;
+      }
+      case 6: {
+        const TString from(u"ab");
+        const TString to(pick(2) ? u"X" : u"YYY");
+        const short count = s.ReplaceSubstring(&from, &to);
+        short expected = 0;
+        for (std::size_t at = m.find(u"ab"); at != std::u16string::npos;
+             at = m.find(u"ab", at + to.Length())) {
+          m.replace(at, 2, Str(to));
+          ++expected;
+        }
+        EXPECT_EQ(count, expected);
+        break;
+      }
+      case 7: {
+        const short removed = s.StripEnds(u'a', 0);
+        const std::size_t first = m.find_first_not_of(u'a');
+        const std::u16string before = m;
+        m = first == std::u16string::npos ? u""
+                                          : m.substr(first, m.find_last_not_of(u'a') - first + 1);
+        EXPECT_EQ(removed, static_cast<short>(before.size() - m.size()));
+        break;
+      }
+      case 8: {
+        const std::u16string needle = randomText(3);
+        const short from = static_cast<short>(pick(static_cast<int>(m.size()) + 1));
+        const std::size_t want =
+            needle.empty() ? std::u16string::npos : m.find(needle, static_cast<std::size_t>(from));
+        EXPECT_EQ(s.FindSubstring(needle.data(), static_cast<short>(needle.size()), from, 1),
+                  want == std::u16string::npos ? -1 : static_cast<short>(want));
+        break;
+      }
+      case 9:
+        if (!m.empty()) {
+          const short pos = static_cast<short>(pick(static_cast<int>(m.size())));
+          s.SetAt(pos, u'Z');
+          m[static_cast<std::size_t>(pos)] = u'Z';
+        }
+        break;
+      case 10:
+        if (pick(8) == 0) {
+          s.Clear();
+          m.clear();
+        }
+        break;
+      case 11: {
+        TString copy(s);
+        EXPECT_TRUE(copy.Identical(s));
+        s = copy + u"!";
+        m += u"!";
+        break;
+      }
+      case 12: {
+        const char16_t ch = static_cast<char16_t>(u'a' + pick(4));
+        const std::size_t want = m.rfind(ch);
+        EXPECT_EQ(s.FindChar(ch, static_cast<short>(m.size()) - 1, -1),
+                  want == std::u16string::npos ? -1 : static_cast<short>(want));
+        break;
+      }
+    }
+    if (m.size() > static_cast<std::size_t>(TString::kMaxLength)) {
+      m.resize(TString::kMaxLength);
+      ClearRecords();
+    }
+    ASSERT_EQ(Str(s), m);
+    ASSERT_EQ(s.Text()[s.Length()], 0);
+    std::uint32_t hash = m.empty() ? 0 : m[0];
+    for (std::size_t i = 1; i < m.size(); ++i) hash = hash * 31u + m[i];
+    ASSERT_EQ(s.Hash(), static_cast<int>(hash));
+    // Up to 261 units a string that never grew stays inside the object.
+    if (m.size() > 261) grown = true;
+    if (!grown) {
+      ASSERT_TRUE(IsInline(s));
+    }
+  }
+  EXPECT_TRUE(Assertions().empty());
+}
+
+}  // namespace
