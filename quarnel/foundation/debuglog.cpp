@@ -6,6 +6,7 @@
 
 #include "quarnel/foundation/alert.h"
 #include "quarnel/platform/debugout.h"
+#include "quarnel/text/sprintf.h"
 #include "quarnel/text/tstring.h"
 
 namespace {
@@ -97,13 +98,8 @@ int DebugLogTest(std::intptr_t value) {
 }
 
 void FormatLogLine(TString* out, const char* format, const Args* args) {
-  // Log formats are narrow text; each byte becomes one code unit.
-  TString wide;
-  if (format != nullptr) {
-    for (const char* p = format; *p; ++p)
-      wide.Append(static_cast<char16_t>(static_cast<unsigned char>(*p)));
-  }
-  out->SPrintf(&wide, args);
+  // Log formats are narrow text; each byte stands for one code unit.
+  quarnel_internal::FormatNarrow(out, format, args);
 }
 
 void Debug(const char* file, int line) { Assertion(file, line, nullptr); }

@@ -593,13 +593,16 @@ TEST_F(TStringTest, InternalMacRomanTableRoundTripsEveryByte) {
     SCOPED_TRACE(r.byte);
     EXPECT_EQ(s[static_cast<short>(r.byte)], r.unit);
   }
-  // The table agrees with the platform's own Mac Roman page.
+  // The table agrees with the platform's own Mac Roman page but for 0xBD:
+  // Windows' page 10000 reads it as the Ohm sign U+2126, the published Mac OS
+  // Roman mapping that the internal table follows as Greek capital omega.
   char16_t platform[128];
   ASSERT_EQ(UMultiByteToWideChar(kCpMacRoman, 0, bytes + 128, 128, platform, 128), 128);
   for (int i = 0; i < 128; ++i) {
     SCOPED_TRACE(0x80 + i);
-    EXPECT_EQ(s[static_cast<short>(128 + i)], platform[i]);
+    EXPECT_EQ(s[static_cast<short>(128 + i)], 0x80 + i == 0xBD ? u'\u03A9' : platform[i]);
   }
+  EXPECT_EQ(platform[0xBD - 0x80], u'\u2126');
 
   char back[257];
   EXPECT_EQ(s.FillBufferAnsi(back, 257, 2), 256);

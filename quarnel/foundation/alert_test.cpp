@@ -1,0 +1,619 @@
+#include "quarnel/foundation/alert.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "quarnel/foundation/debuglog.h"
+#include "quarnel/foundation/errors.h"
+#include "quarnel/foundation/memutil.h"
+#include "quarnel/platform/debugger.h"
+#include "quarnel/platform/msgbox.h"
+#include "quarnel/platform/threadid.h"
+#include "quarnel/platform/vmem.h"
+#include "tests/support/recording_hooks.h"
+
+namespace {
+
+struct BoxSeen {
+  std::string text;
+  std::string title;
+  unsigned style;
+};
+
+std::vector<BoxSeen> g_boxes;
+int g_button = kIdOk;
+
+int Responder(const char16_t* text, const char16_t* title, unsigned style) {
+  g_boxes.push_back({Utf8(std::u16string(text)), Utf8(std::u16string(title)), style});
+  return g_button;
+}
+
+// What a hook saw: the slot, the style, the format and the argument words.
+struct HookCall {
+  int slot;
+  int style;
+  std::string format;
+  std::vector<long long> words;
+};
+std::vector<HookCall> g_calls;
+
+std::vector<long long> Words(const Args* args) {
+  std::vector<long long> out;
+  for (int i = 0; args && i < args->count; ++i)
+    out.push_back(static_cast<long long>(args->items[i].i));
+  return out;
+}
+
+std::string Text(const TString* s) { return s ? Utf8(*s) : std::string("(null)"); }
+
+class AlertTest : public RecordingTest {
+ protected:
+  void SetUp() override {
+    RecordingTest::SetUp();
+    g_boxes.clear();
+    g_calls.clear();
+    g_button = kIdOk;
+    USetMessageBoxResponder(Responder);
+  }
+  void TearDown() override {
+    for (int i = 0; i < 2; ++i) HookAlertf(i, nullptr);
+    for (int i = 0; i < 4; ++i) HookQueryf(i, nullptr);
+    HookAlertParse(nullptr);
+    HookSuspendOtherThreads(nullptr);
+    HookTriggerScript(nullptr);
+    HookAssembleScriptArgs(nullptr);
+    HookProcessScriptErr(nullptr);
+    HookGetThreadCount(nullptr);
+    HookEnumThreads(nullptr);
+    HookDebugLogGet(nullptr);
+    HookDebugLogSet(nullptr);
+    HookDebugLogTest(nullptr);
+    HookUserTextOutW(nullptr);
+    USetMessageBoxResponder(nullptr);
+    RecordingTest::TearDown();
+  }
+};
+
+TEST_F(AlertTest, DefaultsWithoutHooks) {
+  TString s(u"script");
+  EXPECT_EQ(GetThreadCount(), 1);
+  EXPECT_EQ(TriggerScript(&s, &s, &s, &s, 1, 2), 0);
+  EXPECT_EQ(AssembleScriptArgs(&s, &s, &s, &s), 0);
+  EXPECT_EQ(ProcessScriptErr(1, 2, &s, &s, &s, 3, &s, &s), 0);
+  SuspendOtherThreads();
+  EXPECT_EQ(DebugLogGet(7), 0);
+  EXPECT_EQ(DebugLogTest(514), 0);
+  DebugLogSet(1);
+  EXPECT_EQ(UserTextOutW(), nullptr);
+  EXPECT_EQ(StackOverflow(), 0);
+
+  // Without a log hook the library's lines go nowhere.
+  HookDebugLogfChar(nullptr);
+  EXPECT_EQ(DebugLogf(kLogPlatform, "MemPack: HeapValidate failed"), 0);
+  HookDebugLogf(nullptr);
+  const TString wide(u"wide %d");
+  EXPECT_EQ(DebugLogf(kLogPlatform, &wide, 3), 0);
+  EXPECT_TRUE(Lines().empty());
+  EXPECT_TRUE(g_boxes.empty());
+  EXPECT_TRUE(Assertions().empty());
+}
+
+std::vector<std::intptr_t> g_settings;
+
+TEST_F(AlertTest, LogSettingHooksPassTheirArgumentThrough) {
+  HookDebugLogGet([](std::intptr_t v) {
+    g_settings.push_back(v);
+    return 11;
+  });
+  HookDebugLogSet([](std::intptr_t v) {
+    g_settings.push_back(v);
+    return 12;
+  });
+  HookDebugLogTest([](std::intptr_t v) {
+    g_settings.push_back(v);
+    return 13;
+  });
+  g_settings.clear();
+  const std::intptr_t big = static_cast<std::intptr_t>(0x123456789ABCLL);
+  EXPECT_EQ(DebugLogGet(big), 11);
+  DebugLogSet(-5);
+  EXPECT_EQ(DebugLogTest(519), 13);
+  EXPECT_EQ(g_settings, (std::vector<std::intptr_t>{big, -5, 519}));
+  HookDebugLogGet(nullptr);
+  EXPECT_EQ(DebugLogGet(big), 0);
+}
+
+TEST_F(AlertTest, MessagePrefixChoosesIconAndIsRemoved) {
+  struct Row {
+    const char16_t* format;
+    unsigned icon;
+    const char* shown;
+  };
+  const Row rows[] = {
+      {u"!#Disk full", 0x30, "Disk full"},  // 0x30 | 0x10
+      {u"+Careful", 0x30, "Careful"},
+      {u"#Stop", 0x10, "Stop"},
+      {u"*Note", 0x40, "Note"},
+      {u"?Sure", 0x20, "Sure"},
+      {u"*?Both", 0x60, "Both"},
+      {u"<>?Bracketed", 0x20, "Bracketed"},
+      {u"/a/bb//d/e/Tagged", 0, "Tagged"},
+      {u"!/1/2/3/4/5/#Tag between", 0x30, "Tag between"},
+      {u"Plain! text", 0, "Plain! text"},
+      {u" !Space first", 0, " !Space first"},
+      {u"", 0, ""},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(Utf8(std::u16string(row.format)));
+    g_boxes.clear();
+    const TString format(row.format);
+    Alertf(&format);
+    ASSERT_EQ(g_boxes.size(), 1u);
+    EXPECT_EQ(g_boxes[0].text, row.shown);
+    EXPECT_EQ(g_boxes[0].style, row.icon | 0x50000u);
+
+    TString parsed(row.format);
+    EXPECT_EQ(AlertParse(&parsed), static_cast<int>(row.icon));
+    EXPECT_EQ(Utf8(parsed), row.shown);
+  }
+  EXPECT_TRUE(Assertions().empty());
+
+  // A text that ends inside the tag asserts; all of it is the prefix.
+  TString open(u"!/a/b/c/d");
+  EXPECT_EQ(AlertParse(&open), 0x30);
+  EXPECT_EQ(Utf8(open), "");
+  EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{{"alert", 452, ""}}));
+}
+
+TEST_F(AlertTest, StyleWordChoosesButtons) {
+  struct Row {
+    int style;
+    unsigned box;
+  };
+  const Row rows[] = {
+      {0x000, kMbOk},
+      {0x002, kMbOkCancel},
+      {0x100, kMbRetryCancel},
+      {0x103, kMbAbortRetryIgnore},
+      {0x102, kMbRetryCancel},
+      {0x200, kMbYesNoCancel},
+      {0x202, kMbYesNo},
+      {0x300, kMbYesNoCancel},
+      {0x302, kMbYesNo},
+      {0x400, kMbOk},
+      {0x402, kMbOkCancel},
+      {0x010, kMbOk},
+      {0x020, kMbOk | kMbDefButton2},
+      {0x232, kMbYesNo | kMbDefButton3},
+      {0x143, kMbAbortRetryIgnore | kMbDefButton4},
+      {0x050, kMbOk},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(testing::Message() << std::hex << row.style);
+    EXPECT_EQ(quarnel_internal::AlertButtonStyle(row.style), row.box);
+    g_boxes.clear();
+    const TString format(u"*Question");
+    Queryf(row.style, &format);
+    ASSERT_EQ(g_boxes.size(), 1u);
+    EXPECT_EQ(g_boxes[0].style, row.box | 0x40u | 0x50000u);
+  }
+}
+
+TEST_F(AlertTest, ButtonsMapToAnswers) {
+  struct Row {
+    int button;
+    int answer;
+  };
+  const Row rows[] = {
+      {kIdOk, kAnswerOk},       {kIdCancel, kAnswerYes},    {kIdAbort, kAnswerYes},
+      {kIdRetry, kAnswerRetry}, {kIdIgnore, kAnswerIgnore}, {kIdYes, kAnswerYes},
+      {kIdNo, kAnswerNo},
+  };
+  const TString format(u"Go on?");
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.button);
+    g_button = row.button;
+    EXPECT_EQ(Queryf(0x0102, &format), row.answer);
+    EXPECT_EQ(DefaultQueryf(0x0102, &format, nullptr), row.answer);
+    EXPECT_EQ(DefaultAlertf(&format, nullptr), row.answer);
+  }
+  // Yes/no, "no" pressed.
+  g_boxes.clear();
+  g_button = kIdNo;
+  EXPECT_EQ(Queryf(0x0202, &format), -1202);
+  ASSERT_EQ(g_boxes.size(), 1u);
+  EXPECT_EQ(g_boxes[0].style & 0xF, kMbYesNo);
+  EXPECT_EQ(g_boxes[0].text, "Go on?");
+}
+
+TEST_F(AlertTest, HeadlessBoxAnswersTheDefaultButton) {
+  struct Row {
+    unsigned style;
+    int button;
+  };
+  const Row rows[] = {
+      {kMbOk, kIdOk},
+      {kMbOk | kMbDefButton2, kIdOk},  // beyond the set: the first button
+      {kMbOkCancel | kMbDefButton2, kIdCancel},
+      {kMbAbortRetryIgnore | kMbDefButton3, kIdIgnore},
+      {kMbYesNoCancel, kIdYes},
+      {kMbYesNoCancel | kMbDefButton3, kIdCancel},
+      {kMbYesNo | kMbDefButton2, kIdNo},
+      {kMbRetryCancel, kIdRetry},
+      {kMbYesNo | kMbDefButton4, kIdYes},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(testing::Message() << std::hex << row.style);
+    EXPECT_EQ(UMessageBoxDefaultButton(row.style), row.button);
+  }
+  // Without a responder the box writes to standard error and answers the
+  // default: yes/no with the second button as default gives "no".
+  USetMessageBoxResponder(nullptr);
+  const TString format(u"?Overwrite %d files");
+  testing::internal::CaptureStderr();
+  const int answer = Queryf(0x0222, &format, 3);
+  const std::string shown = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(answer, kAnswerNo);
+  EXPECT_NE(shown.find("Question: Overwrite 3 files\n"), std::string::npos) << shown;
+}
+
+TEST_F(AlertTest, AlertHooksReceiveFormatStyleAndArguments) {
+  HookAlertf(0, [](const TString* f, const Args* a) {
+    g_calls.push_back({0, -1, Text(f), Words(a)});
+    return 0;
+  });
+  HookAlertf(1, [](int style, const TString* f, const Args* a) {
+    g_calls.push_back({1, style, Text(f), Words(a)});
+    return 0;
+  });
+  const TString format(u"!%d of %d");
+  Alertf(&format, 3, 4);
+  Alertf(0x30, &format, 5);
+  const TArg items[] = {quarnel_args::MakeArg(9)};
+  Args list{items, 1};
+  Alertf(&format, &list);
+  Alertf(0x102, &format, static_cast<const Args*>(&list));
+  ASSERT_EQ(g_calls.size(), 4u);
+  EXPECT_EQ(g_calls[0].slot, 0);
+  EXPECT_EQ(g_calls[0].format, "!%d of %d");  // the hook gets the prefix as it is
+  EXPECT_EQ(g_calls[0].words, (std::vector<long long>{3, 4}));
+  EXPECT_EQ(g_calls[1].slot, 1);
+  EXPECT_EQ(g_calls[1].style, 0x30);
+  EXPECT_EQ(g_calls[1].words, (std::vector<long long>{5}));
+  EXPECT_EQ(g_calls[2].slot, 0);
+  EXPECT_EQ(g_calls[2].words, (std::vector<long long>{9}));
+  EXPECT_EQ(g_calls[3].style, 0x102);
+  EXPECT_TRUE(g_boxes.empty());
+
+  // A hook of the other kind is adapted to its slot.
+  g_calls.clear();
+  HookAlertf(0, [](int style, const TString* f, const Args* a) {
+    g_calls.push_back({10, style, Text(f), Words(a)});
+    return 0;
+  });
+  HookAlertf(1, [](const TString* f, const Args* a) {
+    g_calls.push_back({11, -1, Text(f), Words(a)});
+    return 0;
+  });
+  Alertf(&format, 1);
+  Alertf(0x200, &format, 2);
+  ASSERT_EQ(g_calls.size(), 2u);
+  EXPECT_EQ(g_calls[0].slot, 10);
+  EXPECT_EQ(g_calls[0].style, 0);
+  EXPECT_EQ(g_calls[1].slot, 11);
+  EXPECT_EQ(g_calls[1].words, (std::vector<long long>{2}));
+
+  // Null restores the default box.
+  HookAlertf(0, nullptr);
+  HookAlertf(1, nullptr);
+  Alertf(&format, 1, 2);
+  Alertf(0x202, &format, 1, 2);
+  ASSERT_EQ(g_boxes.size(), 2u);
+  EXPECT_EQ(g_boxes[0].text, "1 of 2");
+  EXPECT_EQ(g_boxes[0].style, 0x30u | 0x50000u);
+  EXPECT_EQ(g_boxes[1].style, kMbYesNo | 0x30u | 0x50000u);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(AlertTest, DefaultBoxFormatsAtMostTenWords) {
+  const TString format(u"%d %d %d %d %d %d %d %d %d %d %d");
+  Alertf(&format, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11);
+  ASSERT_EQ(g_boxes.size(), 1u);
+  // The eleventh conversion has no argument and prints as 0.
+  EXPECT_EQ(g_boxes[0].text, "1 2 3 4 5 6 7 8 9 10 0");
+}
+
+TEST_F(AlertTest, HookIndexOutOfRangeAsserts) {
+  AlertfProc alert = [](const TString*, const Args*) { return 0; };
+  QueryfProc query = [](int, const TString*, const Args*) { return 0; };
+  struct Row {
+    bool isQuery;
+    int index;
+    int line;  // 0: no assertion
+  };
+  const Row rows[] = {
+      {false, 0, 0},   {false, 1, 0},     {false, 2, 45},      {false, -1, 45},
+      {false, 15, 45}, {false, 1000, 45}, {true, 0, 0},        {true, 3, 0},
+      {true, 4, 58},   {true, -7, 58},    {true, 1 << 30, 58},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(testing::Message() << (row.isQuery ? "query " : "alert ") << row.index);
+    ClearRecords();
+    if (row.isQuery) {
+      HookQueryf(row.index, query);
+      HookQueryf(row.index, nullptr);
+    } else {
+      HookAlertf(row.index, alert);
+      HookAlertf(row.index, nullptr);
+    }
+    if (row.line == 0) {
+      EXPECT_TRUE(Assertions().empty());
+    } else {
+      EXPECT_EQ(Assertions(),
+                (std::vector<AssertionSeen>{{"alert", row.line, ""}, {"alert", row.line, ""}}));
+    }
+  }
+}
+
+TEST_F(AlertTest, InputQueriesWithoutHookSayNoUi) {
+  unsigned choice = 0;
+  TString choices(u"a|b");
+  TString text;
+  const TString format(u"Pick %d");
+  TDate* date = nullptr;
+  const Args none{};
+  struct Row {
+    const char* line;
+    int (*ask)(unsigned*, TString*, TString*, const TString*, TDate*, const Args*);
+  };
+  const Row rows[] = {
+      {"Queryf(choose...): no UI available",
+       [](unsigned* c, TString* l, TString*, const TString* f, TDate*, const Args*) {
+         return Queryf(0, c, l, f, 1);
+       }},
+      {"Queryf(choose): no UI available",
+       [](unsigned* c, TString* l, TString*, const TString* f, TDate*, const Args* a) {
+         return Queryf(0, c, l, f, a);
+       }},
+      {"Queryf(text...): no UI available",
+       [](unsigned*, TString*, TString* t, const TString* f, TDate*, const Args*) {
+         return Queryf(0, 40u, t, f, 1);
+       }},
+      {"Queryf(text): no UI available",
+       [](unsigned*, TString*, TString* t, const TString* f, TDate*, const Args* a) {
+         return Queryf(0, 40u, t, f, a);
+       }},
+      {"Queryf(date...): no UI available",
+       [](unsigned*, TString*, TString*, const TString* f, TDate* d, const Args*) {
+         return Queryf(0, d, f, 1);
+       }},
+      {"Queryf(date): no UI available", [](unsigned*, TString*, TString*, const TString* f,
+                                           TDate* d, const Args* a) { return Queryf(0, d, f, a); }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.line);
+    ClearRecords();
+    EXPECT_EQ(row.ask(&choice, &choices, &text, &format, date, &none), -1203);
+    EXPECT_EQ(Lines(), (std::vector<LogLine>{{515, "", row.line}}));
+  }
+  // A hook of another kind in a slot leaves the query at its default.
+  HookQueryf(0, [](int, unsigned, TString*, const TString*, const Args*) { return 1; });
+  ClearRecords();
+  EXPECT_EQ(Queryf(0, &choice, &choices, &format, 1), -1203);
+  EXPECT_EQ(Lines(), (std::vector<LogLine>{{515, "", "Queryf(choose...): no UI available"}}));
+  EXPECT_TRUE(g_boxes.empty());
+}
+
+TEST_F(AlertTest, InputQueryHooksGetTheirArguments) {
+  HookQueryf(0, [](int style, unsigned* choice, TString* choices, const TString* f, const Args* a) {
+    *choice = 2;
+    g_calls.push_back({0, style, Text(choices) + "|" + Text(f), Words(a)});
+    return 0;
+  });
+  HookQueryf(1, [](int style, unsigned max, TString* text, const TString* f, const Args* a) {
+    *text = u"typed";
+    g_calls.push_back({1, style, std::to_string(max) + "|" + Text(f), Words(a)});
+    return -1201;
+  });
+  HookQueryf(2, [](int style, TDate* date, const TString* f, const Args* a) {
+    g_calls.push_back({2, style, (date ? "date|" : "null|") + Text(f), Words(a)});
+    return -1202;
+  });
+  HookQueryf(3, [](int style, const TString* f, const Args* a) {
+    g_calls.push_back({3, style, Text(f), Words(a)});
+    return -1206;
+  });
+  unsigned choice = 0;
+  TString choices(u"x|y|z");
+  TString text;
+  const TString format(u"Q");
+  EXPECT_EQ(Queryf(7, &choice, &choices, &format, 1, 2), 0);
+  EXPECT_EQ(choice, 2u);
+  EXPECT_EQ(Queryf(8, 40u, &text, &format), -1201);
+  EXPECT_EQ(Utf8(text), "typed");
+  EXPECT_EQ(Queryf(9, static_cast<TDate*>(nullptr), &format, 5), -1202);
+  EXPECT_EQ(Queryf(0x102, &format, 6), -1206);
+  ASSERT_EQ(g_calls.size(), 4u);
+  EXPECT_EQ(g_calls[0].format, "x|y|z|Q");
+  EXPECT_EQ(g_calls[0].words, (std::vector<long long>{1, 2}));
+  EXPECT_EQ(g_calls[1].style, 8);
+  EXPECT_EQ(g_calls[1].format, "40|Q");
+  EXPECT_EQ(g_calls[2].format, "null|Q");
+  EXPECT_EQ(g_calls[2].words, (std::vector<long long>{5}));
+  EXPECT_EQ(g_calls[3].style, 0x102);
+  EXPECT_TRUE(Lines().empty());
+  EXPECT_TRUE(g_boxes.empty());
+}
+
+TEST_F(AlertTest, ScriptAndThreadHooks) {
+  HookTriggerScript([](TString* a, TString* b, TString*, TString* d, const Args* w) {
+    g_calls.push_back({0, 0, Text(a) + Text(b) + Text(d), Words(w)});
+    return 21;
+  });
+  HookAssembleScriptArgs([](TString* a, TString*, TString*, TString*, const Args* w) {
+    g_calls.push_back({1, 0, Text(a), Words(w)});
+    return 22;
+  });
+  HookProcessScriptErr(
+      [](int a, int b, TString* c, TString* d, TString* e, int f, TString* g, TString* h) {
+        g_calls.push_back({2, a + b + f, Text(c) + Text(d) + Text(e) + Text(g) + Text(h), {}});
+        return 23;
+      });
+  HookGetThreadCount([] { return 5; });
+  static int suspended = 0;
+  HookSuspendOtherThreads([] { return ++suspended; });
+  TString a(u"a"), b(u"b"), c(u"c"), d(u"d");
+  EXPECT_EQ(TriggerScript(&a, &b, &c, &d, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12), 21);
+  EXPECT_EQ(AssembleScriptArgs(&a, &b, &c, &d, -1), 22);
+  EXPECT_EQ(ProcessScriptErr(1, 10, &a, &b, &c, 100, &d, nullptr), 23);
+  EXPECT_EQ(GetThreadCount(), 5);
+  SuspendOtherThreads();
+  EXPECT_EQ(suspended, 1);
+  ASSERT_EQ(g_calls.size(), 3u);
+  EXPECT_EQ(g_calls[0].format, "abd");
+  EXPECT_EQ(g_calls[0].words,
+            (std::vector<long long>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));  // ten words at most
+  EXPECT_EQ(g_calls[1].words, (std::vector<long long>{-1}));
+  EXPECT_EQ(g_calls[2].style, 111);
+  EXPECT_EQ(g_calls[2].format, "abcd(null)");
+  HookGetThreadCount(nullptr);
+  EXPECT_EQ(GetThreadCount(), 1);
+}
+
+TEST_F(AlertTest, EnumThreadsDefaultDescribesTheCallingThread) {
+  TThdDescriptor mine;
+  mine.name = u"stale";
+  mine.threadId = 12345;
+  EXPECT_EQ(EnumThreads(0, &mine), 1);
+  EXPECT_EQ(mine.name.Length(), 0);
+  EXPECT_EQ(mine.threadId, UGetCurrentThreadId());
+  EXPECT_NE(mine.threadId, 0u);
+  EXPECT_EQ(mine.handle, UGetCurrentThread());
+
+  TThdDescriptor other;
+  std::thread([&] { EnumThreads(3, &other); }).join();
+  EXPECT_NE(other.threadId, mine.threadId);
+  EXPECT_NE(other.threadId, 0u);
+
+  HookEnumThreads([](int index, TThdDescriptor* t) {
+    t->name = u"worker";
+    t->threadId = static_cast<unsigned>(index);
+    return 0;
+  });
+  EXPECT_EQ(EnumThreads(4, &mine), 0);
+  EXPECT_EQ(Utf8(mine.name), "worker");
+  EXPECT_EQ(mine.threadId, 4u);
+}
+
+TEST_F(AlertTest, TextOutHookIsPerThread) {
+  UserTextOutWProc proc = [](void*, int, int, const char16_t*, int) { return 1; };
+  HookUserTextOutW(proc);
+  EXPECT_EQ(UserTextOutW(), proc);
+  UserTextOutWProc seen = proc;
+  std::thread([&] { seen = UserTextOutW(); }).join();
+  EXPECT_EQ(seen, nullptr);
+  HookUserTextOutW(nullptr);
+  EXPECT_EQ(UserTextOutW(), nullptr);
+}
+
+TEST_F(AlertTest, AssertionMessages) {
+  Debug("C:\\src\\quarnel\\foundation\\memutil", 995);
+  EXPECT_EQ(DebuggerOutput(), "Assertion failure at \"memutil-995\"\n");
+  ASSERT_EQ(Assertions().size(), 1u);
+  EXPECT_EQ(Assertions()[0], (AssertionSeen{"memutil", 995, ""}));
+  EXPECT_EQ(Assertions()[0].message, "Assertion failure at \"memutil-995\"\n");
+
+  // Only the backslash separates folders.
+  ClearRecords();
+  Debug("lib/alert", 3);
+  EXPECT_EQ(DebuggerOutput(), "Assertion failure at \"lib/alert-3\"\n");
+
+  ClearRecords();
+  const TString why(u"index 9 of 4");
+  Debug("x\\tstring", 77, &why);
+  EXPECT_EQ(DebuggerOutput(), "Assertion failure at \"tstring-77\"");
+  ASSERT_EQ(Assertions().size(), 1u);
+  EXPECT_EQ(Assertions()[0].message, "Assertion failure at \"tstring-77\", index 9 of 4");
+
+  // The full message is cut to 2048 bytes.
+  ClearRecords();
+  TString longText;
+  longText.Fill(u'z', 5000);
+  Debug("tstring", 1, &longText);
+  ASSERT_EQ(Assertions().size(), 1u);
+  const std::string& m = Assertions()[0].message;
+  EXPECT_EQ(m.size(), 2048u);
+  EXPECT_EQ(m.rfind("Assertion failure at \"tstring-1\", zzz", 0), 0u);
+  EXPECT_EQ(m.back(), 'z');
+}
+
+TEST_F(AlertTest, DebuggerCalls) {
+  const int breaks = UDebugBreakCount();
+  DebuggerBreak();
+  EXPECT_EQ(UDebugBreakCount(), breaks + 1);
+  if (!UIsDebuggerPresent()) {
+    EXPECT_EQ(DebuggerOutput(), "DebugBreak: no debugger attached\n");
+  }
+
+  ClearRecords();
+  const TString text(u"checkpoint 7\n");
+  DebuggerString(&text);
+  DebuggerString(nullptr);
+  EXPECT_EQ(DebuggerOutput(), "checkpoint 7\n");
+
+  const TString fatal(u"The store is damaged");
+  FatalAlert(&fatal);
+  ASSERT_EQ(g_boxes.size(), 1u);
+  EXPECT_EQ(g_boxes[0].text, "The store is damaged");
+  EXPECT_EQ(g_boxes[0].style, 0x10030u);
+}
+
+TEST_F(AlertTest, IsPtrValidProbesWithoutFaulting) {
+  const std::size_t page = UVirtualPageSize();
+  int local = 0;
+  void* heap = MemAlloc(64);
+  char* rw = static_cast<char*>(
+      UVirtualAlloc(nullptr, 2 * page, kMemReserve | kMemCommit, kPageReadWrite));
+  ASSERT_NE(rw, nullptr);
+  ASSERT_EQ(UVirtualFree(rw + page, page, kMemDecommit),
+            1);  // the second page is inaccessible again
+  char* ro =
+      static_cast<char*>(UVirtualAlloc(nullptr, page, kMemReserve | kMemCommit, kPageReadOnly));
+  ASSERT_NE(ro, nullptr);
+  char* gone = static_cast<char*>(UVirtualAlloc(nullptr, page, kMemReserve, kPageNoAccess));
+  ASSERT_NE(gone, nullptr);
+  ASSERT_EQ(UVirtualFree(gone, 0, kMemRelease), 1);
+
+  struct Row {
+    const char* name;
+    void* p;
+    int size;
+    int valid;
+  };
+  const Row rows[] = {
+      {"null", nullptr, 4, 0},
+      {"null, size -1", nullptr, -1, 0},
+      {"stack", &local, static_cast<int>(sizeof local), 1},
+      {"heap block", heap, 64, 1},
+      {"size -1 is 4", heap, -1, 1},
+      {"read/write page", rw, static_cast<int>(page), 1},
+      {"running into a decommitted page", rw + page - 4, 8, 0},
+      {"last 4 bytes before it", rw + page - 4, -1, 1},
+      {"decommitted page", rw + page, 1, 0},
+      {"read-only page", ro, 4, 0},
+      {"unmapped page", gone, 4, 0},
+      {"size 0", ro, 0, 1},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(IsPtrValid(row.p, row.size), row.valid);
+  }
+  MemFree(heap);
+  UVirtualFree(rw, 0, kMemRelease);
+  UVirtualFree(ro, 0, kMemRelease);
+}
+
+}  // namespace

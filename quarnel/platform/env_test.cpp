@@ -1,0 +1,212 @@
+#include "quarnel/platform/env.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "quarnel/platform/codepage.h"
+#include "quarnel/platform/lasterror.h"
+#include "tests/support/recording_hooks.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Sets environment variables for one test and puts the old values back.
+class ScopedEnvVars {
+ public:
+  void Set(const char* name, const char* value) {
+    if (!saved_.count(name)) {
+      const char* old = std::getenv(name);
+      saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
+    }
+    if (value)
+      setenv(name, value, 1);
+    else
+      unsetenv(name);
+  }
+  ~ScopedEnvVars() {
+    for (const auto& [name, value] : saved_) {
+      if (value)
+        setenv(name.c_str(), value->c_str(), 1);
+      else
+        unsetenv(name.c_str());
+    }
+  }
+
+ private:
+  std::map<std::string, std::optional<std::string>> saved_;
+};
+
+class EnvTest : public RecordingTest {
+ protected:
+  void SetUp() override {
+    RecordingTest::SetUp();
+    saved_ = *QuarnelEnv();
+  }
+  void TearDown() override {
+    QuarnelSetEnv(saved_);
+    RecordingTest::TearDown();
+  }
+
+  QuarnelEnvType saved_;
+};
+
+TEST(EnvAcp, CodesetOfTheLocaleNameChoosesThePage) {
+  struct Row {
+    const char* name;
+    unsigned acp;
+  };
+  const Row rows[] = {
+      {"en_US.UTF-8", 65001},
+      {"C.UTF-8", 65001},
+      {"C.utf8", 65001},
+      {"de_DE.utf-8@euro", 65001},
+      {"ja_JP.UTF8", 65001},
+      {"en_US", 1252},
+      {"C", 1252},
+      {"POSIX", 1252},
+      {"", 1252},
+      {"en_US.ISO-8859-1", 1252},
+      {"de_DE@euro", 1252},
+      {"en_US.UTF-16", 1252},
+      {"fr_FR.utf8x", 1252},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    EXPECT_EQ(quarnel_internal::AcpFromLocaleName(r.name), r.acp);
+  }
+  EXPECT_EQ(quarnel_internal::AcpFromLocaleName(nullptr), 1252u);
+}
+
+// LC_ALL wins over LC_CTYPE, which wins over LANG; an empty one is skipped.
+TEST_F(EnvTest, FirstNonEmptyLocaleVariableSetsThePage) {
+  struct Row {
+    const char* lcAll;
+    const char* lcCtype;
+    const char* lang;
+    unsigned acp;
+  };
+  const Row rows[] = {
+      {"en_US.UTF-8", "C", "C", 65001},        {"C", "en_US.UTF-8", "en_US.UTF-8", 1252},
+      {"", "en_US.UTF-8", "C", 65001},         {nullptr, nullptr, "de_DE.UTF-8", 65001},
+      {nullptr, "POSIX", "de_DE.UTF-8", 1252}, {nullptr, nullptr, nullptr, 1252},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(std::string(r.lcAll ? r.lcAll : "-") + " / " + (r.lcCtype ? r.lcCtype : "-") +
+                 " / " + (r.lang ? r.lang : "-"));
+    ScopedEnvVars vars;
+    vars.Set("LC_ALL", r.lcAll);
+    vars.Set("LC_CTYPE", r.lcCtype);
+    vars.Set("LANG", r.lang);
+    const QuarnelEnvType env = QuarnelDefaultEnv();
+    EXPECT_EQ(env.acp, r.acp);
+    EXPECT_EQ(env.lcid, 0u);
+  }
+}
+
+TEST_F(EnvTest, FoldersFollowHomeAndXdgStateHome) {
+  ScopedEnvVars vars;
+  vars.Set("HOME", "/home/vello/");
+  vars.Set("XDG_STATE_HOME", nullptr);
+  QuarnelEnvType env = QuarnelDefaultEnv();
+  EXPECT_EQ(env.userFolder, "/home/vello");
+  EXPECT_EQ(env.logFolder, "/home/vello/.local/state/" + env.appName);
+
+  vars.Set("XDG_STATE_HOME", "/var/state/");
+  env = QuarnelDefaultEnv();
+  EXPECT_EQ(env.logFolder, "/var/state/" + env.appName);
+
+  // A relative XDG_STATE_HOME is ignored, as the XDG rules ask.
+  vars.Set("XDG_STATE_HOME", "state");
+  env = QuarnelDefaultEnv();
+  EXPECT_EQ(env.logFolder, "/home/vello/.local/state/" + env.appName);
+}
+
+TEST_F(EnvTest, DefaultsDescribeThisProcess) {
+  const QuarnelEnvType env = QuarnelDefaultEnv();
+  EXPECT_EQ(env.appName, "env_test");  // /proc/self/comm of this program
+  EXPECT_TRUE(fs::exists(fs::path(env.appFolder) / "env_test")) << env.appFolder;
+  EXPECT_EQ(fs::path(env.workFolder), fs::current_path());
+  EXPECT_EQ(env.systemVersion.rfind("Linux ", 0), 0u) << env.systemVersion;
+  EXPECT_GE(env.osMajor, 3);
+  EXPECT_FALSE(env.systemExtra.empty());
+  EXPECT_TRUE(env.appVersion.empty());
+  EXPECT_GT(env.availPhysMemory, 0u);
+  EXPECT_GT(env.totalPhysMemory, 0u);
+  EXPECT_LE(env.availPhysMemory, env.totalPhysMemory);
+}
+
+TEST_F(EnvTest, HostSetsTheRecord) {
+  QuarnelEnvType env = *QuarnelEnv();
+  env.appName = "Vellomarch";
+  env.appVersion = "4.2.1";
+  env.acp = 932;
+  QuarnelSetEnv(env);
+  EXPECT_EQ(QuarnelEnv()->appName, "Vellomarch");
+  EXPECT_EQ(QuarnelEnv()->appVersion, "4.2.1");
+  EXPECT_EQ(UGetACP(), 932u);
+  // Direct assignment through the live record works the same way.
+  QuarnelEnv()->acp = 65001;
+  EXPECT_EQ(UGetACP(), 65001u);
+  // Setting the record from itself changes nothing.
+  QuarnelSetEnv(*QuarnelEnv());
+  EXPECT_EQ(QuarnelEnv()->appName, "Vellomarch");
+}
+
+TEST_F(EnvTest, RefreshReadsAvailableMemoryAgain) {
+  QuarnelEnv()->availPhysMemory = 1;
+  const std::uint64_t now = QuarnelRefreshAvailMemory();
+  EXPECT_GT(now, 1u);
+  EXPECT_EQ(QuarnelAvailPhysMemory(), now);
+  EXPECT_EQ(QuarnelEnv()->availPhysMemory, now);
+}
+
+TEST_F(EnvTest, RefreshFromThreadsWhileOthersRead) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < 50; ++i) {
+        if (t % 2)
+          QuarnelRefreshAvailMemory();
+        else
+          EXPECT_GT(QuarnelAvailPhysMemory(), 0u);
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+}
+
+TEST_F(EnvTest, MakeLogFolderCreatesMissingParents) {
+  const fs::path root = fs::temp_directory_path() / ("quarnel_env_" + std::to_string(getpid()));
+  fs::remove_all(root);
+  QuarnelEnv()->logFolder = (root / "state" / "app").string();
+  EXPECT_EQ(QuarnelMakeLogFolder(), 1);
+  EXPECT_TRUE(fs::is_directory(root / "state" / "app"));
+  EXPECT_EQ(QuarnelMakeLogFolder(), 1);  // already there
+
+  // A file where a folder should be.
+  std::ofstream(root / "file") << "x";
+  QuarnelEnv()->logFolder = (root / "file" / "app").string();
+  USetLastError(0);
+  EXPECT_EQ(QuarnelMakeLogFolder(), 0);
+  EXPECT_NE(UGetLastError(), 0u);
+  QuarnelEnv()->logFolder = (root / "file").string();
+  USetLastError(0);
+  EXPECT_EQ(QuarnelMakeLogFolder(), 0);
+  EXPECT_EQ(UGetLastError(), 267u);
+
+  QuarnelEnv()->logFolder.clear();
+  EXPECT_EQ(QuarnelMakeLogFolder(), 0);
+  EXPECT_EQ(UGetLastError(), 3u);
+  fs::remove_all(root);
+}
+
+}  // namespace
