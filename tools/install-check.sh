@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Installs the library into a temporary prefix and builds a consumer against
+# it twice: through find_package(quarnel) and through pkg-config.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cmake -S . -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DQUARNEL_BUILD_TESTS=OFF \
+  -DQUARNEL_BUILD_EXAMPLES=OFF -DCMAKE_INSTALL_PREFIX="$work/prefix" >/dev/null
+cmake --build "$work/build" -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
+cmake --install "$work/build" >/dev/null
+
+cmake -S tests/install -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --build "$work/consumer" >/dev/null
+LD_LIBRARY_PATH="$work/prefix/lib:$work/prefix/lib64:${LD_LIBRARY_PATH:-}" "$work/consumer/consumer"
+
+pcdir=$(dirname "$(find "$work/prefix" -name quarnel.pc | head -n 1)")
+# shellcheck disable=SC2046
+g++ tests/install/consumer.cpp -o "$work/consumer_pc" \
+  $(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs quarnel)
+LD_LIBRARY_PATH="$work/prefix/lib:$work/prefix/lib64:${LD_LIBRARY_PATH:-}" "$work/consumer_pc"
+echo "install: find_package and pkg-config consumers built and ran"
