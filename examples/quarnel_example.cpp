@@ -3,12 +3,13 @@
 // codes (each mapping is logged through the hook), and formats messages with
 // the library's engine.
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include "quarnel/quarnel.h"
-#include "quarnel/foundation/error.h"
-#include "quarnel/platform/lasterror.h"
 
 namespace {
 
@@ -40,10 +41,35 @@ int PrintLogLine(unsigned level, const char* format, const Args* args) {
   return 0;
 }
 
+// A string list as resource modules carry it: entries of a 16-bit length
+// (tag and text), a four-character tag, the 8-bit text and a pad byte after
+// an odd length; 0xFFFF ends the list.
+std::vector<unsigned char> StringList(const std::vector<std::pair<std::uint32_t, std::string>>& entries) {
+  std::vector<unsigned char> bytes;
+  for (const auto& [tag, text] : entries) {
+    const std::uint16_t length = static_cast<std::uint16_t>(4 + text.size());
+    unsigned char word[2];
+    std::memcpy(word, &length, 2);
+    bytes.insert(bytes.end(), word, word + 2);
+    for (int shift = 24; shift >= 0; shift -= 8) bytes.push_back(static_cast<unsigned char>(tag >> shift));
+    bytes.insert(bytes.end(), text.begin(), text.end());
+    if (length & 1) bytes.push_back(0);
+  }
+  bytes.push_back(0xFF);
+  bytes.push_back(0xFF);
+  return bytes;
+}
+
 }  // namespace
 
 int main() {
   HookDebugLogfChar(PrintLogLine);
+
+  // The host carries the library's words itself until it loads a resource
+  // module: the unit letters of sizes and the word for zero.
+  static const std::vector<unsigned char> words =
+      StringList({{0x4B4D6B6D /* 'KMkm' */, "KMGkmg"}, {0x5A65726F /* 'Zero' */, "Zero"}});
+  RMAddHostKList(16000, words.data(), static_cast<int>(words.size()));
 
   std::printf("-- platform failures mapped to library codes\n");
   const struct {
@@ -69,7 +95,10 @@ int main() {
   line.SPrintf(u"%S: %d of %d chunks (%x), %K on disk, type %Y", &name, 1234567, 2000000, 0xBEEFu,
                3u * 1024 * 1024, 0x4366682Eu);
   std::printf("%s\n", Utf8(line).c_str());
-  line.SPrintf(u"[%-8s|%8s|%08d|%~d]", "left", "right", 42, 1234567);
+  line.SPrintf(u"[%-8s|%8s|%08d|%~d|%.3F|%LK]", "left", "right", 42, 1234567, 1234u,
+               static_cast<std::uint64_t>(0));
   std::printf("%s\n", Utf8(line).c_str());
+  line.SPrintf(u"%i%d %-2i%d", 1, 2);
+  std::printf("arguments out of order: %s\n", Utf8(line).c_str());
   return 0;
 }

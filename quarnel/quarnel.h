@@ -13,6 +13,7 @@
 #include "quarnel/platform/debugger.h"
 #include "quarnel/platform/debugout.h"
 #include "quarnel/platform/env.h"
+#include "quarnel/platform/faults.h"
 #include "quarnel/platform/heap.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/locale.h"
@@ -22,6 +23,7 @@
 #include "quarnel/platform/vmem.h"
 #include "quarnel/resources/resmgr.h"
 #include "quarnel/text/args.h"
+#include "quarnel/text/sprintf.h"
 #include "quarnel/text/token.h"
 #include "quarnel/text/tstring.h"
 
