@@ -85,7 +85,7 @@ int main() {
     const unsigned winerr = UWinErrorFromErrno(f.err);
     const int code = MapAndLogErr(nullptr, f.what, winerr);
     TString message;
-    message.SPrintf(u"%s: errno %d is Windows error %u, library code %d", f.what, f.err, winerr, code);
+    message.SPrintf(u"%s: errno %~d is Windows error %~u, library code %~d", f.what, f.err, winerr, code);
     std::printf("%s\n", Utf8(message).c_str());
   }
 
