@@ -44,14 +44,16 @@ int PrintLogLine(unsigned level, const char* format, const Args* args) {
 // A string list as resource modules carry it: entries of a 16-bit length
 // (tag and text), a four-character tag, the 8-bit text and a pad byte after
 // an odd length; 0xFFFF ends the list.
-std::vector<unsigned char> StringList(const std::vector<std::pair<std::uint32_t, std::string>>& entries) {
+std::vector<unsigned char> StringList(
+    const std::vector<std::pair<std::uint32_t, std::string>>& entries) {
   std::vector<unsigned char> bytes;
   for (const auto& [tag, text] : entries) {
     const std::uint16_t length = static_cast<std::uint16_t>(4 + text.size());
     unsigned char word[2];
     std::memcpy(word, &length, 2);
     bytes.insert(bytes.end(), word, word + 2);
-    for (int shift = 24; shift >= 0; shift -= 8) bytes.push_back(static_cast<unsigned char>(tag >> shift));
+    for (int shift = 24; shift >= 0; shift -= 8)
+      bytes.push_back(static_cast<unsigned char>(tag >> shift));
     bytes.insert(bytes.end(), text.begin(), text.end());
     if (length & 1) bytes.push_back(0);
   }
@@ -85,7 +87,8 @@ int main() {
     const unsigned winerr = UWinErrorFromErrno(f.err);
     const int code = MapAndLogErr(nullptr, f.what, winerr);
     TString message;
-    message.SPrintf(u"%s: errno %~d is Windows error %~u, library code %~d", f.what, f.err, winerr, code);
+    message.SPrintf(u"%s: errno %~d is Windows error %~u, library code %~d", f.what, f.err, winerr,
+                    code);
     std::printf("%s\n", Utf8(message).c_str());
   }
 

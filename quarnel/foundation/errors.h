@@ -9,9 +9,9 @@ enum : int {
   kErrNone = 0,
 
   // Low codes of the library's own modules.
-  kErrMemGrowthDenied = -625,     // TMemory: a growth was refused by the growth check
-  kErrMemOutOfMemory = -626,      // TMemory: the platform could not supply the memory
-  kErrChunkFirst = -641,          // chunk store codes run from -641 to -649
+  kErrMemGrowthDenied = -625,  // TMemory: a growth was refused by the growth check
+  kErrMemOutOfMemory = -626,   // TMemory: the platform could not supply the memory
+  kErrChunkFirst = -641,       // chunk store codes run from -641 to -649
   kErrChunkLast = -649,
   kErrPersistOtherByteOrder = -690,  // a valid record in the other byte order
   kErrPersistBadSignature = -691,    // the stored signature or versions are not well formed
@@ -70,9 +70,9 @@ enum : int {
   kErrCdlFailure = -1201,
 
   // Answers of the alert and query boxes.
-  kAnswerYes = -1201,     // yes, cancel, abort and any other button
+  kAnswerYes = -1201,  // yes, cancel, abort and any other button
   kAnswerNo = -1202,
-  kAnswerOk = -1203,      // also: no interface available for an input query
+  kAnswerOk = -1203,  // also: no interface available for an input query
   kAnswerIgnore = -1205,
   kAnswerRetry = -1206,
 };

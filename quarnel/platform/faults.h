@@ -14,7 +14,7 @@
 enum class UCall : int {
   kHeapAlloc,
   kHeapReAlloc,
-  kHeapValidate,  // HeapValidate reports a damaged heap
+  kHeapValidate,    // HeapValidate reports a damaged heap
   kVirtualReserve,  // VirtualAlloc with MEM_RESERVE
   kVirtualCommit,   // VirtualAlloc with MEM_COMMIT
   kMultiByteToWideChar,

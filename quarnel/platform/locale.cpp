@@ -157,13 +157,24 @@ unsigned UGetDefaultLCID() {
   return kLcidEnUs;
 }
 
-int UGetLocaleInfoW(unsigned lcid, unsigned lctype, char16_t* buf, int len) {
+namespace {
+
+// The item a GetLocaleInfo call asks for, after checking its buffer
+// arguments; null (with the last error set) when the call must fail.
+const LocaleItem* CheckedItem(unsigned lcid, unsigned lctype, const void* buf, int len,
+                              const LocaleTable** table) {
   if (len < 0 || (len > 0 && buf == nullptr)) {
     USetLastError(kErrInvalidParameter);
-    return 0;
+    return nullptr;
   }
+  return FindItem(lcid, lctype, table);
+}
+
+}  // namespace
+
+int UGetLocaleInfoW(unsigned lcid, unsigned lctype, char16_t* buf, int len) {
   const LocaleTable* table;
-  const LocaleItem* item = FindItem(lcid, lctype, &table);
+  const LocaleItem* item = CheckedItem(lcid, lctype, buf, len, &table);
   if (item == nullptr) return 0;
   if (lctype & kLocaleReturnNumber) {
     const unsigned n = NumberOf(item->wide);
@@ -184,12 +195,8 @@ int UGetLocaleInfoW(unsigned lcid, unsigned lctype, char16_t* buf, int len) {
 }
 
 int UGetLocaleInfoA(unsigned lcid, unsigned lctype, char* buf, int len) {
-  if (len < 0 || (len > 0 && buf == nullptr)) {
-    USetLastError(kErrInvalidParameter);
-    return 0;
-  }
   const LocaleTable* table;
-  const LocaleItem* item = FindItem(lcid, lctype, &table);
+  const LocaleItem* item = CheckedItem(lcid, lctype, buf, len, &table);
   if (item == nullptr) return 0;
   if (lctype & kLocaleReturnNumber) {
     const unsigned n = NumberOf(item->wide);

@@ -75,7 +75,8 @@ TArg MakeArg(const T& value) {
   } else if constexpr (std::is_pointer_v<D>) {
     using P = std::remove_cv_t<std::remove_pointer_t<D>>;
     static_assert(!std::is_same_v<P, Args>, "pass an Args list to the Args form of the call");
-    const std::remove_pointer_t<D>* const d = value;  // an array argument decays to a pointer to const
+    const std::remove_pointer_t<D>* const d =
+        value;  // an array argument decays to a pointer to const
     if constexpr (std::is_same_v<P, char> || std::is_same_v<P, signed char> ||
                   std::is_same_v<P, unsigned char>) {
       a.kind = TArg::kNarrow;
@@ -97,7 +98,8 @@ TArg MakeArg(const T& value) {
       a.p = d;
     }
   } else {
-    static_assert(std::is_integral_v<D>, "the formatting engine takes integers, texts and pointers");
+    static_assert(std::is_integral_v<D>,
+                  "the formatting engine takes integers, texts and pointers");
   }
   return a;
 }

@@ -77,7 +77,9 @@ std::string Utf8(const std::u16string& s) {
   return out;
 }
 
-std::string Utf8(const TString& s) { return Utf8(std::u16string(s.Text(), static_cast<std::size_t>(s.Length()))); }
+std::string Utf8(const TString& s) {
+  return Utf8(std::u16string(s.Text(), static_cast<std::size_t>(s.Length())));
+}
 
 std::u16string Utf16(const std::string& utf8) {
   std::u16string out;
@@ -85,12 +87,22 @@ std::u16string Utf16(const std::string& utf8) {
     const unsigned char b = static_cast<unsigned char>(utf8[i]);
     char32_t c;
     int extra;
-    if (b < 0x80) { c = b; extra = 0; }
-    else if (b < 0xE0) { c = b & 0x1F; extra = 1; }
-    else if (b < 0xF0) { c = b & 0x0F; extra = 2; }
-    else { c = b & 0x07; extra = 3; }
+    if (b < 0x80) {
+      c = b;
+      extra = 0;
+    } else if (b < 0xE0) {
+      c = b & 0x1F;
+      extra = 1;
+    } else if (b < 0xF0) {
+      c = b & 0x0F;
+      extra = 2;
+    } else {
+      c = b & 0x07;
+      extra = 3;
+    }
     ++i;
-    for (int k = 0; k < extra && i < utf8.size(); ++k, ++i) c = (c << 6) | (static_cast<unsigned char>(utf8[i]) & 0x3F);
+    for (int k = 0; k < extra && i < utf8.size(); ++k, ++i)
+      c = (c << 6) | (static_cast<unsigned char>(utf8[i]) & 0x3F);
     if (c >= 0x10000) {
       c -= 0x10000;
       out += static_cast<char16_t>(0xD800 + (c >> 10));
