@@ -66,16 +66,21 @@ bool TryReserve(unsigned bytes) {
 
 }  // namespace
 
-void* MemAlloc(unsigned size) {
+namespace {
+
+// The allocation paths of MemAlloc and MemRealloc; `fill` zero-fills the
+// bytes the caller has not had before.
+void* Allocate(unsigned size, bool fill) {
+  const unsigned flags = fill ? static_cast<unsigned>(kHeapZeroMemory) : 0u;
   if (size > kMemLargestRequest) Debug("memutil", 150);
-  auto* h = static_cast<BlockHeader*>(UHeapAlloc(kHeapZeroMemory, sizeof(BlockHeader) + size));
+  auto* h = static_cast<BlockHeader*>(UHeapAlloc(flags, sizeof(BlockHeader) + size));
   if (h == nullptr) {
     if (UHeapValidate()) {
       UHeapCompact();
     } else {
       DebugLogf(kLogPlatform, "MemAlloc: HeapValidate failed");
     }
-    h = static_cast<BlockHeader*>(UHeapAlloc(kHeapZeroMemory, sizeof(BlockHeader) + size));
+    h = static_cast<BlockHeader*>(UHeapAlloc(flags, sizeof(BlockHeader) + size));
     if (h == nullptr) {
       Debug("memutil", 163);
       return nullptr;
@@ -87,23 +92,23 @@ void* MemAlloc(unsigned size) {
   return UserOf(h);
 }
 
-void* MemRealloc(void* p, unsigned size) {
+void* Reallocate(void* p, unsigned size, bool fill) {
   if (size > kMemLargestRequest) Debug("memutil", 198);
-  if (p == nullptr) return MemAlloc(size);
+  if (p == nullptr) return Allocate(size, fill);
   BlockHeader* h = HeaderOf(p);
   if (IsFreed(h)) {
     Debug("memutil", 202);
     return p;
   }
   const std::int32_t old = h->size;
-  auto* n = static_cast<BlockHeader*>(UHeapReAlloc(kHeapZeroMemory, h, sizeof(BlockHeader) + size));
+  auto* n = static_cast<BlockHeader*>(UHeapReAlloc(0, h, sizeof(BlockHeader) + size));
   if (n == nullptr) {
     if (UHeapValidate()) {
       UHeapCompact();
     } else {
       DebugLogf(kLogPlatform, "MemAlloc: HeapValidate failed");
     }
-    n = static_cast<BlockHeader*>(UHeapAlloc(kHeapZeroMemory, sizeof(BlockHeader) + size));
+    n = static_cast<BlockHeader*>(UHeapAlloc(0, sizeof(BlockHeader) + size));
     if (n == nullptr) {
       Debug("memutil", 215);
       return p;
@@ -111,12 +116,24 @@ void* MemRealloc(void* p, unsigned size) {
     std::memcpy(n, h, sizeof(BlockHeader) + std::min<unsigned>(static_cast<unsigned>(old), size));
     UHeapFree(h);
   }
-  if (size > static_cast<unsigned>(old)) {
+  if (fill && size > static_cast<unsigned>(old)) {
     std::memset(reinterpret_cast<char*>(n) + sizeof(BlockHeader) + old, 0, size - old);
   }
   n->size = static_cast<std::int32_t>(size);
   Count(0, static_cast<std::int64_t>(size) - old);
   return UserOf(n);
+}
+
+}  // namespace
+
+void* MemAlloc(unsigned size) { return Allocate(size, true); }
+
+void* MemRealloc(void* p, unsigned size) { return Reallocate(p, size, true); }
+
+void* quarnel_internal::MemAllocUnfilled(unsigned size) { return Allocate(size, false); }
+
+void* quarnel_internal::MemReallocUnfilled(void* p, unsigned size) {
+  return Reallocate(p, size, false);
 }
 
 void MemFree(void* p) {

@@ -60,6 +60,12 @@ QUARNEL_API unsigned Floor(unsigned value, unsigned multiple);
 
 namespace quarnel_internal {
 
+// MemAlloc and MemRealloc without the zero fill, for callers that write every
+// byte they later read (TString's storage). Same header, counters, limits and
+// assertions.
+QUARNEL_API void* MemAllocUnfilled(unsigned size);
+QUARNEL_API void* MemReallocUnfilled(void* p, unsigned size);
+
 // The memory lock: guards MemAvail's measurement and the memory report (and
 // the TMemory statistics). Re-entrant.
 QUARNEL_API std::recursive_mutex& MemoryLock();

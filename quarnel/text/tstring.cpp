@@ -71,10 +71,12 @@ void TString::setBufferSize(int bytes) {
   if (need > kMaxBufferBytes) need = kMaxBufferBytes;
   if (onHeap()) {
     if (MemSize(text_) != static_cast<unsigned>(need)) {
-      text_ = static_cast<char16_t*>(MemRealloc(text_, static_cast<unsigned>(need)));
+      text_ = static_cast<char16_t*>(
+          quarnel_internal::MemReallocUnfilled(text_, static_cast<unsigned>(need)));
     }
   } else {
-    auto* block = static_cast<char16_t*>(MemAlloc(static_cast<unsigned>(need)));
+    auto* block =
+        static_cast<char16_t*>(quarnel_internal::MemAllocUnfilled(static_cast<unsigned>(need)));
     const int keep = length_ * 2 + 2 < need ? length_ * 2 + 2 : need;
     std::memcpy(block, inline_, static_cast<std::size_t>(keep));
     text_ = block;
@@ -385,18 +387,44 @@ short TString::FindChar(char16_t ch, short from, short step) const {
   return -1;
 }
 
+namespace {
+
+// The first unit equal to `unit` in [at, end), or null. Four units are
+// tested at a time: a 16-bit lane of (word ^ pattern) is zero exactly where
+// the unit matches.
+const char16_t* FindUnit(const char16_t* at, const char16_t* end, char16_t unit) {
+  constexpr std::uint64_t kLow = 0x0001000100010001ull;
+  constexpr std::uint64_t kHigh = 0x8000800080008000ull;
+  const std::uint64_t pattern = kLow * unit;
+  while (end - at >= 4) {
+    std::uint64_t word;
+    std::memcpy(&word, at, sizeof word);
+    const std::uint64_t x = word ^ pattern;
+    if (((x - kLow) & ~x & kHigh) != 0) break;
+    at += 4;
+  }
+  for (; at < end; ++at) {
+    if (*at == unit) return at;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 short TString::findSubstringFrom(const char16_t* p, short len, short from,
                                  int caseSensitive) const {
   if (p == nullptr || len <= 0 || len > length_) return -1;
   if (from < 0) from = 0;
   const int last = length_ - len;
   if (caseSensitive) {
-    const char16_t first = p[0];
-    for (int i = from; i <= last; ++i) {
-      if (text_[i] == first &&
-          std::memcmp(text_ + i + 1, p + 1, static_cast<std::size_t>(len - 1) * 2) == 0) {
-        return static_cast<short>(i);
-      }
+    // Find each candidate by its first unit, then compare the rest.
+    const char16_t* at = text_ + from;
+    const char16_t* const end = text_ + last + 1;
+    while ((at = FindUnit(at, end, p[0])) != nullptr) {
+      int k = 1;
+      while (k < len && at[k] == p[k]) ++k;
+      if (k == len) return static_cast<short>(at - text_);
+      ++at;
     }
     return -1;
   }
