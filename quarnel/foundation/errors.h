@@ -9,8 +9,11 @@ enum : int {
   kErrNone = 0,
 
   // Low codes of the library's own modules.
-  kErrMemGrowthDenied = -625,  // TMemory: a growth was refused by the growth check
-  kErrMemOutOfMemory = -626,   // TMemory: the platform could not supply the memory
+  kErrMemNotObtained = -625,   // TMemory: memory could not be obtained, or growth was denied
+  kErrMemBadArguments = -626,  // TMemory::AllocBuffer: bad sizes or granularity
+  kErrQueueNoRoom = -635,      // TQueue: fewer bytes free than asked to add
+  kErrQueueEmpty = -636,       // TQueue: nothing stored
+  kErrQueueNoData = -637,      // TQueue: fewer bytes stored than asked, or no such item
   kErrChunkFirst = -641,       // chunk store codes run from -641 to -649
   kErrChunkLast = -649,
   kErrPersistOtherByteOrder = -690,  // a valid record in the other byte order

@@ -1,0 +1,100 @@
+// TList: a list of pointer-sized integers (values, or pointers cast to
+// integers) with its own lock.
+//
+// A circular doubly linked list with a sentinel node, indexed from 0. Every
+// list is its own TMonitor: AddAt, RemoveAt, Clear, Find, Remove and GetAtRaw
+// hold it for their whole run. Count, Next and Item read without locking, and
+// a walk with First/Next, RemoveIf, FilterIf, FindIf, += and -= are not
+// atomic as a whole: a caller that needs them so holds the list's monitor
+// (Enter/Exit) around them.
+//
+// Each structural operation checks the ring first; a broken ring, an index
+// out of range or a walk from a null position asserts (module "list") and the
+// call goes on as documented per member.
+#ifndef QUARNEL_CONTAINERS_TLIST_H_
+#define QUARNEL_CONTAINERS_TLIST_H_
+
+#include <cstdint>
+
+#include "quarnel/containers/tmonitor.h"
+#include "quarnel/foundation/export.h"
+
+class QUARNEL_API TList : public TMonitor {
+ public:
+  using Predicate = int (*)(std::intptr_t);
+
+  TList();
+  ~TList();
+  TList(const TList&) = delete;
+  TList& operator=(const TList&) = delete;
+
+  // Inserts `item` so that it gets position `index` (0..Count; Count
+  // appends). An index outside that range asserts and inserts nothing.
+  void AddAt(std::intptr_t item, int index);
+  void AddFirst(std::intptr_t item);
+  void AddLast(std::intptr_t item);
+
+  // Removes and returns the item at `index` (0..Count-1). Outside that range:
+  // an assertion and 0.
+  std::intptr_t RemoveAt(int index);
+  std::intptr_t RemoveFirst();
+  std::intptr_t RemoveLast();
+
+  // The item at `index`, the first, the last (0 with an assertion when out of
+  // range).
+  std::intptr_t GetAt(int index);
+  std::intptr_t GetFirst();
+  std::intptr_t GetLast();
+  // The position handle (node) at `index`; null with an assertion outside
+  // 0..Count-1.
+  void* GetAtRaw(int index);
+
+  int Count() const { return count_; }
+  int IsEmpty() const { return count_ == 0; }
+  // Removes every item, holding the lock throughout.
+  void Clear();
+
+  // Index of the first occurrence of `item`, -1 when absent.
+  int Find(std::intptr_t item);
+  // Unlinks the first occurrence of `item`; nothing when absent.
+  void Remove(std::intptr_t item);
+
+  // Position handles: First is the node at index 0 (null when empty); Next
+  // the following node, null after the last (a null position asserts and
+  // gives null); Item the node's item.
+  void* First() const;
+  void* Next(void* position) const;
+  static std::intptr_t Item(void* position);
+
+  // The first item after *position (from the start when position or
+  // *position is null) for which `pred` is non-zero: stores its node in
+  // *position and returns the item. None: *position = null, result 0.
+  std::intptr_t FindIf(Predicate pred, void** position);
+  // Removes the first item for which `pred` is non-zero (through Remove, so
+  // its first occurrence) and returns it; 0 when none.
+  std::intptr_t RemoveIf(Predicate pred);
+  // Keeps only the items for which `pred` is non-zero, in their order.
+  void FilterIf(Predicate pred);
+
+  // Adds each item of `other` that this list lacks at the front, so that the
+  // added items end up in reverse order ahead of the old ones; deliberate.
+  TList& operator+=(TList& other);
+  // Removes the first occurrence of each item of `other`.
+  TList& operator-=(TList& other);
+
+ private:
+  struct Node {
+    std::intptr_t item;
+    Node* next;
+    Node* prev;
+  };
+
+  bool checkRing(int line) const;
+  Node* nodeAt(int index) const;
+
+  Node* head_;
+  Node* sentinel_;
+  int count_;
+};
+
+#endif  // QUARNEL_CONTAINERS_TLIST_H_

@@ -1,0 +1,76 @@
+#include "quarnel/containers/tmonitor.h"
+
+#include <atomic>
+#include <cstdint>
+
+#include "quarnel/foundation/debuglog.h"
+
+namespace {
+
+thread_local TMonitor* t_mostRecent = nullptr;
+
+TMonitor* const kDestroyedLink = reinterpret_cast<TMonitor*>(~std::uintptr_t{0});
+
+}  // namespace
+
+TMonitor** ThreadMonitorList() { return &t_mostRecent; }
+
+TMonitor::TMonitor() : count_(0), newer_(nullptr), older_(nullptr) {}
+
+TMonitor::TMonitor(TMonitor&) : count_(0), newer_(nullptr), older_(nullptr) {
+  Debug("tmonitor", 31);
+}
+
+TMonitor& TMonitor::operator=(TMonitor&) {
+  Debug("tmonitor", 37);
+  return *this;
+}
+
+TMonitor::~TMonitor() {
+  if (count_ != 0 || newer_ != nullptr || older_ != nullptr) Debug("tmonitor", 44);
+  count_ = 0;
+  newer_ = kDestroyedLink;
+  older_ = kDestroyedLink;
+}
+
+int TMonitor::Enter() {
+  lock_.lock();
+  if (++count_ == 1) {
+    owner_.store(&t_mostRecent, std::memory_order_relaxed);
+    newer_ = nullptr;
+    older_ = t_mostRecent;
+    if (older_ != nullptr) older_->newer_ = this;
+    t_mostRecent = this;
+  }
+  return count_;
+}
+
+// Leaving a monitor the thread does not hold asserts and changes nothing:
+// releasing a lock another thread owns would break that thread's hold.
+int TMonitor::Exit() {
+  if (owner_.load(std::memory_order_relaxed) != &t_mostRecent || count_ < 1) {
+    Debug("tmonitor", 66);
+    return 0;
+  }
+  const int count = --count_;
+  if (count == 0) {
+    unlink();
+    owner_.store(nullptr, std::memory_order_relaxed);
+  }
+  lock_.unlock();
+  return count;
+}
+
+// Leaving the last level: the neighbours in the thread's list are joined,
+// so that monitors can be left in any order.
+void TMonitor::unlink() {
+  if (older_ != nullptr) older_->newer_ = newer_;
+  if (newer_ == nullptr) {
+    if (t_mostRecent != this) Debug("tmonitor", 80);
+    t_mostRecent = older_;
+  } else {
+    newer_->older_ = older_;
+  }
+  newer_ = nullptr;
+  older_ = nullptr;
+}

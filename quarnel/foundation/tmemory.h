@@ -1,0 +1,98 @@
+// TMemory: the library's resizable, movable, purgeable memory block.
+//
+// One object owns one contiguous byte buffer whose size can change at any
+// time; its address may move when it does (MemPtr is valid until the next
+// resize). Storage is chosen by size and priority among a 1,024-byte area
+// inside the object, the process heap, and reserved-then-committed virtual
+// memory. Process-wide statistics of all blocks are kept under one monitor;
+// growth that would leave the machine short of physical memory is refused
+// (-625) and purgeable blocks are emptied, oldest first, to make room.
+//
+// Priorities: 0 never uses the inline area or the heap; 1 uses any storage;
+// 2 (the default) is exempt from the denial rule and asserts on failure.
+// A failing resize leaves the block's storage, size and bytes as they were.
+// A single TMemory is used by one thread at a time.
+#ifndef QUARNEL_FOUNDATION_TMEMORY_H_
+#define QUARNEL_FOUNDATION_TMEMORY_H_
+
+#include "quarnel/foundation/export.h"
+
+constexpr unsigned kTMemoryInlineSize = 1024;
+constexpr unsigned kTMemPurgeable = 1;  // flag bit 0
+
+class QUARNEL_API TMemory {
+ public:
+  TMemory();                         // priority 2, size 0
+  explicit TMemory(short priority);  // a priority outside 0..2 asserts and is kept
+  // Same priority and bytes as `other`; on a sizing failure the bytes are not
+  // copied and the error stays in CheckError.
+  TMemory(TMemory& other);
+  TMemory& operator=(TMemory& other);
+  ~TMemory();
+
+  unsigned GetSize() const { return size_; }
+  unsigned char* MemPtr() const { return data_; }
+  // Resizes keeping the first min(old, new) bytes; new bytes are zero.
+  // `priority` -1 means the block's own; another value governs this call
+  // only. Returns 0 or -625, also kept as the last error.
+  int SetSize(unsigned size, short priority = -1);
+  int Reset();  // SetSize(0, -1)
+  void Zero();  // all GetSize bytes to 0
+  short GetPriority() const { return priority_; }
+  int SetPriority(short priority);
+  // flags = (flags | set) & ~clear; bit 0 (purgeable) puts the block on the
+  // process-wide purgeable list or takes it off. Returns the new flags.
+  unsigned SetFlags(unsigned set, unsigned clear);
+  unsigned GetFlags() const { return flags_; }
+  int CheckError() const { return lastError_; }
+  // The largest buffer between `a` and `b` (either order, both rounded up to
+  // `granularity`) that memory allows: returns the size obtained, or 0 with
+  // -626 (bad arguments) or -625 in CheckError. A priority-0 block that only
+  // gets memory by its priority-1 fallback returns lo - granularity, below
+  // the caller's minimum, on purpose: that is how the caller learns of the
+  // fallback, while GetSize tells the size really held.
+  unsigned AllocBuffer(unsigned a, unsigned b, unsigned granularity);
+
+  // Storage diagnostics: the reservation and commitment of a virtual block
+  // (0 otherwise), and whether the inline area is in use.
+  unsigned ReservedBytes() const { return reserved_; }
+  unsigned CommittedBytes() const { return committed_; }
+  bool IsInline() const { return data_ == inline_; }
+
+ private:
+  void init(short priority);
+  int mhalloc(unsigned size, short priority);
+  int mhdealloc();
+  void setLastError(int err) { lastError_ = err; }
+
+  unsigned char* data_;
+  int lastError_;
+  unsigned size_;
+  short priority_;
+  unsigned short flags_;
+  unsigned reserved_;
+  unsigned committed_;
+  alignas(16) unsigned char inline_[kTMemoryInlineSize];
+};
+
+// Empties purgeable blocks, oldest first, until the purgeable bytes are at
+// most `target`; logs "tmemPurgeBlocks: purged %K (%~d blocks)" (517).
+QUARNEL_API void tmemPurgeBlocks(unsigned target);
+// Writes the five statistics lines at level 513.
+QUARNEL_API void tmemLogStats();
+
+// The process-wide counters, read together under the memory monitor.
+struct TMemoryStats {
+  int heapBlocks;
+  unsigned heapBytes;
+  int virtualBlocks;
+  unsigned reservedBytes;
+  unsigned committedBytes;
+  int purgeableBlocks;
+  unsigned purgeableBytes;
+  int requestedBlocks;
+  unsigned requestedBytes;
+};
+QUARNEL_API TMemoryStats tmemGetStats();
+
+#endif  // QUARNEL_FOUNDATION_TMEMORY_H_
