@@ -65,7 +65,10 @@ void TList::AddAt(std::intptr_t item, int index) {
 }
 
 void TList::AddFirst(std::intptr_t item) { AddAt(item, 0); }
-void TList::AddLast(std::intptr_t item) { AddAt(item, count_); }
+void TList::AddLast(std::intptr_t item) {
+  TMonitorHold hold(*this);
+  AddAt(item, count_);
+}
 
 std::intptr_t TList::RemoveAt(int index) {
   TMonitorHold hold(*this);
@@ -86,7 +89,10 @@ std::intptr_t TList::RemoveAt(int index) {
 }
 
 std::intptr_t TList::RemoveFirst() { return RemoveAt(0); }
-std::intptr_t TList::RemoveLast() { return RemoveAt(count_ - 1); }
+std::intptr_t TList::RemoveLast() {
+  TMonitorHold hold(*this);
+  return RemoveAt(count_ - 1);
+}
 
 void* TList::GetAtRaw(int index) {
   TMonitorHold hold(*this);
@@ -104,7 +110,10 @@ std::intptr_t TList::GetAt(int index) {
 }
 
 std::intptr_t TList::GetFirst() { return GetAt(0); }
-std::intptr_t TList::GetLast() { return GetAt(count_ - 1); }
+std::intptr_t TList::GetLast() {
+  TMonitorHold hold(*this);
+  return GetAt(count_ - 1);
+}
 
 void TList::Clear() {
   TMonitorHold hold(*this);

@@ -14,6 +14,7 @@
 #ifndef QUARNEL_CONTAINERS_TLIST_H_
 #define QUARNEL_CONTAINERS_TLIST_H_
 
+#include <atomic>
 #include <cstdint>
 
 #include "quarnel/containers/tmonitor.h"
@@ -49,8 +50,8 @@ class QUARNEL_API TList : public TMonitor {
   // 0..Count-1.
   void* GetAtRaw(int index);
 
-  int Count() const { return count_; }
-  int IsEmpty() const { return count_ == 0; }
+  int Count() const { return count_.load(std::memory_order_relaxed); }
+  int IsEmpty() const { return Count() == 0; }
   // Removes every item, holding the lock throughout.
   void Clear();
 
@@ -94,7 +95,7 @@ class QUARNEL_API TList : public TMonitor {
 
   Node* head_;
   Node* sentinel_;
-  int count_;
+  std::atomic<int> count_;  // read without the lock by Count
 };
 
 #endif  // QUARNEL_CONTAINERS_TLIST_H_

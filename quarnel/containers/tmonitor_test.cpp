@@ -95,10 +95,9 @@ TEST(MonitorThreadTest, RandomOrdersKeepEachThreadListConsistent) {
       for (int step = 0; step < 4000; ++step) {
         const int i = static_cast<int>(rng() % kMonitors);
         if (depth[i] == 0 || (rng() % 3 == 0 && depth[i] < 3)) {
-          // Only enter monitors in ascending index order when not held, so
-          // that threads cannot deadlock; re-entry is always allowed.
-          if (depth[i] == 0 && !order.empty() && i < *std::max_element(order.begin(), order.end()))
-            continue;
+          // Only enter monitors in ascending index order, re-entry included,
+          // so that threads cannot deadlock.
+          if (!order.empty() && i < *std::max_element(order.begin(), order.end())) continue;
           EXPECT_EQ(monitors[i].Enter(), depth[i] + 1);
           if (depth[i]++ == 0) {
             order.insert(order.begin(), i);
