@@ -14,8 +14,9 @@ constexpr int kLineNext = 268;         // Next from a null position or the senti
 constexpr int kLineDestroy = 60;       // destroyed with items left after Clear
 }  // namespace
 
-TList::TList() : head_(nullptr), sentinel_(nullptr), count_(0) {
-  sentinel_ = static_cast<Node*>(MemAlloc(sizeof(Node)));
+// The sentinel lives inside the list object, so that making a list cannot
+// fail; item nodes come from MemAlloc, one per item.
+TList::TList() : head_(nullptr), sentinel_(&sentinelNode_), count_(0) {
   sentinel_->item = 0;
   sentinel_->next = sentinel_;
   sentinel_->prev = sentinel_;
@@ -25,7 +26,6 @@ TList::TList() : head_(nullptr), sentinel_(nullptr), count_(0) {
 TList::~TList() {
   Clear();
   if (head_ != sentinel_) Debug("list", kLineDestroy);
-  MemFree(sentinel_);
   sentinel_ = head_ = nullptr;
 }
 
@@ -55,6 +55,7 @@ void TList::AddAt(std::intptr_t item, int index) {
   }
   Node* next = index == count_ ? sentinel_ : nodeAt(index);
   auto* node = static_cast<Node*>(MemAlloc(sizeof(Node)));
+  if (node == nullptr) return;  // MemAlloc has asserted; the list stays as it was
   node->item = item;
   node->next = next;
   node->prev = next->prev;

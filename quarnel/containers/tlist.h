@@ -30,7 +30,8 @@ class QUARNEL_API TList : public TMonitor {
   TList& operator=(const TList&) = delete;
 
   // Inserts `item` so that it gets position `index` (0..Count; Count
-  // appends). An index outside that range asserts and inserts nothing.
+  // appends). An index outside that range asserts and inserts nothing; so
+  // does a node the heap refuses (MemAlloc asserts).
   void AddAt(std::intptr_t item, int index);
   void AddFirst(std::intptr_t item);
   void AddLast(std::intptr_t item);
@@ -95,6 +96,7 @@ class QUARNEL_API TList : public TMonitor {
 
   Node* head_;
   Node* sentinel_;
+  Node sentinelNode_;
   std::atomic<int> count_;  // read without the lock by Count
 };
 

@@ -9,8 +9,14 @@ enum : int {
   kErrNone = 0,
 
   // Low codes of the library's own modules.
+  kErrLmBadArgument = -610,    // ElementSpace: bad argument or refnum
+  kErrLmLocked = -611,         // ElementSpace: the space is locked and cannot move its data
+  kErrLmFull = -612,           // ElementSpace: the space is full
   kErrMemNotObtained = -625,   // TMemory: memory could not be obtained, or growth was denied
   kErrMemBadArguments = -626,  // TMemory::AllocBuffer: bad sizes or granularity
+  kErrModuleUnusable = -630,   // a module or its id resource cannot be used
+  kErrModuleEntered = -631,    // the module already has a range record
+  kErrModuleConflict = -632,   // a module's resource or error range overlaps a recorded one
   kErrQueueNoRoom = -635,      // TQueue: fewer bytes free than asked to add
   kErrQueueEmpty = -636,       // TQueue: nothing stored
   kErrQueueNoData = -637,      // TQueue: fewer bytes stored than asked, or no such item

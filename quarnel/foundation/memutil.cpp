@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <cstring>
 
+#include "quarnel/containers/tmonitor.h"
 #include "quarnel/foundation/alert.h"
 #include "quarnel/foundation/debuglog.h"
+#include "quarnel/foundation/tmemory.h"
 #include "quarnel/platform/heap.h"
 #include "quarnel/platform/vmem.h"
 
@@ -47,8 +49,6 @@ BlockHeader* HeaderOf(const void* p) {
 bool IsFreed(const BlockHeader* h) { return h->size < 0 || h->state != kLive; }
 
 void* UserOf(BlockHeader* h) { return reinterpret_cast<char*>(h) + sizeof(BlockHeader); }
-
-std::atomic<quarnel_internal::MemoryReportProc> g_tmemoryReport{nullptr};
 
 constexpr unsigned kMemAvailHold = 0x2000000;    // 32 MB set aside by kind 1
 constexpr unsigned kMemReportFloor = 0x1000000;  // 16 MB not counted by kind 0
@@ -172,7 +172,7 @@ unsigned MemAvail(short kind, int percent) {
     Debug("memutil", 332);
     percent = percent < 0 ? 0 : 100;  // measured within the nearest valid budget
   }
-  std::lock_guard<std::recursive_mutex> hold(quarnel_internal::MemoryLock());
+  TMonitorHold hold(quarnel_internal::MemoryLock());
   void* held = nullptr;
   if (kind == 1) held = UVirtualAlloc(nullptr, kMemAvailHold, kMemReserve, kPageNoAccess);
 
@@ -224,15 +224,14 @@ void MemDebug(int what) {
   // There is no current date to print yet: the date conversion of the
   // heading is given a null date.
   DebugLogf(kLogStats, "Memory Status at %~D...", static_cast<const TDate*>(nullptr));
-  if (quarnel_internal::MemoryReportProc report = g_tmemoryReport.load(std::memory_order_acquire))
-    report();
+  tmemLogStats();
   int blocks;
   unsigned bytes;
   unsigned available;
   unsigned requestable;
   unsigned bufferable;
   {
-    std::lock_guard<std::recursive_mutex> hold(quarnel_internal::MemoryLock());
+    TMonitorHold hold(quarnel_internal::MemoryLock());
     blocks = MemBlockCount();
     bytes = static_cast<unsigned>(MemByteCount());
     available = MemAvail(2, 100);
@@ -282,13 +281,9 @@ unsigned Floor(unsigned value, unsigned multiple) {
 
 namespace quarnel_internal {
 
-std::recursive_mutex& MemoryLock() {
-  static auto* lock = new std::recursive_mutex;  // never destroyed: used until the process ends
+TMonitor& MemoryLock() {
+  static auto* lock = new TMonitor;  // never destroyed: used until the process ends
   return *lock;
-}
-
-void SetTMemoryReport(MemoryReportProc proc) {
-  g_tmemoryReport.store(proc, std::memory_order_release);
 }
 
 }  // namespace quarnel_internal

@@ -11,9 +11,9 @@
 #ifndef QUARNEL_FOUNDATION_MEMUTIL_H_
 #define QUARNEL_FOUNDATION_MEMUTIL_H_
 
-#include <mutex>
-
 #include "quarnel/foundation/export.h"
+
+class TMonitor;
 
 constexpr unsigned kMemLargestRequest = 32768;
 constexpr unsigned kMemDebugLast = 0x6C617374;  // 'last'
@@ -41,8 +41,9 @@ QUARNEL_API void MemPack();
 // total (kind 1 holds 32 MB aside meanwhile); `percent` (0..100, else
 // assertion 332) scales the budget. Runs under the memory lock.
 QUARNEL_API unsigned MemAvail(short kind, int percent);
-// 0: writes the memory report at level 513; 'last': nothing; any other
-// value: DebuggerBreak.
+// 0: writes the memory report at level 513 (the heading, the TMemory
+// statistics of tmemLogStats, then the small-block and address-space lines);
+// 'last': nothing; any other value: DebuggerBreak.
 QUARNEL_API void MemDebug(int what);
 
 // The library-wide counters: live blocks and the bytes asked for in them.
@@ -66,14 +67,10 @@ namespace quarnel_internal {
 QUARNEL_API void* MemAllocUnfilled(unsigned size);
 QUARNEL_API void* MemReallocUnfilled(void* p, unsigned size);
 
-// The memory lock: guards MemAvail's measurement and the memory report (and
-// the TMemory statistics). Re-entrant.
-QUARNEL_API std::recursive_mutex& MemoryLock();
-
-// The TMemory part of the memory report: called by MemDebug(0) between the
-// heading and the heap lines. Null removes it.
-using MemoryReportProc = void (*)();
-QUARNEL_API void SetTMemoryReport(MemoryReportProc proc);
+// The memory lock: the TMonitor that guards MemAvail's measurement, the
+// memory report, and the TMemory statistics and purgeable list. Made on first
+// use and never destroyed, so that it outlives every block.
+QUARNEL_API TMonitor& MemoryLock();
 
 }  // namespace quarnel_internal
 

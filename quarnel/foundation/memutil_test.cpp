@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "quarnel/foundation/debuglog.h"
+#include "quarnel/foundation/tmemory.h"
 #include "quarnel/platform/debugger.h"
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/heap.h"
@@ -441,12 +442,17 @@ TEST_F(MemTest, MemDebugReportAndBreaks) {
   constexpr std::size_t kMB = 1 << 20;
   const UMEMORYSTATUS s = Status(1024 * kMB, 256 * kMB);
   USetGlobalMemoryStatusOverride(&s);
+  TMemory block(1);
+  ASSERT_EQ(block.SetSize(5000), 0);  // one heap block of 5,000 bytes in the TMemory lines
+  MemDebug(0);  // the first report sets up what the library keeps for good (its string lists)
   void* keep = MemAlloc(3000);
   const int blocks = MemBlockCount();
   const unsigned bytes = static_cast<unsigned>(MemByteCount());
   const int breaks = UDebugBreakCount();
+  ClearRecords();
+  const TMemoryStats stats = tmemGetStats();
   MemDebug(0);
-  ASSERT_EQ(Lines().size(), 6u);
+  ASSERT_EQ(Lines().size(), 11u);
   for (const LogLine& l : Lines()) EXPECT_EQ(l.level, 513u) << l.text;
   EXPECT_EQ(Lines()[0].text, "");
   EXPECT_EQ(Lines()[1].format, "Memory Status at %~D...");
@@ -455,10 +461,17 @@ TEST_F(MemTest, MemDebugReportAndBreaks) {
     quarnel_args::WithArgs([&](const Args* args) { FormatLogLine(&t, format, args); }, values...);
     return Utf8(t);
   };
-  EXPECT_EQ(Lines()[2].text, expect("Utility:     heap %6~d %9K", blocks, bytes >> 10));
-  EXPECT_EQ(Lines()[3].text, expect("        available        %9K", 1073741800u >> 10));
-  EXPECT_EQ(Lines()[4].text, expect("      requestable        %9K", 1073741800u >> 10));
-  EXPECT_EQ(Lines()[5].text, expect("       bufferable        %9K", 528482300u >> 10));
+  EXPECT_EQ(Lines()[2].text,
+            expect("TMemory:     heap %6~d %9K", stats.heapBlocks, stats.heapBytes >> 10));
+  EXPECT_EQ(Lines()[2].format, "TMemory:     heap %6~d %9K");
+  EXPECT_EQ(Lines()[3].format, "          virtual %6~d %9K");
+  EXPECT_EQ(Lines()[4].format, "           commit        %9K");
+  EXPECT_EQ(Lines()[5].format, "        purgeable %6~d %9K");
+  EXPECT_EQ(Lines()[6].format, "        requested %6~d %9K");
+  EXPECT_EQ(Lines()[7].text, expect("Utility:     heap %6~d %9K", blocks, bytes >> 10));
+  EXPECT_EQ(Lines()[8].text, expect("        available        %9K", 1073741800u >> 10));
+  EXPECT_EQ(Lines()[9].text, expect("      requestable        %9K", 1073741800u >> 10));
+  EXPECT_EQ(Lines()[10].text, expect("       bufferable        %9K", 528482300u >> 10));
   EXPECT_EQ(UDebugBreakCount(), breaks);
   MemFree(keep);
 

@@ -12,6 +12,18 @@
 // 2 (the default) is exempt from the denial rule and asserts on failure.
 // A failing resize leaves the block's storage, size and bytes as they were.
 // A single TMemory is used by one thread at a time.
+//
+// Purgeable blocks: while the purgeable flag is set, any thread's growth may
+// empty the block (SetSize 0) under the memory monitor. Its owner clears the
+// flag before it touches the block again, then tests GetSize: 0 means the
+// content was purged. Resizing a purgeable block to a non-zero size asserts
+// (tmemory 180) and goes on; no purge it causes empties the block itself.
+//
+// Assertions of module "tmemory": 62 bad priority given, 95 bad priority at
+// destruction, 180 purgeable block resized, 452 release without storage, 488
+// a block counter below zero, 537 purge ran out of blocks, 574 priority-2
+// resize failed, 610 AllocBuffer bad arguments at priority 2, 662 AllocBuffer
+// got nothing at priority 2.
 #ifndef QUARNEL_FOUNDATION_TMEMORY_H_
 #define QUARNEL_FOUNDATION_TMEMORY_H_
 
@@ -32,9 +44,12 @@ class QUARNEL_API TMemory {
 
   unsigned GetSize() const { return size_; }
   unsigned char* MemPtr() const { return data_; }
-  // Resizes keeping the first min(old, new) bytes; new bytes are zero.
-  // `priority` -1 means the block's own; another value governs this call
-  // only. Returns 0 or -625, also kept as the last error.
+  // Resizes keeping the first min(old, new) bytes; new bytes are zero,
+  // except that a size within the same 8-byte step only records the size
+  // (the bytes keep their values). `priority` -1 means the block's own;
+  // another value governs this call only. Returns 0 or -625, also kept as
+  // the last error; a failure logs "TMemory::SetSize: priority %d failed
+  // from %K to %K" (514 at priority 2, with an assertion; else 517).
   int SetSize(unsigned size, short priority = -1);
   int Reset();  // SetSize(0, -1)
   void Zero();  // all GetSize bytes to 0
@@ -50,7 +65,10 @@ class QUARNEL_API TMemory {
   // -626 (bad arguments) or -625 in CheckError. A priority-0 block that only
   // gets memory by its priority-1 fallback returns lo - granularity, below
   // the caller's minimum, on purpose: that is how the caller learns of the
-  // fallback, while GetSize tells the size really held.
+  // fallback, while GetSize tells the size really held. Sizes above the
+  // physical-memory figure are denied alike, so after a denial the search
+  // goes straight to the largest size below the figure. An upper bound past
+  // 4 GiB is taken as the largest multiple of `granularity` below it.
   unsigned AllocBuffer(unsigned a, unsigned b, unsigned granularity);
 
   // Storage diagnostics: the reservation and commitment of a virtual block
@@ -60,10 +78,16 @@ class QUARNEL_API TMemory {
   bool IsInline() const { return data_ == inline_; }
 
  private:
+  struct Change;  // counter changes of one resize, applied under the monitor
+
   void init(short priority);
   int mhalloc(unsigned size, short priority);
   int mhdealloc();
   void setLastError(int err) { lastError_ = err; }
+  int growthCheck(unsigned long long newAligned, unsigned long long oldAligned, short priority);
+  bool heapResize(unsigned newAligned, Change* change);
+  bool virtualResize(unsigned long long newAligned, Change* change);
+  void zeroGrowth(unsigned size);
 
   unsigned char* data_;
   int lastError_;
@@ -72,6 +96,9 @@ class QUARNEL_API TMemory {
   unsigned short flags_;
   unsigned reserved_;
   unsigned committed_;
+  // Heap or virtual storage: how many bytes from its start may hold non-zero
+  // data (the highest size held in it); beyond, the storage is known zero.
+  unsigned dirty_;
   alignas(16) unsigned char inline_[kTMemoryInlineSize];
 };
 

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "quarnel/platform/lasterror.h"
+#include "quarnel/platform/vmem.h"
 
 namespace quarnel_internal {
 
@@ -165,10 +166,15 @@ void QuarnelSetEnv(const QuarnelEnvType& env) {
   if (&live != &env) live = env;
 }
 
+// Through GlobalMemoryStatus, so that a test's status override governs the
+// figure as it governs MemAvail; a status without a total means that
+// /proc/meminfo could not be read.
 std::uint64_t QuarnelRefreshAvailMemory() {
   std::atomic_ref<std::uint64_t> figure(LiveRecord().availPhysMemory);
-  std::uint64_t avail = 0, total = 0;
-  if (!ReadMeminfo(&avail, &total)) return figure.load(std::memory_order_relaxed);
+  UMEMORYSTATUS status{};
+  UGlobalMemoryStatus(&status);
+  if (status.dwTotalPhys == 0) return figure.load(std::memory_order_relaxed);
+  const std::uint64_t avail = status.dwAvailPhys;
   figure.store(avail, std::memory_order_relaxed);
   return avail;
 }

@@ -63,9 +63,9 @@ QUARNEL_API void QuarnelSetEnv(const QuarnelEnvType& env);
 // one (a host can adjust it and hand it to QuarnelSetEnv).
 QUARNEL_API QuarnelEnvType QuarnelDefaultEnv();
 
-// Reads MemAvailable again and stores it in the record. Returns the new
-// figure in bytes, or the old one when /proc/meminfo cannot be read. Any
-// thread.
+// Reads MemAvailable again (through UGlobalMemoryStatus, so its test
+// override applies) and stores it in the record. Returns the new figure in
+// bytes, or the old one when /proc/meminfo cannot be read. Any thread.
 QUARNEL_API std::uint64_t QuarnelRefreshAvailMemory();
 
 // The record's available-memory figure, safe against a concurrent refresh.

@@ -25,6 +25,10 @@ enum class UCall : int {
   kFlushFileBuffers,
   kSetFilePointer,
   kSetEndOfFile,
+  kSetLocalTime,  // SetLocalTime (1314: the privilege to set the clock is not held)
+  kLoadLibrary,   // ULoadLibrary and ULoadLibraryEx
+  kFreeLibrary,   // UFreeLibrary
+  kLoadResource,  // ULoadResource
   kCount
 };
 

@@ -202,6 +202,29 @@ int UVirtualFree(void* addr, std::size_t size, unsigned type) {
   return 0;
 }
 
+int UVirtualMove(const void* from, void* to, std::size_t size) {
+  const std::size_t page = PageSize();
+  const auto f = reinterpret_cast<std::uintptr_t>(from);
+  const auto t = reinterpret_cast<std::uintptr_t>(to);
+  if (size == 0 || f % page != 0 || t % page != 0 || size > UINTPTR_MAX - page) return 0;
+  const std::size_t bytes = (size + page - 1) & ~(page - 1);
+  if (f > UINTPTR_MAX - bytes || t > UINTPTR_MAX - bytes) return 0;
+  std::lock_guard<std::mutex> hold(g_lock);
+  std::uintptr_t fromBase, toBase;
+  std::size_t fromSize, toSize;
+  if (!FindReservation(f, f + bytes, &fromBase, &fromSize) ||
+      !FindReservation(t, t + bytes, &toBase, &toSize) || fromBase == toBase) {
+    return 0;
+  }
+  void* moved = ::mremap(const_cast<void*>(from), bytes, bytes, MREMAP_MAYMOVE | MREMAP_FIXED, to);
+  if (moved == MAP_FAILED) return 0;
+  // The hole the pages left becomes reserved space again, so that the source
+  // reservation stays whole until it is released.
+  ::mmap(const_cast<void*>(from), bytes, PROT_NONE,
+         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+  return 1;
+}
+
 std::size_t UVirtualPageSize() { return PageSize(); }
 
 void UGlobalMemoryStatus(UMEMORYSTATUS* status) {

@@ -46,6 +46,15 @@ QUARNEL_API void* UVirtualAlloc(void* addr, std::size_t size, unsigned type, uns
 // (or the reservation's size). Returns 1, or 0 and the last error.
 QUARNEL_API int UVirtualFree(void* addr, std::size_t size, unsigned type);
 
+// Moves the contents of [from, from + size) (size rounded up to whole pages;
+// both addresses on page boundaries; the source pages committed) onto the
+// same number of pages at `to`, inside another reservation, which end up
+// committed with those contents. Where the system can move pages (mremap),
+// nothing is copied; the source range is left reserved without contents.
+// Returns 1 when moved, 0 when not (bad arguments, or the system refused):
+// the caller then copies. Sets no last error.
+QUARNEL_API int UVirtualMove(const void* from, void* to, std::size_t size);
+
 // The page size of the system.
 QUARNEL_API std::size_t UVirtualPageSize();
 

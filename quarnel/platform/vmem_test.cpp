@@ -60,6 +60,34 @@ TEST_F(VmemTest, ReserveCommitDecommitRelease) {
   EXPECT_EQ(UGetLastError(), 487u);
 }
 
+TEST_F(VmemTest, MoveHandsPagesToAnotherReservation) {
+  char* a = static_cast<char*>(UVirtualAlloc(nullptr, 4 * page_, kMemReserve, kPageNoAccess));
+  char* b = static_cast<char*>(UVirtualAlloc(nullptr, 8 * page_, kMemReserve, kPageNoAccess));
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  ASSERT_NE(UVirtualAlloc(a, 3 * page_, kMemCommit, kPageReadWrite), nullptr);
+  ASSERT_NE(UVirtualAlloc(b, 4 * page_, kMemCommit, kPageReadWrite), nullptr);
+  for (std::size_t i = 0; i < 3 * page_; ++i) a[i] = static_cast<char>(i * 7);
+  b[3 * page_] = 0x55;
+
+  // Not moved: unaligned, empty, outside a reservation, within one.
+  EXPECT_EQ(UVirtualMove(a + 1, b, page_), 0);
+  EXPECT_EQ(UVirtualMove(a, b, 0), 0);
+  EXPECT_EQ(UVirtualMove(a, b + 8 * page_, page_), 0);
+  EXPECT_EQ(UVirtualMove(a, a + 2 * page_, page_), 0);
+  EXPECT_EQ(a[5], 5 * 7);
+
+  // 2.5 pages move as 3; the page after them keeps its contents.
+  ASSERT_EQ(UVirtualMove(a, b, 2 * page_ + page_ / 2), 1);
+  for (std::size_t i = 0; i < 3 * page_; ++i) ASSERT_EQ(b[i], static_cast<char>(i * 7)) << i;
+  EXPECT_EQ(b[3 * page_], 0x55);
+  EXPECT_EQ(UIsBadWritePtr(b, 4 * page_), 0);
+  EXPECT_EQ(UIsBadReadPtr(a, 1), 1);  // the source is reserved, without contents
+  ASSERT_EQ(UVirtualFree(a, 0, kMemDecommit), 1);
+  ASSERT_EQ(UVirtualFree(a, 0, kMemRelease), 1);
+  ASSERT_EQ(UVirtualFree(b, 0, kMemRelease), 1);
+}
+
 TEST_F(VmemTest, BadRequestsFailWithLastError) {
   char* base = static_cast<char*>(UVirtualAlloc(nullptr, 2 * page_, kMemReserve, kPageNoAccess));
   ASSERT_NE(base, nullptr);
