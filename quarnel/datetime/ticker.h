@@ -12,6 +12,16 @@
 //
 // A ticker or profiler is used by one thread at a time; the registries of
 // live tickers and profilers are shared and locked.
+//
+// The hourly count needs no thread and no message loop. The first live
+// ticker starts a process-wide hourly timer: its start is a reading of the
+// 64-bit tick count, and it "fires" every 3,600,000 ms after that. Whenever a
+// ticker is made, read (GetMS) or restarted (SetMS, Reset), every hour
+// boundary passed since the last delivery is delivered first, under the
+// registry monitor, to every live ticker (incHourBase: an hour per boundary),
+// exactly as the firings of a real timer would have been. When the last
+// ticker is destroyed the timer is killed; the next ticker starts a new one
+// with a new id and a new phase. TTickerTimerActive tells which timer runs.
 #ifndef QUARNEL_DATETIME_TICKER_H_
 #define QUARNEL_DATETIME_TICKER_H_
 
@@ -36,6 +46,9 @@ class QUARNEL_API TTicker {
  private:
   friend struct TTickerRegistry;
   void incHourBase() { ++hours_; }
+  // `n` firings of the hourly timer at once; the count stops at its largest
+  // value instead of wrapping.
+  void incHourBase(unsigned n) { hours_ = hours_ > ~n ? ~0u : hours_ + n; }
 
   unsigned base_;
   unsigned hours_;
@@ -72,5 +85,9 @@ class QUARNEL_API TProfiler {
 
 // Reports every live profiler once and empties the registry.
 QUARNEL_API void TProfileReportAll();
+
+// Diagnostic: the id of the running hourly ticker timer, 0 when none runs
+// (no live ticker). Each timer started gets a new id, counting from 1.
+QUARNEL_API unsigned TTickerTimerActive();
 
 #endif  // QUARNEL_DATETIME_TICKER_H_

@@ -1,0 +1,443 @@
+#include "quarnel/datetime/ticker.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "quarnel/platform/tick.h"
+#include "tests/support/recording_hooks.h"
+
+namespace {
+
+constexpr unsigned kMinute = 60000;
+constexpr unsigned kHour = 3600000;
+constexpr unsigned kDay = 86400000;
+constexpr std::uint64_t kWrap = std::uint64_t{1} << 32;
+
+constexpr unsigned FourCC(const char (&s)[5]) {
+  return (unsigned(static_cast<unsigned char>(s[0])) << 24) |
+         (unsigned(static_cast<unsigned char>(s[1])) << 16) |
+         (unsigned(static_cast<unsigned char>(s[2])) << 8) | static_cast<unsigned char>(s[3]);
+}
+
+LogLine HourNote(const std::string& id) {
+  return {517, "", "TTicker::GetMS: note that TTicker('" + id + "') has exceeded 1 hour"};
+}
+LogLine DaysWarning(const std::string& id) {
+  return {515, "", "TTicker::GetMS: TTicker('" + id + "') has reached 21 days of 49 max"};
+}
+LogLine Overflowed(const std::string& id) {
+  return {515, "", "TTicker::GetMS: TTicker('" + id + "') overflowed"};
+}
+
+// The clock stands still; Advance moves it. Every test starts and ends with
+// no live ticker, so each one starts its own hourly timer.
+class TickerTest : public RecordingTest {
+ protected:
+  void SetUp() override {
+    RecordingTest::SetUp();
+    ASSERT_EQ(TTickerTimerActive(), 0u) << "a ticker outlived an earlier test";
+    UFreezeTickCount(1);
+  }
+  void TearDown() override {
+    UFreezeTickCount(0);
+    USetTickOffset(0);
+    EXPECT_EQ(TTickerTimerActive(), 0u);
+    RecordingTest::TearDown();
+  }
+  static void Advance(std::int64_t ms) { USetTickOffset(UGetTickOffset() + ms); }
+  // Moves the clock so that the 32-bit count reads `tick`.
+  static void AdvanceTo32(unsigned tick) {
+    Advance(static_cast<std::int64_t>(static_cast<unsigned>(tick - UGetTickCount())));
+  }
+};
+
+TEST_F(TickerTest, SetMSStartsTheSpanAlreadyMeasuring) {
+  TTicker t(FourCC("tick"));
+  EXPECT_EQ(t.GetID(), FourCC("tick"));
+  t.SetMS(7200000);
+  EXPECT_EQ(t.GetMS(), 7200000u);
+  EXPECT_EQ(t.GetMS(), 7200000u);
+  Advance(kHour);
+  EXPECT_EQ(t.GetMS(), 10800000u);
+  EXPECT_EQ(Lines(), std::vector<LogLine>{HourNote("tick")});
+
+  // Reset starts a new span: the note may come once more.
+  t.SetID(FourCC("tock"));
+  t.Reset();
+  EXPECT_EQ(t.GetMS(), 0u);
+  Advance(kHour + 1);
+  EXPECT_EQ(t.GetMS(), kHour + 1);
+  EXPECT_EQ(Lines(), (std::vector<LogLine>{HourNote("tick"), HourNote("tock")}));
+}
+
+// One row: SetMS(setMs), the clock moves by `advance`, GetMS answers
+// `expected` and logs `lines`; a second GetMS logs nothing more.
+struct SpanRow {
+  const char* name;
+  unsigned setMs;
+  std::uint64_t advance;
+  unsigned expected;
+  std::vector<LogLine> lines;
+};
+
+TEST_F(TickerTest, GetMSRulesByRow) {
+  const std::string id = "Span";
+  const std::vector<SpanRow> rows = {
+      {"empty span", 0, 0, 0, {}},
+      {"exactly one hour", kHour, 0, kHour, {}},
+      {"just past one hour", kHour + 1, 0, kHour + 1, {HourNote(id)}},
+      {"one hour reached by the clock", 0, kHour + 1, kHour + 1, {HourNote(id)}},
+      {"exactly 21 days", 21 * kDay, 0, 21 * kDay, {HourNote(id)}},
+      {"just past 21 days: the warning only", 21 * kDay + 1, 0, 21 * kDay + 1, {DaysWarning(id)}},
+      {"21 days by the clock", 0, 21ull * kDay + 5, 21 * kDay + 5, {DaysWarning(id)}},
+      {"1192 hours, not wrapped", 1192 * kHour, 0, 1192 * kHour, {DaysWarning(id)}},
+      {"1193 hours by the clock, not wrapped", 0, 1193ull * kHour, 1193 * kHour, {DaysWarning(id)}},
+      {"largest count, 1193 hours", 0xFFFFFFF0u, 0, 0xFFFFFFF0u, {DaysWarning(id)}},
+      {"wrapped with 1193 hours counted", 0xFFFFFFF0u, 100, 0xFFFFFFFFu, {Overflowed(id)}},
+      {"wrapped by the clock", 0, kWrap + 1, 0xFFFFFFFFu, {Overflowed(id)}},
+      {"1194 hours counted", 0, 1194ull * kHour, 0xFFFFFFFFu, {Overflowed(id)}},
+      {"far beyond", 0, 5 * kWrap + 7, 0xFFFFFFFFu, {Overflowed(id)}},
+  };
+  for (const SpanRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    ClearRecords();
+    TTicker t(FourCC("Span"));
+    t.SetMS(row.setMs);
+    Advance(static_cast<std::int64_t>(row.advance));
+    EXPECT_EQ(t.GetMS(), row.expected);
+    EXPECT_EQ(t.GetMS(), row.expected);
+    EXPECT_EQ(Lines(), row.lines);
+  }
+}
+
+TEST_F(TickerTest, EachNoteOnceAndLaterStatesSilenceEarlierOnes) {
+  TTicker t(FourCC("life"));
+  Advance(2 * kHour);
+  EXPECT_EQ(t.GetMS(), 2 * kHour);
+  Advance(20ll * kDay);
+  EXPECT_EQ(t.GetMS(), 2 * kHour + 20 * kDay);  // past 1 hour already noted
+  Advance(kDay);
+  EXPECT_EQ(t.GetMS(), 2 * kHour + 21 * kDay);
+  Advance(1194ll * kHour);
+  EXPECT_EQ(t.GetMS(), 0xFFFFFFFFu);
+  EXPECT_EQ(t.GetMS(), 0xFFFFFFFFu);
+  EXPECT_EQ(Lines(),
+            (std::vector<LogLine>{HourNote("life"), DaysWarning("life"), Overflowed("life")}));
+  // An overflowed span starts again after Reset.
+  ClearRecords();
+  t.Reset();
+  Advance(kHour + 1);
+  EXPECT_EQ(t.GetMS(), kHour + 1);
+  EXPECT_EQ(Lines(), std::vector<LogLine>{HourNote("life")});
+}
+
+TEST_F(TickerTest, SpanAcrossTheWrapOfTheTickCount) {
+  AdvanceTo32(0xFFFFFFFFu - 500);
+  TTicker t(FourCC("wrap"));
+  Advance(1500);
+  EXPECT_LT(UGetTickCount(), 1500u);
+  EXPECT_EQ(t.GetMS(), 1500u);
+  // SetMS reaching back over the wrap.
+  t.SetMS(2000);
+  EXPECT_EQ(t.GetMS(), 2000u);
+  EXPECT_TRUE(Lines().empty());
+}
+
+// The hour count is seen only through the overflow rules. A ticker set to
+// 1192 hours that the clock then moves by 62 minutes measures 1193 h 2 min,
+// just short of the wrap of the 32-bit count (1193 h 2.78 min): it overflows
+// when two firings reach it (1194 hours) and not with one. Any 62 minutes
+// hold one firing; two only when the first comes within 2 minutes.
+constexpr unsigned kProbeSpan = 62 * kMinute;
+constexpr unsigned kProbeMeasured = 1192 * kHour + kProbeSpan;
+
+TEST_F(TickerTest, TickersShareOneTimerAndItsPhase) {
+  TTicker keeper(FourCC("keep"));
+  const unsigned timer = TTickerTimerActive();
+  EXPECT_NE(timer, 0u);
+  Advance(59 * kMinute);
+  TTicker probe(FourCC("prob"));
+  EXPECT_EQ(TTickerTimerActive(), timer);
+  probe.SetMS(1192 * kHour);
+  Advance(kProbeSpan);  // firings 1 and 61 minutes after the probe began
+  EXPECT_EQ(probe.GetMS(), 0xFFFFFFFFu);
+  EXPECT_EQ(Lines(), std::vector<LogLine>{Overflowed("prob")});
+}
+
+TEST_F(TickerTest, LastTickerKillsTheTimerAndTheNextStartsAnother) {
+  unsigned first;
+  {
+    TTicker a(FourCC("aaaa"));
+    first = TTickerTimerActive();
+    EXPECT_NE(first, 0u);
+    {
+      TTicker b(FourCC("bbbb"));
+      EXPECT_EQ(TTickerTimerActive(), first);
+    }
+    EXPECT_EQ(TTickerTimerActive(), first);  // a is still alive
+    Advance(59 * kMinute);
+  }
+  EXPECT_EQ(TTickerTimerActive(), 0u);
+
+  // The new timer starts with the new ticker: its first firing is an hour
+  // after this point, not a minute after as the killed timer's would have been.
+  TTicker probe(FourCC("prob"));
+  const unsigned second = TTickerTimerActive();
+  EXPECT_NE(second, 0u);
+  EXPECT_NE(second, first);
+  probe.SetMS(1192 * kHour);
+  Advance(kProbeSpan);
+  EXPECT_EQ(probe.GetMS(), kProbeMeasured);
+  EXPECT_EQ(Lines(), std::vector<LogLine>{DaysWarning("prob")});
+}
+
+// Firings that fell due before a span starts are delivered before it
+// starts, so they count only for the tickers that were running then.
+TEST_F(TickerTest, FiringsDueBeforeASpanStartsDoNotCountForIt) {
+  TTicker keeper(FourCC("keep"));
+  Advance(kMinute);
+  TTicker probe(FourCC("prob"));
+  Advance(2 * kHour);  // two firings due, nobody has looked yet
+  probe.SetMS(1192 * kHour);
+  Advance(kProbeSpan);  // one more firing, 59 minutes after the probe began
+  EXPECT_EQ(probe.GetMS(), kProbeMeasured);
+  EXPECT_EQ(Lines(), std::vector<LogLine>{DaysWarning("prob")});
+}
+
+// Eight threads make, read, restart and destroy tickers while one of them
+// moves the clock through many hours. Two long-lived tickers check that every
+// firing reached them exactly once, whatever the interleaving:
+//  - `under` (made first, at the timer's start) is set to 1192 - N hours and
+//    59 minutes; after N firings it measures past the wrap and overflows, but
+//    would read as a short span with a firing lost;
+//  - `over` (made 50 minutes later) is set to 1193 - N hours; after N
+//    firings it measures 1192 h 30 min exactly, and would overflow with one
+//    firing too many.
+TEST_F(TickerTest, ThreadTickersMadeReadAndDestroyedConcurrently) {
+  constexpr unsigned kHoursPassed = 24;
+  auto under = std::make_unique<TTicker>(FourCC("undr"));
+  under->SetMS((1192 - kHoursPassed) * kHour + 59 * kMinute);
+  Advance(50 * kMinute);
+  auto over = std::make_unique<TTicker>(FourCC("over"));
+  over->SetMS((1193 - kHoursPassed) * kHour);
+
+  std::atomic<bool> clockDone{false};
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] {
+    // From 50 minutes to N hours 20 minutes after the timer's start.
+    const int steps = static_cast<int>((kHoursPassed * kHour - 30 * kMinute) / (10 * kMinute));
+    for (int i = 0; i < steps; ++i) {
+      Advance(10 * kMinute);
+      std::this_thread::yield();
+    }
+    clockDone = true;
+  });
+  for (int t = 1; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      unsigned i = 0;
+      while (!clockDone || i < 500) {
+        TTicker a(FourCC("wrk0") + t);
+        EXPECT_LE(a.GetMS(), 25 * kHour);  // the clock may run on meanwhile
+        {
+          TTicker b(FourCC("nest"));
+          b.SetMS(i * 1000);
+          EXPECT_GE(b.GetMS(), i * 1000);
+        }
+        a.Reset();
+        a.GetMS();
+        ++i;
+      }
+    });
+  }
+  for (std::thread& th : threads) th.join();
+
+  EXPECT_NE(TTickerTimerActive(), 0u);
+  ClearRecords();
+  EXPECT_EQ(under->GetMS(), 0xFFFFFFFFu);
+  EXPECT_EQ(over->GetMS(), 1192 * kHour + 30 * kMinute);
+  EXPECT_EQ(Lines(), (std::vector<LogLine>{Overflowed("undr"), DaysWarning("over")}));
+  under.reset();
+  over.reset();
+  EXPECT_EQ(TTickerTimerActive(), 0u);
+}
+
+// ---------------------------------------------------------------- TProfiler
+
+class ProfilerTest : public TickerTest {};
+
+// Runs `ops` operations of which the first lasts `busy` ms, then lets the
+// clock run to `elapsed` ms after the profiler's start.
+void RunProfile(TProfiler& p, unsigned ops, unsigned busy, unsigned elapsed) {
+  const std::int64_t start = UGetTickOffset();
+  for (unsigned i = 0; i < ops; ++i) {
+    p.Start();
+    if (i == 0) USetTickOffset(UGetTickOffset() + busy);
+    p.Stop();
+  }
+  USetTickOffset(start + elapsed);
+}
+
+TEST_F(ProfilerTest, NestedStartsCountOperationsAndOneBusySpan) {
+  TProfiler p("load", 0);
+  Advance(1000);
+  p.Start();
+  Advance(200);
+  p.Start();
+  Advance(300);
+  p.Stop();
+  Advance(500);
+  p.Stop();
+  Advance(1000);
+  p.Report(0);
+  EXPECT_EQ(Lines(),
+            std::vector<LogLine>(
+                {{513, "", "load: 1.000 of 3.0 secs (33.33%) for 2 ops (500,000.0 uSec/op)"}}));
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(ProfilerTest, NeverStartedReportsZeroes) {
+  TProfiler p("idle", 518);
+  Advance(5000);
+  p.Report(0);
+  EXPECT_EQ(Lines(), std::vector<LogLine>(
+                         {{518, "", "idle: 0.000 of 0.0 secs (0.00%) for 0 ops (0.0 uSec/op)"}}));
+}
+
+struct ReportRow {
+  const char* name;
+  unsigned ops;
+  unsigned busy;
+  unsigned elapsed;
+  const char* text;
+};
+
+// The figures are 32-bit scaled integers: the divisor and the scale lose
+// digits together until the divisor is below 1,000, and the product wraps at
+// 32 bits (the last row: 500,000 ms for three operations).
+TEST_F(ProfilerTest, ReportFiguresByRow) {
+  const ReportRow rows[] = {
+      {"one op, all busy", 1, 250, 250,
+       "p: 0.250 of 0.2 secs (100.00%) for 1 ops (250,000.0 uSec/op)"},
+      {"ops cut to three digits", 1234, 5000, 60000,
+       "p: 5.000 of 60.0 secs (8.33%) for 1,234 ops (4,065.0 uSec/op)"},
+      {"long run, percent by the smallest scale", 3, 5000, 10000000,
+       "p: 5.000 of 10,000.0 secs (0.05%) for 3 ops (1,666,666.6 uSec/op)"},
+      {"zero elapsed gives zeroes", 2, 0, 0,
+       "p: 0.000 of 0.0 secs (0.00%) for 0 ops (0.0 uSec/op)"},
+      {"zero busy gives zeroes", 4, 0, 900, "p: 0.000 of 0.0 secs (0.00%) for 0 ops (0.0 uSec/op)"},
+      {"elapsed below a tenth", 1, 40, 40,
+       "p: 0.040 of 0.0 secs (100.00%) for 1 ops (40,000.0 uSec/op)"},
+      {"product wraps at 32 bits", 3, 500000, 500000,
+       "p: 500.000 of 500.0 secs (100.00%) for 3 ops (23,501,090.1 uSec/op)"},
+  };
+  for (const ReportRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    ClearRecords();
+    TProfiler p("p", 0);
+    RunProfile(p, row.ops, row.busy, row.elapsed);
+    p.Report(0);
+    EXPECT_EQ(Lines(), std::vector<LogLine>({{513, "", row.text}}));
+    p.Report(1);  // the destructor then says nothing
+    ClearRecords();
+  }
+  EXPECT_TRUE(Lines().empty());
+}
+
+TEST_F(ProfilerTest, OnceOnlyReportsAndTheDestructor) {
+  {
+    TProfiler p("once", 0);
+    p.Report(1);
+    p.Report(1);
+    p.Report(0);  // not once-only: always writes
+    p.Reset();    // keeps the reported flag
+    p.Report(1);
+  }
+  EXPECT_EQ(Lines().size(), 2u);
+  ClearRecords();
+  {
+    TProfiler q("dtor", 0);
+    q.Start();
+    Advance(10);
+    q.Stop();
+    Advance(90);
+  }
+  EXPECT_EQ(Lines(),
+            std::vector<LogLine>(
+                {{513, "", "dtor: 0.010 of 0.1 secs (10.00%) for 1 ops (10,000.0 uSec/op)"}}));
+}
+
+TEST_F(ProfilerTest, ResetClearsTheCounters) {
+  TProfiler p("r", 0);
+  RunProfile(p, 5, 100, 1000);
+  p.Reset();
+  RunProfile(p, 1, 30, 300);
+  p.Report(0);
+  EXPECT_EQ(Lines(),
+            std::vector<LogLine>(
+                {{513, "", "r: 0.030 of 0.3 secs (10.00%) for 1 ops (30,000.0 uSec/op)"}}));
+}
+
+TEST_F(ProfilerTest, StopWithoutStartAsserts) {
+  TProfiler p("neg", 0);
+  p.Stop();
+  EXPECT_EQ(Assertions(), std::vector<AssertionSeen>({{"timer", 303, ""}}));
+  p.Start();  // back to depth 0 without a busy span
+  p.Start();
+  Advance(10);
+  p.Stop();
+  EXPECT_EQ(Assertions().size(), 1u);
+  p.Report(1);
+  EXPECT_EQ(Lines(),
+            std::vector<LogLine>(
+                {{513, "", "neg: 0.010 of 0.0 secs (100.00%) for 2 ops (5,000.0 uSec/op)"}}));
+}
+
+TEST_F(ProfilerTest, ReportAllReportsNewestFirstAndEmptiesTheRegistry) {
+  auto a = std::make_unique<TProfiler>("first", 0);
+  auto b = std::make_unique<TProfiler>("second", 519);
+  auto c = std::make_unique<TProfiler>("third", 0);
+  TProfileReportAll();
+  ASSERT_EQ(Lines().size(), 3u);
+  EXPECT_EQ(Lines()[0].text.substr(0, 6), "third:");
+  EXPECT_EQ(Lines()[1],
+            (LogLine{519, "", "second: 0.000 of 0.0 secs (0.00%) for 0 ops (0.0 uSec/op)"}));
+  EXPECT_EQ(Lines()[2].text.substr(0, 6), "first:");
+  ClearRecords();
+  TProfileReportAll();
+  b.reset();
+  EXPECT_TRUE(Lines().empty());
+
+  // A profiler made afterwards is registered again and reported on its own.
+  auto d = std::make_unique<TProfiler>("fourth", 0);
+  a.reset();
+  c.reset();
+  EXPECT_TRUE(Lines().empty());
+  TProfileReportAll();
+  EXPECT_EQ(Lines().size(), 1u);
+}
+
+TEST_F(ProfilerTest, ThreadProfilersMadeAndReportedConcurrently) {
+  constexpr int kThreads = 8;
+  constexpr int kPerThread = 200;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        TProfiler p("w", 0);
+        p.Start();
+        p.Stop();
+        if ((i + t) % 3 == 0) p.Report(1);
+      }
+    });
+  }
+  for (std::thread& th : threads) th.join();
+  EXPECT_EQ(Lines().size(), static_cast<std::size_t>(kThreads * kPerThread));
+}
+
+}  // namespace
