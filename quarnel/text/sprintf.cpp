@@ -5,10 +5,12 @@
 #include <cstdint>
 #include <cstring>
 
+#include "quarnel/datetime/tdate.h"
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/errors.h"
 #include "quarnel/platform/locale.h"
 #include "quarnel/resources/resmgr.h"
+#include "quarnel/text/internal/datefmt.h"
 #include "quarnel/text/token.h"
 #include "quarnel/text/tstring.h"
 
@@ -527,10 +529,28 @@ class Engine {
         break;
       }
       case u'D':
-      case u'T':
-      case u'I':
-        Next();
+      case u'T': {
+        const TArg* t = Next();
+        const TDate* date = (t != nullptr && t->kind == TArg::kDate) ? t->date : nullptr;
+        TString text;
+        quarnel_internal::AppendDate(
+            &text, date, quarnel_internal::DateForm{c, s.precision, s.zero, c == u'D' && s.tilde},
+            words_.lcid);
+        Spec blanks = s;
+        blanks.zero = false;
+        Field(blanks, nullptr, 0, text.Text(), text.Length());
         break;
+      }
+      case u'I': {
+        const TArg* t = Next();
+        const TInterval* iv = (t != nullptr && t->kind == TArg::kInterval) ? t->interval : nullptr;
+        TString text;
+        quarnel_internal::AppendInterval(&text, iv, s.precision, words_.lcid);
+        Spec blanks = s;
+        blanks.zero = false;
+        Field(blanks, nullptr, 0, text.Text(), text.Length());
+        break;
+      }
       case u'i':
         Skip(s);
         break;
@@ -800,7 +820,10 @@ class Scanner {
   }
 
   void StoreInt(const ScanArg* a, std::uint64_t v) {
-    if (a == nullptr || a->p == nullptr || a->kind == ScanArg::kString) return;
+    if (a == nullptr || a->p == nullptr ||
+        (a->kind != ScanArg::kSigned && a->kind != ScanArg::kUnsigned)) {
+      return;
+    }
     switch (a->size) {
       case 1: {
         const std::uint8_t x = static_cast<std::uint8_t>(v);
@@ -940,8 +963,37 @@ class Scanner {
         return p;
       }
       case u'D':
-      case u'T':
-      case u'I':
+      case u'T': {
+        const ScanArg* a = Slot(suppress);
+        TDate* target = (a != nullptr && a->p != nullptr && a->kind == ScanArg::kDate)
+                            ? static_cast<TDate*>(a->p)
+                            : nullptr;
+        TDate value = target != nullptr ? *target : TDate();
+        const char16_t stop = (p < end && *p != u'%') ? *p : 0;
+        const int used = quarnel_internal::ScanDate(
+            s_ + i_, n_ - i_, quarnel_internal::DateForm{c, prec, false, c == u'D' && tilde},
+            words_.lcid, stop, &value);
+        if (used < 0) return nullptr;
+        i_ += used;
+        if (target != nullptr) {
+          *target = value;
+          ++stored_;
+        }
+        return p;
+      }
+      case u'I': {
+        const ScanArg* a = Slot(suppress);
+        TInterval value;
+        const int used =
+            quarnel_internal::ScanInterval(s_ + i_, n_ - i_, prec, words_.lcid, &value);
+        if (used < 0) return nullptr;
+        i_ += used;
+        if (a != nullptr && a->p != nullptr && a->kind == ScanArg::kInterval) {
+          *static_cast<TInterval*>(a->p) = value;
+          ++stored_;
+        }
+        return p;
+      }
       case u'K':
       case u'k':
       case u'E':

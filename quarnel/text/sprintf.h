@@ -46,20 +46,62 @@
 //       "1.234" in en-US. With no precision (or 0) only the integer part.
 //   E   error code: the message found by RMGetErrID and LoadKString; when no
 //       module holds the code or the entry is missing, entry '0000' of list
-//       16000 (empty while no resource module carries it).
+//       16000 (the default resource module, vellores.dll, carries one).
 //   Y y 32-bit four-character code: its four bytes, most significant first,
 //       each printed as the unit of the same value; a zero byte prints "7".
 //   K k byte count, scaled (below). K starts at the first unit letter, k at
 //       the fourth.
-//   D T a TDate, I a TInterval: take one argument and print nothing in this
-//       version of the library (dates and intervals are not formatted yet).
+//   D   a TDate: the date in the form the precision selects (table below).
+//       "0" makes the day, month, hour, minute and second fields two digits
+//       wide; "~" adds a blank and the time of day (%T), as "%.*D %T" would.
+//       A missing (null) or default date prints the word 'Nevr' of list
+//       16000 (empty while no resource module carries it), alone.
+//   T   a TDate: its time of day in the form the precision selects; "0" as
+//       for D; a missing or default date prints 'Nevr'.
+//   I   a TInterval: normalised, a negative one gets token 5 and prints its
+//       absolute value; milliseconds are not shown. A missing one prints as
+//       zero. Precision below.
 //   i   prints nothing and moves over arguments: forward by the width (1 when
 //       no width is given), or back by as many with "-". The position stays
 //       within the list (0 .. count). "%2i" skips two, "%-3i" goes back three.
 //   #  $  and any other character: reserved; print nothing, take no argument.
 //
 // The field (the whole text of a conversion, sign included) is padded to the
-// width; i, D, T, I and the self-printing characters ignore the width.
+// width (D, T and I pad with blanks; "0" keeps its meaning for them); i and
+// the self-printing characters ignore the width.
+//
+// Date and time forms. Pictures are the locale's (GetLocaleInfo items
+// through UGetLocaleInfoW) or fixed ones in the same picture syntax: d dd day,
+// ddd dddd day names (tokens 29.. and 8..), M MM month, MMM MMMM month names
+// (tokens 48.. and 36..), yyyy year (at least four digits), h hh 12-hour,
+// H HH 24-hour, mm minute, ss second, tt AM/PM (tokens 6 and 7), 'text'
+// literal. Examples: 2024-03-05 14:07:09.042 in en-US, GMT offset +60 with
+// flag 0x0100 where shown.
+//
+//   conversion  picture                                   example
+//   %D   %.0D   locale short date (LOCALE_SSHORTDATE)     3/5/2024
+//   %0D         the same, fields two digits wide           03/05/2024
+//   %.1D        locale long date (LOCALE_SLONGDATE)       Tuesday, March 5, 2024
+//   %.2D        "ddd, dd MMM yyyy"                         Tue, 05 Mar 2024
+//   %.3D        "yyyy-MM-dd"                               2024-03-05
+//   %.4D        "yyyy-MM-dd'T'HH:mm:ss", "." and the       2024-03-05T14:07:09.042+0100
+//               milliseconds ("%03d"), then with flag
+//               0x0100 the offset ("%s%02d%02d": token 4
+//               or 5, hours, minutes)
+//   %~D %.n~D   the date form n, a blank, then %T          3/5/2024 2:07:09 PM
+//               (ignored with .4, which holds the time)
+//   %T   %.0T   locale time (LOCALE_STIMEFORMAT)           2:07:09 PM
+//   %.1T        "HH", token 24, "mm", token 24, "ss",      14:07:09.042
+//               token 1 and the milliseconds ("%03d")
+//   %.2T        the locale time without its seconds       2:07 PM
+//   other precisions: as 0.
+//
+//   %I   %.0I   "%~d %02d:%02d:%02d" (days, hh:mm:ss);     1 02:03:04
+//               without days "%02d:%02d:%02d"             02:03:04
+//   %.1I        total hours "%d:%02d:%02d"                 26:03:04
+//   %.2I        total minutes "%d:%02d"                    1563:04
+//   %.3I        always with days                           0 02:03:04
+//   (":" is token 24, the locale's time separator; other precisions: as 0)
 //
 // Missing and unfitting arguments: the engine never reads past the Args list.
 // A conversion whose argument is missing (more conversions than arguments),
@@ -138,7 +180,21 @@
 //   - Y y: four units of at most 0xFF, most significant first.
 //   - i: moves over out-pointers as in SPrintf. "*" after "%" reads a value
 //     without storing it (no out-pointer is used); "-", "0", ";" are ignored.
-//   - %, ^, {, }, | match themselves. D, T, I, K, k and E cannot be read:
+//   - D T: a date in the form of the same conversion (precision and "~"
+//     as in SPrintf; the fields may have one or two digits, names match
+//     without regard to ASCII case) into a TDate out-pointer. Every form
+//     SPrintf writes reads back to the fields it shows (and, for %.4D, the
+//     offset and flag 0x0100); a date form without a time gives 00:00:00.000,
+//     a time form without seconds or milliseconds gives 0 for them.
+//     Dates are built through the setters (flags 0x0001), so the
+//     milliseconds are kept modulo 256. D reads a whole new date; T keeps
+//     the date of the target and replaces its time of day. The word 'Nevr'
+//     reads as the default date; while that word is empty, an empty field
+//     (the end of the string, or the format's next unit next) does. A field
+//     out of range (month 13, 25 o'clock, year 0 or above 4000) is a
+//     mismatch.
+//   - I: an interval in the form of the same precision into a TInterval.
+//   - %, ^, {, }, | match themselves. K, k and E cannot be read:
 //     scanning stops there. Unknown conversions match nothing.
 //
 // An out-pointer that is missing or null, or of a kind that cannot hold the
@@ -162,6 +218,8 @@ struct ScanArg {
     kSigned,    // a signed integer of `size` bytes
     kUnsigned,  // an unsigned integer (or char16_t) of `size` bytes
     kString,    // a TString
+    kDate,      // a TDate
+    kInterval,  // a TInterval
   };
   Kind kind;
   std::uint8_t size;
@@ -181,11 +239,16 @@ ScanArg MakeScanArg(T* p) {
   static_assert(!std::is_const_v<T>, "SScanf stores through its out-pointers");
   if constexpr (std::is_same_v<D, TString>) {
     return ScanArg{ScanArg::kString, 0, p};
+  } else if constexpr (std::is_same_v<D, TDate>) {
+    return ScanArg{ScanArg::kDate, 0, p};
+  } else if constexpr (std::is_same_v<D, TInterval>) {
+    return ScanArg{ScanArg::kInterval, 0, p};
   } else if constexpr (std::is_integral_v<D> && !std::is_same_v<D, bool>) {
     return ScanArg{std::is_signed_v<D> ? ScanArg::kSigned : ScanArg::kUnsigned,
                    static_cast<std::uint8_t>(sizeof(D)), p};
   } else {
-    static_assert(std::is_integral_v<D>, "SScanf stores into integers and TStrings");
+    static_assert(std::is_integral_v<D>,
+                  "SScanf stores into integers, TStrings, TDates and TIntervals");
     return ScanArg{};
   }
 }

@@ -167,8 +167,9 @@ TEST_F(SprintfTest, ConversionsAndFlags) {
       {u"%Y", ArgList(Key("Cfh.")), "Cfh."},
       {u"%y", ArgList(0x41004200u), "A7B7"},
       {u"[%6Y]", ArgList(Key("DYL.")), "[  DYL.]"},
-      // D, T, I take their argument and print nothing yet.
-      {u"a%Db%Tc%Id%d", ArgList(nullptr, nullptr, nullptr, 5), "abcd5"},
+      // D, T, I take their argument; without a date D and T print the word
+      // 'Nevr' (not in this list: nothing), without an interval I prints zero.
+      {u"a%Db%Tc%Id%d", ArgList(nullptr, nullptr, nullptr, 5), "abc00:00:00d5"},
       // Reserved and unknown conversions take no argument.
       {u"%#%$%q%d", ArgList(5), "5"},
   });
@@ -455,7 +456,7 @@ TEST_F(SprintfTest, ScanReadsBackWhatIsWritten) {
     EXPECT_EQ(a, 2);
     EXPECT_EQ(b, 3);
     EXPECT_EQ(TString(u"7 x 8").SScanf(u"%d y %d", &a, &c), 1);
-    EXPECT_EQ(TString(u"5").SScanf(u"%D%d", &a), 0);
+    EXPECT_EQ(TString(u"5").SScanf(u"%K%d", &a), 0);
     // Unfitting and missing out-pointers are not counted.
     TString s;
     EXPECT_EQ(TString(u"5 6").SScanf(u"%d %d", &s), 0);

@@ -1,0 +1,563 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "quarnel/datetime/tdate.h"
+#include "quarnel/foundation/errors.h"
+#include "tests/support/recording_hooks.h"
+
+namespace {
+
+using namespace std::chrono;
+using Bytes = std::vector<unsigned char>;
+
+struct F {
+  int y, mo, d, h, mi, s, ms;
+  bool operator==(const F&) const = default;
+};
+std::ostream& operator<<(std::ostream& os, const F& f) {
+  return os << f.y << "-" << f.mo << "-" << f.d << " " << f.h << ":" << f.mi << ":" << f.s << "."
+            << f.ms;
+}
+F Of(const TDate& t) {
+  return F{t.GetYear(),   t.GetMonth(),  t.GetDay(),        t.GetHour(),
+           t.GetMinute(), t.GetSecond(), t.GetMillisecond()};
+}
+TDate Make(const F& f) {
+  return TDate(static_cast<unsigned short>(f.y), static_cast<unsigned short>(f.mo),
+               static_cast<unsigned short>(f.d), static_cast<unsigned short>(f.h),
+               static_cast<unsigned short>(f.mi), static_cast<unsigned short>(f.s),
+               static_cast<unsigned short>(f.ms));
+}
+
+class DateStepTest : public RecordingTest {
+ protected:
+  std::vector<int> AssertionLines() const {
+    std::vector<int> lines;
+    for (const auto& a : Assertions()) {
+      EXPECT_EQ(a.module, "datetime");
+      lines.push_back(a.line);
+    }
+    return lines;
+  }
+};
+
+// ---- calendar steps
+// ------------------------------------------------------------------------------
+
+struct StepRow {
+  const char* name;
+  F start;
+  TDateStep step;
+  int sign;
+  F want;
+  std::vector<int> assertions;
+};
+
+TDateStep Months(int n) { return TDateStep(0, static_cast<unsigned short>(n), 0, 0, 0, 0, 0, 0); }
+TDateStep Years(int n) { return TDateStep(static_cast<unsigned short>(n), 0, 0, 0, 0, 0, 0, 0); }
+
+// Worked by hand from the calendar.
+const StepRow kStepRows[] = {
+    {"month end, leap February",
+     {2004, 1, 31, 0, 0, 0, 0},
+     Months(1),
+     1,
+     {2004, 2, 29, 0, 0, 0, 0},
+     {}},
+    {"month end, common February",
+     {2003, 1, 31, 0, 0, 0, 0},
+     Months(1),
+     1,
+     {2003, 2, 28, 0, 0, 0, 0},
+     {}},
+    {"back to a short month",
+     {2003, 3, 31, 0, 0, 0, 0},
+     Months(1),
+     -1,
+     {2003, 2, 28, 0, 0, 0, 0},
+     {}},
+    {"to a 30-day month", {2024, 5, 31, 8, 0, 0, 0}, Months(1), 1, {2024, 6, 30, 8, 0, 0, 0}, {}},
+    {"leap day plus a year", {2000, 2, 29, 0, 0, 0, 0}, Years(1), 1, {2001, 2, 28, 0, 0, 0, 0}, {}},
+    {"leap day plus four years",
+     {2096, 2, 29, 0, 0, 0, 0},
+     Years(4),
+     1,
+     {2100, 2, 28, 0, 0, 0, 0},
+     {}},
+    {"leap day plus four hundred years",
+     {2000, 2, 29, 0, 0, 0, 0},
+     Years(400),
+     1,
+     {2400, 2, 29, 0, 0, 0, 0},
+     {}},
+    {"borrow across two years",
+     {2001, 5, 10, 0, 0, 0, 0},
+     Months(25),
+     -1,
+     {1999, 4, 10, 0, 0, 0, 0},
+     {}},
+    {"December to January",
+     {2024, 12, 31, 0, 0, 0, 0},
+     Months(1),
+     1,
+     {2025, 1, 31, 0, 0, 0, 0},
+     {}},
+    {"January back to December",
+     {2024, 1, 15, 0, 0, 0, 0},
+     Months(1),
+     -1,
+     {2023, 12, 15, 0, 0, 0, 0},
+     {}},
+    {"back exactly thirteen months",
+     {2024, 1, 15, 0, 0, 0, 0},
+     Months(13),
+     -1,
+     {2022, 12, 15, 0, 0, 0, 0},
+     {}},
+    {"twelve months is a year",
+     {2024, 12, 15, 0, 0, 0, 0},
+     Months(12),
+     1,
+     {2025, 12, 15, 0, 0, 0, 0},
+     {}},
+    {"month and day from January 31",
+     {2003, 1, 31, 0, 0, 0, 0},
+     TDateStep(0, 1, 0, 1, 0, 0, 0, 0),
+     1,
+     {2003, 3, 1, 0, 0, 0, 0},
+     {}},
+    {"month and day, leap year",
+     {2004, 1, 31, 0, 0, 0, 0},
+     TDateStep(0, 1, 0, 1, 0, 0, 0, 0),
+     1,
+     {2004, 3, 1, 0, 0, 0, 0},
+     {}},
+    {"weeks and days",
+     {2024, 3, 10, 12, 0, 0, 0},
+     TDateStep(0, 0, 2, 3, 0, 0, 0, 0),
+     1,
+     {2024, 3, 27, 12, 0, 0, 0},
+     {}},
+    {"25 hours",
+     {2024, 2, 28, 23, 30, 0, 0},
+     TDateStep(0, 0, 0, 0, 25, 0, 0, 0),
+     1,
+     {2024, 3, 1, 0, 30, 0, 0},
+     {}},
+    {"time borrows into the day before",
+     {2024, 3, 1, 0, 0, 0, 0},
+     TDateStep(0, 0, 0, 0, 0, 0, 0, 1),
+     -1,
+     {2024, 2, 29, 23, 59, 59, 231},
+     {}},
+    {"all parts back",
+     {2024, 3, 1, 1, 1, 1, 1},
+     TDateStep(1, 1, 1, 1, 2, 2, 2, 2),
+     -1,
+     {2023, 1, 23, 22, 58, 58, 231},
+     {}},
+    {"year 1, month back", {1, 2, 10, 0, 0, 0, 0}, Months(1), -1, {1, 1, 10, 0, 0, 0, 0}, {}},
+    // Below year 1: year 1, day 1, midnight, with the month of the month step.
+    {"below year 1", {2, 3, 15, 10, 0, 0, 0}, Years(2), -1, {1, 3, 1, 0, 0, 0, 0}, {}},
+    {"below year 1 by months", {1, 1, 10, 5, 0, 0, 0}, Months(1), -1, {1, 12, 1, 0, 0, 0, 0}, {}},
+    // The year is computed in 16 bits: 2000 + 40000 wraps below 1.
+    {"year wraps in 16 bits",
+     {2000, 5, 10, 0, 0, 0, 0},
+     Years(40000),
+     1,
+     {1, 5, 1, 0, 0, 0, 0},
+     {}},
+    // Above 4000: the last moment of 4000, milliseconds 999 kept as 231.
+    {"above 4000", {4000, 6, 1, 0, 0, 0, 0}, Years(1), 1, {4000, 12, 31, 23, 59, 59, 231}, {}},
+    {"above 4000 by months",
+     {3999, 12, 1, 0, 0, 0, 0},
+     Months(13),
+     1,
+     {4000, 12, 31, 23, 59, 59, 231},
+     {}},
+    {"4000 plus eleven months stays",
+     {4000, 1, 31, 0, 0, 0, 0},
+     Months(11),
+     1,
+     {4000, 12, 31, 0, 0, 0, 0},
+     {}},
+    // The clamp comes before the days: the day-number conversion asserts.
+    {"past the end with days",
+     {4000, 6, 1, 0, 0, 0, 0},
+     TDateStep(1, 0, 0, 1, 0, 0, 0, 0),
+     1,
+     {4001, 1, 1, 23, 59, 59, 231},
+     {130, 668}},
+    {"past the end by a day",
+     {4000, 12, 31, 0, 0, 0, 0},
+     TDateStep(0, 0, 0, 1, 0, 0, 0, 0),
+     1,
+     {4001, 1, 1, 0, 0, 0, 0},
+     {130, 668}},
+    {"before the start by a day",
+     {1, 1, 1, 0, 0, 0, 0},
+     TDateStep(0, 0, 0, 1, 0, 0, 0, 0),
+     -1,
+     {0, 12, 31, 0, 0, 0, 0},
+     {668}},
+};
+
+TEST_F(DateStepTest, StepsFollowTheCalendarAsWorkedByHand) {
+  for (const StepRow& r : kStepRows) {
+    SCOPED_TRACE(r.name);
+    TDate start = Make(r.start);
+    start.SetFlags(kDateFlagAbsolute, 0);
+    start.SetTimezone(5);
+    start.SetGMTOffset(60);
+    ClearRecords();
+    const TDate moved = r.sign > 0 ? start + r.step : start - r.step;
+    EXPECT_EQ(Of(moved), r.want);
+    EXPECT_EQ(AssertionLines(), r.assertions);
+    // Arithmetic builds a fresh date.
+    EXPECT_EQ(moved.GetFlags(), kDateFlagFields);
+    EXPECT_EQ(moved.GetTimezone(), 0);
+    EXPECT_EQ(moved.GetGMTOffset(), 0);
+    // The assigning forms agree.
+    TDate in = start;
+    if (r.sign > 0) {
+      in += r.step;
+    } else {
+      in -= r.step;
+    }
+    EXPECT_EQ(Of(in), r.want);
+  }
+}
+
+// Random dates and steps against the standard library's calendar: months
+// and years on year_month with the day clamped to the month's end, then
+// days and time as exact durations.
+TEST_F(DateStepTest, StepsAgreeWithTheStandardCalendar) {
+  std::mt19937 rng(2024);
+  for (int i = 0; i < 200000; ++i) {
+    const int y = 1800 + static_cast<int>(rng() % 2000);  // steps stay inside 1..4000
+    const unsigned mo = 1 + rng() % 12;
+    const unsigned last =
+        static_cast<unsigned>(year_month_day_last(year(y) / month(mo) / std::chrono::last).day());
+    const F start{y,
+                  static_cast<int>(mo),
+                  static_cast<int>(1 + rng() % last),
+                  static_cast<int>(rng() % 24),
+                  static_cast<int>(rng() % 60),
+                  static_cast<int>(rng() % 60),
+                  static_cast<int>(rng() % 256)};
+    const TDateStep step(
+        static_cast<unsigned short>(rng() % 90), static_cast<unsigned short>(rng() % 300),
+        static_cast<unsigned short>(rng() % 300), static_cast<unsigned short>(rng() % 1000),
+        static_cast<unsigned short>(rng() % 100), static_cast<unsigned short>(rng() % 100),
+        static_cast<unsigned short>(rng() % 100), static_cast<unsigned short>(rng() % 1000));
+    const int sign = (rng() & 1) ? 1 : -1;
+
+    year_month ym = year(y) / month(mo);
+    ym += months(sign * step.GetMonths());
+    ym += years(sign * step.GetYears());
+    const unsigned ymLast =
+        static_cast<unsigned>(year_month_day_last(ym / std::chrono::last).day());
+    const unsigned day = std::min(static_cast<unsigned>(start.d), ymLast);
+    sys_time<milliseconds> t = sys_days(ym / day) + hours(start.h) + minutes(start.mi) +
+                               seconds(start.s) + milliseconds(start.ms);
+    t += sign * (days(step.GetWeeks() * 7 + step.GetDays()) + hours(step.GetHours()) +
+                 minutes(step.GetMinutes()) + seconds(step.GetSeconds()) +
+                 milliseconds(step.GetMilliseconds()));
+    const sys_days whole = floor<days>(t);
+    const year_month_day ymd(whole);
+    const hh_mm_ss<milliseconds> hms(t - whole);
+    const F want{static_cast<int>(ymd.year()),
+                 static_cast<int>(static_cast<unsigned>(ymd.month())),
+                 static_cast<int>(static_cast<unsigned>(ymd.day())),
+                 static_cast<int>(hms.hours().count()),
+                 static_cast<int>(hms.minutes().count()),
+                 static_cast<int>(hms.seconds().count()),
+                 static_cast<int>(hms.subseconds().count() & 0xFF)};
+    const TDate moved = sign > 0 ? Make(start) + step : Make(start) - step;
+    ASSERT_EQ(Of(moved), want) << Of(Make(start)) << " sign " << sign;
+  }
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(DateStepTest, StepFieldsClampSilently) {
+  TDateStep s(1, 2, 3, 4, 200, 200, 200, 1500);
+  EXPECT_EQ(s.GetYears(), 1);
+  EXPECT_EQ(s.GetMonths(), 2);
+  EXPECT_EQ(s.GetWeeks(), 3);
+  EXPECT_EQ(s.GetDays(), 4);
+  EXPECT_EQ(s.GetHours(), 99);
+  EXPECT_EQ(s.GetMinutes(), 99);
+  EXPECT_EQ(s.GetSeconds(), 99);
+  EXPECT_EQ(s.GetMilliseconds(), 999);
+  s.SetMinutes(200);
+  EXPECT_EQ(s.GetMinutes(), 99);
+  s.SetMilliseconds(1500);
+  EXPECT_EQ(s.GetMilliseconds(), 999);
+  s.SetYears(65535);
+  s.SetDays(65535);
+  EXPECT_EQ(s.GetYears(), 65535);
+  EXPECT_EQ(s.GetDays(), 65535);
+  s.Reset();
+  EXPECT_TRUE(s == TDateStep());
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(DateStepTest, StepComparisonsKeepTheirDeliberateOrder) {
+  const TDateStep hour(0, 0, 0, 0, 1, 0, 0, 0);
+  const TDateStep ninetyMinutes(0, 0, 0, 0, 0, 90, 0, 0);
+  const TDateStep week(0, 0, 1, 0, 0, 0, 0, 0);
+  const TDateStep sevenDays(0, 0, 0, 7, 0, 0, 0, 0);
+  const TDateStep minute(0, 0, 0, 0, 0, 1, 0, 0);
+  const TDateStep sixtySeconds(0, 0, 0, 0, 0, 0, 60, 0);
+  struct Row {
+    const char* name;
+    TDateStep a, b;
+    bool lt, gt, eq;
+  };
+  const Row rows[] = {
+      {"hours before finer parts", hour, ninetyMinutes, false, true, false},
+      {"a week and seven days", week, sevenDays, false, false, false},
+      {"a minute and sixty seconds", minute, sixtySeconds, false, false, false},
+      {"years first", TDateStep(1, 0, 0, 0, 0, 0, 0, 0), TDateStep(0, 13, 9, 9, 99, 99, 99, 999),
+       false, true, false},
+      {"months before days", TDateStep(0, 1, 0, 0, 0, 0, 0, 0), TDateStep(0, 0, 9, 9, 0, 0, 0, 0),
+       false, true, false},
+      {"weeks and days together", TDateStep(0, 0, 1, 1, 0, 0, 0, 0),
+       TDateStep(0, 0, 0, 9, 0, 0, 0, 0), true, false, false},
+      {"finest parts", TDateStep(0, 0, 0, 0, 0, 1, 1, 0), TDateStep(0, 0, 0, 0, 0, 0, 61, 1), true,
+       false, false},
+      {"equal", TDateStep(1, 2, 3, 4, 5, 6, 7, 8), TDateStep(1, 2, 3, 4, 5, 6, 7, 8), false, false,
+       true},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    EXPECT_EQ(r.a < r.b, r.lt);
+    EXPECT_EQ(r.a > r.b, r.gt);
+    EXPECT_EQ(r.a == r.b, r.eq);
+    EXPECT_EQ(r.a != r.b, !r.eq);
+    EXPECT_EQ(r.a <= r.b, r.lt || r.eq);
+    EXPECT_EQ(r.a >= r.b, r.gt || r.eq);
+    EXPECT_EQ(r.b < r.a, r.gt);
+  }
+}
+
+// ---- intervals ----------------------------------------------------------------------------------
+
+TEST_F(DateStepTest, IntervalsNormaliseTheirFields) {
+  struct Row {
+    int d, h, m, s, ms;
+    int days, millis;
+  };
+  const Row rows[] = {
+      {0, 25, 0, 0, 0, 1, 3600000},         {0, -1, 0, 0, 0, 0, -3600000},
+      {1, 0, 0, 0, -1, 0, 86399999},        {-1, 0, 0, 0, 1, 0, -86399999},
+      {0, 48, 1440, 86400, 0, 4, 0},        {2, -3, 0, 0, 0, 1, 75600000},
+      {0, 0, 0, 0, 2 * 86400000 + 5, 2, 5}, {0, 0, -61, 0, 0, 0, -3660000},
+      {0, 23, 59, 59, 999, 0, 86399999},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(::testing::Message()
+                 << r.d << " " << r.h << " " << r.m << " " << r.s << " " << r.ms);
+    TInterval iv(r.d, r.h, r.m, r.s, r.ms);
+    EXPECT_EQ(iv.RawDays(), r.days);
+    EXPECT_EQ(iv.RawMilliseconds(), r.millis);
+  }
+  // Random parts: the total is kept and the invariant holds.
+  std::mt19937 rng(11);
+  auto part = [&](int range) { return static_cast<int>(rng() % (2 * range + 1)) - range; };
+  for (int i = 0; i < 100000; ++i) {
+    const int d = part(100000), h = part(100000), m = part(1000000), s = part(10000000),
+              ms = part(1000000000);
+    TInterval iv;
+    iv.Set(d, h, m, s, ms);
+    const long long total = d * 86400000LL + h * 3600000LL + m * 60000LL + s * 1000LL + ms;
+    ASSERT_EQ(iv.RawDays() * 86400000LL + iv.RawMilliseconds(), total);
+    ASSERT_LT(std::abs(iv.RawMilliseconds()), 86400000);
+    ASSERT_TRUE(iv.RawDays() == 0 || (iv.RawDays() > 0) == (iv.RawMilliseconds() >= 0));
+  }
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(DateStepTest, IntervalTotalsTruncateTowardZero) {
+  TInterval iv;
+  iv.SetRaw(-1, -1500);  // normalised by the getters
+  EXPECT_EQ(iv.GetSeconds(), -86401);
+  EXPECT_EQ(iv.GetMinutes(), -1440);
+  EXPECT_EQ(iv.GetHours(), -24);
+  iv.SetRaw(0, 90000000);  // a day and an hour, not yet normalised
+  EXPECT_EQ(iv.GetHours(), 25);
+  EXPECT_EQ(iv.RawDays(), 1);
+  EXPECT_EQ(iv.GetDays(), 1);
+  EXPECT_EQ(iv.GetMilliseconds(), 3600000);
+  EXPECT_EQ(iv.GetMinutes(), 1500);
+  EXPECT_EQ(iv.GetSeconds(), 90000);
+  EXPECT_FALSE(iv.IsDefault());
+  iv.Reset();
+  EXPECT_TRUE(iv.IsDefault());
+}
+
+TEST_F(DateStepTest, IntervalsBeyondTheCalendarAssertAndKeepTheirValue) {
+  TInterval ok(1460970, 23, 0, 0, 0);
+  EXPECT_TRUE(Assertions().empty());
+  TInterval over(1460970, 24, 0, 0, 0);
+  EXPECT_EQ(AssertionLines(), std::vector<int>{1405});
+  EXPECT_EQ(over.GetDays(), 1460971);
+  ClearRecords();
+  TInterval negative(-3000000, 0, 0, 0, 0);  // only the upper bound is checked
+  EXPECT_TRUE(Assertions().empty());
+  EXPECT_EQ(negative.GetDays(), -3000000);
+}
+
+TEST_F(DateStepTest, IntervalArithmeticAndComparisonsUseTheStoredFields) {
+  std::mt19937 rng(8);
+  for (int i = 0; i < 20000; ++i) {
+    const TInterval a(static_cast<int>(rng() % 20000) - 10000, 0, 0, 0,
+                      static_cast<int>(rng() % 200000000) - 100000000);
+    const TInterval b(static_cast<int>(rng() % 20000) - 10000, 0, 0, 0,
+                      static_cast<int>(rng() % 200000000) - 100000000);
+    const long long ta = a.RawDays() * 86400000LL + a.RawMilliseconds();
+    const long long tb = b.RawDays() * 86400000LL + b.RawMilliseconds();
+    const TInterval sum = a + b, diff = a - b;
+    ASSERT_EQ(sum.RawDays() * 86400000LL + sum.RawMilliseconds(), ta + tb);
+    ASSERT_EQ(diff.RawDays() * 86400000LL + diff.RawMilliseconds(), ta - tb);
+    TInterval c = a;
+    c += b;
+    ASSERT_TRUE(c == sum);
+    c -= b;
+    ASSERT_TRUE(c == a);
+    // Normalised values order like their totals.
+    ASSERT_EQ(a < b, ta < tb);
+    ASSERT_EQ(a > b, ta > tb);
+    ASSERT_EQ(a <= b, ta <= tb);
+    ASSERT_EQ(a >= b, ta >= tb);
+  }
+  // Stored fields compare as they stand: one day is not 86,400,000 ms.
+  TInterval day(1, 0, 0, 0, 0), ms;
+  ms.SetRaw(0, 86400000);
+  EXPECT_FALSE(day == ms);
+  EXPECT_TRUE(ms < day);
+  ms.normalize();
+  EXPECT_TRUE(day == ms);
+}
+
+TEST_F(DateStepTest, IntervalsMoveDatesExactly) {
+  const TDate start(2024, 3, 5, 14, 7, 9, 42);
+  struct Row {
+    TInterval iv;
+    int sign;
+    F want;
+  };
+  const Row rows[] = {
+      {TInterval(1, 0, 0, 0, 0), 1, {2024, 3, 6, 14, 7, 9, 42}},
+      {TInterval(0, 0, 0, 0, -43), 1, {2024, 3, 5, 14, 7, 8, 999 & 0xFF}},
+      {TInterval(0, 10, 0, 0, 0), 1, {2024, 3, 6, 0, 7, 9, 42}},
+      {TInterval(65, 0, 0, 0, 0), -1, {2023, 12, 31, 14, 7, 9, 42}},
+      {TInterval(0, 0, 0, 0, 214), 1, {2024, 3, 5, 14, 7, 9, 0}},  // 256 kept as 0
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(::testing::Message() << r.want);
+    EXPECT_EQ(Of(r.sign > 0 ? start + r.iv : start - r.iv), r.want);
+    TDate in = start;
+    if (r.sign > 0) {
+      in += r.iv;
+    } else {
+      in -= r.iv;
+    }
+    EXPECT_EQ(Of(in), r.want);
+  }
+  EXPECT_TRUE(Assertions().empty());
+}
+
+// ---- stored forms -------------------------------------------------------------------------------
+
+TEST_F(DateStepTest, StepAndIntervalRecordsHaveTheirExactBytes) {
+  const TDateStep step(0x0102, 0x0304, 0x0506, 0x0708, 11, 22, 33, 444);
+  EXPECT_EQ(step.StoreSize(), 24);
+  Bytes out(24, 0xEE);
+  EXPECT_EQ(step.Export(out.data(), 23), kErrExportBufferTooSmall);
+  EXPECT_EQ(step.Export(out.data(), 24), 24);
+  const Bytes stepBytes = {
+      0x2E, 0x53, 0x74, 0x44, 0x00, 0x01, 0x00, 0x01,   // 'DtS.', 256, 256
+      0xBC, 0x01, 0x21, 0x00, 0x16, 0x00, 0x0B, 0x00,   // ms, s, min, h
+      0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01};  // days, weeks, months, years
+  EXPECT_EQ(out, stepBytes);
+  TDateStep back;
+  EXPECT_EQ(back.Import(stepBytes.data(), 24), 24);
+  EXPECT_TRUE(back == step);
+  // Imported fields are taken as they are, beyond the setters' limits.
+  Bytes wide = stepBytes;
+  wide[8] = 0xFF, wide[9] = 0xFF;
+  EXPECT_EQ(back.Import(wide.data(), 24), 24);
+  EXPECT_EQ(back.GetMilliseconds(), 0xFFFF);
+
+  TInterval iv;
+  iv.SetRaw(0, 90000000);  // exported normalised: 1 day 1 hour
+  EXPECT_EQ(iv.StoreSize(), 16);
+  Bytes ivOut(16, 0xEE);
+  EXPECT_EQ(iv.Export(ivOut.data(), 15), kErrExportBufferTooSmall);
+  EXPECT_EQ(iv.Export(ivOut.data(), 16), 16);
+  const Bytes ivBytes = {0x2E, 0x76, 0x74, 0x49, 0x00, 0x01, 0x00, 0x01,   // 'Itv.', 256, 256
+                         0x01, 0x00, 0x00, 0x00, 0x80, 0xEE, 0x36, 0x00};  // 1, 3,600,000
+  EXPECT_EQ(ivOut, ivBytes);
+  // Import normalises what it reads.
+  const Bytes loose = {0x2E, 0x76, 0x74, 0x49, 0x00, 0x01, 0x00, 0x01,
+                       0x02, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF};  // 2 days, -1 ms
+  TInterval in;
+  EXPECT_EQ(in.Import(loose.data(), 16), 16);
+  EXPECT_EQ(in.RawDays(), 1);
+  EXPECT_EQ(in.RawMilliseconds(), 86399999);
+}
+
+TEST_F(DateStepTest, ImportsRefuseShortForeignAndSwappedRecords) {
+  const Bytes step = {0x2E, 0x53, 0x74, 0x44, 0x00, 0x01, 0x00, 0x01, 1, 0, 2, 0,
+                      3,    0,    4,    0,    5,    0,    6,    0,    7, 0, 8, 0};
+  const Bytes iv = {0x2E, 0x76, 0x74, 0x49, 0x00, 0x01, 0x00, 0x01, 1, 0, 0, 0, 2, 0, 0, 0};
+  auto swapped = [](Bytes b) {
+    std::reverse(b.begin(), b.begin() + 4);
+    std::swap(b[4], b[5]);
+    std::swap(b[6], b[7]);
+    return b;
+  };
+  auto retagged = [](Bytes b) {
+    b[0] = 0x2E, b[1] = 0x65;  // another record's tag
+    return b;
+  };
+  struct Row {
+    const char* name;
+    Bytes bytes;
+    int size;
+    int code;
+  };
+  const Row stepRows[] = {
+      {"short", step, 23, kErrImportDataTooShort},
+      {"date record", retagged(step), 24, kErrPersistWrongSignature},
+      {"other byte order", swapped(step), 24, kErrPersistOtherByteOrder},
+  };
+  for (const Row& r : stepRows) {
+    SCOPED_TRACE(r.name);
+    TDateStep s(9, 9, 9, 9, 9, 9, 9, 9);
+    EXPECT_EQ(s.Import(r.bytes.data(), r.size), r.code);
+    EXPECT_TRUE(s == TDateStep(9, 9, 9, 9, 9, 9, 9, 9));
+  }
+  const Row ivRows[] = {
+      {"short", iv, 15, kErrImportDataTooShort},
+      {"date record", retagged(iv), 16, kErrPersistWrongSignature},
+      {"other byte order", swapped(iv), 16, kErrPersistOtherByteOrder},
+  };
+  for (const Row& r : ivRows) {
+    SCOPED_TRACE(r.name);
+    TInterval v(9, 0, 0, 0, 9);
+    EXPECT_EQ(v.Import(r.bytes.data(), r.size), r.code);
+    EXPECT_TRUE(v == TInterval(9, 0, 0, 0, 9));
+  }
+  TDateStep s;
+  EXPECT_EQ(s.Import(nullptr, 24), kErrImportDataTooShort);
+  EXPECT_EQ(s.Export(nullptr, 24), kErrExportBufferTooSmall);
+}
+
+}  // namespace

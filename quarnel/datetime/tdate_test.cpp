@@ -1,0 +1,664 @@
+#include "quarnel/datetime/tdate.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "quarnel/datetime/internal/calendar.h"
+#include "quarnel/foundation/errors.h"
+#include "quarnel/platform/faults.h"
+#include "quarnel/platform/lasterror.h"
+#include "quarnel/platform/wintime.h"
+#include "tests/support/recording_hooks.h"
+
+namespace {
+
+using std::chrono::days;
+using std::chrono::sys_days;
+using std::chrono::year_month_day;
+using Bytes = std::vector<unsigned char>;
+
+// Day 1 of the library's count is 0001-01-01.
+const sys_days kDayZero = sys_days(std::chrono::year(1) / 1 / 1) - days(1);
+
+year_month_day ChronoDate(long long dayNumber) {
+  return year_month_day(kDayZero + days(dayNumber));
+}
+
+long long ChronoDayNumber(int y, unsigned m, unsigned d) {
+  return (sys_days(std::chrono::year(y) / m / d) - kDayZero).count();
+}
+
+// Fields of a date in declaration order, for compact comparisons.
+struct F {
+  int y, mo, d, h, mi, s, ms;
+  bool operator==(const F&) const = default;
+};
+std::ostream& operator<<(std::ostream& os, const F& f) {
+  return os << f.y << "-" << f.mo << "-" << f.d << " " << f.h << ":" << f.mi << ":" << f.s << "."
+            << f.ms;
+}
+F Of(const TDate& t) {
+  return F{t.GetYear(),   t.GetMonth(),  t.GetDay(),        t.GetHour(),
+           t.GetMinute(), t.GetSecond(), t.GetMillisecond()};
+}
+
+Bytes ExportBytes(const TDate& d) {
+  Bytes b(24, 0xEE);
+  EXPECT_EQ(d.Export(b.data(), 24), 24);
+  return b;
+}
+
+class TDateTest : public RecordingTest {
+ protected:
+  void TearDown() override {
+    USetClockOverride(nullptr);
+    USetTimeZone(nullptr);
+    UClearFaults();
+    RecordingTest::TearDown();
+  }
+  std::vector<int> AssertionLines() const {
+    std::vector<int> lines;
+    for (const auto& a : Assertions()) {
+      EXPECT_EQ(a.module, "datetime");
+      lines.push_back(a.line);
+    }
+    return lines;
+  }
+};
+
+// ---- day numbers -------------------------------------------------------------------------------
+
+TEST_F(TDateTest, EveryDayNumberConvertsBothWaysAndNamesItsWeekday) {
+  for (long long d = 1; d <= 1460970; ++d) {
+    const TDate t = TDate::FromDays(d);
+    const year_month_day want = ChronoDate(d);
+    if (t.GetYear() != static_cast<int>(want.year()) ||
+        t.GetMonth() != static_cast<unsigned>(want.month()) ||
+        t.GetDay() != static_cast<unsigned>(want.day())) {
+      FAIL() << "day " << d << " gave " << Of(t);
+    }
+    if (t.getTotalDays() != d) FAIL() << "day " << d << " counted as " << t.getTotalDays();
+    // The table-driven conversions that out-of-range values take agree too.
+    const quarnel_calendar::CivilDate c = quarnel_calendar::CivilFromDayNumber(d);
+    if (c.year != t.GetYear() || c.month != t.GetMonth() || c.day != t.GetDay() ||
+        quarnel_calendar::DayNumber(c.year, c.month, c.day) != d) {
+      FAIL() << "table conversion of day " << d;
+    }
+    if (t.GetDOW() != static_cast<int>(std::chrono::weekday(kDayZero + days(d)).c_encoding())) {
+      FAIL() << "weekday of day " << d;
+    }
+    if (t.GetMaxDays() !=
+        static_cast<int>(static_cast<unsigned>(
+            year_month_day(want.year() / want.month() / std::chrono::last).day()))) {
+      FAIL() << "month length at day " << d;
+    }
+  }
+  // Days beyond the month's length count on linearly in both computations,
+  // as the setters let them in.
+  for (int y = 1; y <= 4000; ++y) {
+    for (int m = 1; m <= 12; ++m) {
+      for (const int d : {0, 1, 29, 30, 31, 32, 200, 255}) {
+        TDate t(static_cast<unsigned short>(y), static_cast<unsigned short>(m), 1, 0, 0, 0, 0);
+        t.SetDay(static_cast<unsigned short>(d));
+        if (t.getTotalDays() != quarnel_calendar::DayNumber(y, m, d)) {
+          FAIL() << y << "-" << m << "-" << d;
+        }
+      }
+    }
+  }
+  ClearRecords();
+  EXPECT_EQ(TDate(4000, 12, 31, 0, 0, 0, 0).getTotalDays(), 1460970);
+  EXPECT_EQ(TDate(1, 1, 1, 0, 0, 0, 0).GetDOW(), 1);      // a Monday
+  EXPECT_EQ(TDate(2000, 2, 29, 0, 0, 0, 0).GetDOW(), 2);  // a Tuesday
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(TDateTest, DayNumbersOutOfRangeAssertAndConvertAnyway) {
+  // Day 0 is the last day of year 0: no range assertion for the day number,
+  // but the year setter objects.
+  TDate t = TDate::FromDays(0);
+  EXPECT_EQ(Of(t), (F{0, 12, 31, 0, 0, 0, 0}));
+  EXPECT_EQ(AssertionLines(), std::vector<int>{668});
+  ClearRecords();
+  t = TDate::FromDays(1460971);
+  EXPECT_EQ(Of(t), (F{4001, 1, 1, 0, 0, 0, 0}));
+  EXPECT_EQ(AssertionLines(), (std::vector<int>{130, 668}));
+  ClearRecords();
+  t = TDate::FromDays(-5);
+  EXPECT_EQ(AssertionLines().front(), 130);
+  ClearRecords();
+  // A year outside 1..4000 asserts when its day number is taken.
+  TDate y0;
+  y0.SetYear(0);
+  ClearRecords();
+  EXPECT_EQ(y0.getTotalDays(), -365 + 1);
+  EXPECT_EQ(AssertionLines(), std::vector<int>{105});
+}
+
+TEST_F(TDateTest, NormalisationCarriesWithFloorDivision) {
+  const long long d = ChronoDayNumber(2024, 3, 1);
+  struct Row {
+    long long h, mi, s, ms;
+    F want;
+  };
+  const Row rows[] = {
+      {0, 0, 0, -1, {2024, 2, 29, 23, 59, 59, 231}},  // 999 kept modulo 256
+      {24, 0, 0, 0, {2024, 3, 2, 0, 0, 0, 0}},
+      {-24, 0, 0, 0, {2024, 2, 29, 0, 0, 0, 0}},
+      {-25, 0, 0, 0, {2024, 2, 28, 23, 0, 0, 0}},
+      {0, -1, -1, -1000, {2024, 2, 29, 23, 58, 58, 0}},
+      {0, 0, 0, 86400000, {2024, 3, 2, 0, 0, 0, 0}},
+      {0, 0, 0, 1255, {2024, 3, 1, 0, 0, 1, 255}},
+      {0, 1440, 0, 0, {2024, 3, 2, 0, 0, 0, 0}},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(::testing::Message() << r.h << " " << r.mi << " " << r.s << " " << r.ms);
+    const TDate t = TDate::FromDays(d, r.h, r.mi, r.s, r.ms);
+    EXPECT_EQ(Of(t), r.want);
+    EXPECT_EQ(t.GetFlags(), kDateFlagFields);
+  }
+}
+
+// ---- construction and fields
+// ----------------------------------------------------------------------
+
+TEST_F(TDateTest, DefaultResetAndFieldConstructorsAgree) {
+  TDate def;
+  EXPECT_EQ(Of(def), (F{1, 1, 1, 0, 0, 0, 0}));
+  EXPECT_EQ(def.GetFlags(), 0x0001);
+  EXPECT_EQ(def.GetTimezone(), 0);
+  EXPECT_EQ(def.GetGMTOffset(), 0);
+  TDate reset(2024, 3, 5, 14, 7, 9, 42);
+  reset.SetTimezone(7);
+  reset.SetGMTOffset(-300);
+  reset.SetFlags(0xF000, 0);
+  reset.Reset();
+  EXPECT_EQ(Of(reset), Of(def));
+  EXPECT_EQ(reset.GetFlags(), 0);
+  EXPECT_EQ(reset.GetTimezone(), 0);
+  EXPECT_EQ(reset.GetGMTOffset(), 0);
+  EXPECT_TRUE(def.IsDefault());
+  EXPECT_TRUE(reset.IsDefault());
+  EXPECT_TRUE(TDate(1, 1, 1, 0, 0, 0, 0).IsDefault());
+  EXPECT_TRUE(def == reset);
+  EXPECT_FALSE(TDate(1, 1, 1, 0, 0, 0, 1).IsDefault());
+  // The stored bytes differ only in the flags.
+  Bytes a = ExportBytes(def), b = ExportBytes(reset);
+  EXPECT_EQ(a[8], 1);
+  EXPECT_EQ(b[8], 0);
+  a[8] = 0;
+  EXPECT_EQ(a, b);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(TDateTest, SettersAssertOutOfRangeAndStoreTheLowBits) {
+  struct Row {
+    void (TDate::*set)(unsigned short);
+    unsigned short (TDate::*get)() const;
+    unsigned short lo, hi;
+    int line;
+    unsigned short wide;  // a value beyond 8 bits
+    unsigned short storedWide;
+  };
+  const Row rows[] = {
+      {&TDate::SetYear, &TDate::GetYear, 1, 4000, 668, 40000, 40000},
+      {&TDate::SetMonth, &TDate::GetMonth, 1, 12, 658, 0x10C, 0x0C},
+      {&TDate::SetDay, &TDate::GetDay, 1, 31, 650, 0x120, 0x20},
+      {&TDate::SetHour, &TDate::GetHour, 0, 23, 640, 0x117, 0x17},
+      {&TDate::SetMinute, &TDate::GetMinute, 0, 59, 630, 300, 44},
+      {&TDate::SetSecond, &TDate::GetSecond, 0, 59, 620, 60, 60},
+      {&TDate::SetMillisecond, &TDate::GetMillisecond, 0, 999, 610, 1000, 232},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.line);
+    TDate t;
+    ClearRecords();
+    (t.*r.set)(r.lo);
+    (t.*r.set)(r.hi);
+    EXPECT_TRUE(Assertions().empty());
+    (t.*r.set)(r.wide);
+    EXPECT_EQ((t.*r.get)(), r.storedWide);
+    EXPECT_EQ(AssertionLines(), std::vector<int>{r.line});
+    if (r.lo > 0) {
+      ClearRecords();
+      (t.*r.set)(static_cast<unsigned short>(r.lo - 1));
+      EXPECT_EQ(AssertionLines(), std::vector<int>{r.line});
+    }
+  }
+  // The millisecond keeps its low eight bits even in range.
+  TDate t;
+  ClearRecords();
+  t.SetMillisecond(999);
+  EXPECT_EQ(t.GetMillisecond(), 231);
+  t.SetMillisecond(255);
+  EXPECT_EQ(t.GetMillisecond(), 255);
+  t.SetMillisecond(256);
+  EXPECT_EQ(t.GetMillisecond(), 0);
+  EXPECT_TRUE(Assertions().empty());
+  EXPECT_EQ(TDate(2024, 3, 5, 14, 7, 9, 999).GetMillisecond(), 231);
+  // The free words keep their low 16 bits.
+  t.SetTimezone(0x12345);
+  t.SetGMTOffset(-1);
+  EXPECT_EQ(t.GetTimezone(), 0x2345);
+  EXPECT_EQ(t.GetGMTOffset(), -1);
+  t.SetFlags(0x0F00, 0);
+  t.SetFlags(0x0001, 0x0300);
+  EXPECT_EQ(t.GetFlags(), 0x0C01);
+}
+
+// ---- conversions
+// --------------------------------------------------------------------------------------
+
+USYSTEMTIME St(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, int ms = 0, int dow = 0) {
+  return USYSTEMTIME{static_cast<std::uint16_t>(y),   static_cast<std::uint16_t>(mo),
+                     static_cast<std::uint16_t>(dow), static_cast<std::uint16_t>(d),
+                     static_cast<std::uint16_t>(h),   static_cast<std::uint16_t>(mi),
+                     static_cast<std::uint16_t>(s),   static_cast<std::uint16_t>(ms)};
+}
+
+TEST_F(TDateTest, FromSystemTimeClampsEachSignedField) {
+  struct Row {
+    USYSTEMTIME st;
+    F want;
+  };
+  const Row rows[] = {
+      {St(2024, 3, 5, 14, 7, 9, 42, 6), {2024, 3, 5, 14, 7, 9, 42}},
+      {St(5000, 13, 40, 30, 70, 80, 2000), {4000, 12, 31, 23, 59, 59, 231}},
+      {St(0, 0, 0, 0, 0, 0, 1), {1, 1, 1, 0, 0, 0, 1}},
+      {St(-1, -1, -1, -1, -1, -1, -1), {1, 1, 1, 0, 0, 0, 0}},  // 0xFFFF is -1
+      {St(0x8000, 2, 30), {1, 2, 30, 0, 0, 0, 0}},              // -32768
+      {St(2023, 4, 31), {2023, 4, 31, 0, 0, 0, 0}},             // not checked against the month
+      {St(0, 0, 0, 0, 0, 0, 0, 3), {1, 1, 1, 0, 0, 0, 0}},      // all zero: Reset
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(::testing::Message() << r.want);
+    TDate t(2000, 6, 6, 6, 6, 6, 6);
+    t.SetTimezone(5);
+    t.SetGMTOffset(60);
+    t.SetFlags(0x0100, 0);
+    t.FromSystemTime(&r.st);
+    EXPECT_EQ(Of(t), r.want);
+    const bool reset = r.st.wYear == 0 && r.st.wMilliseconds == 0;
+    EXPECT_EQ(t.GetFlags(), reset ? 0 : 0x0101);
+    EXPECT_EQ(t.GetTimezone(), reset ? 0 : 5);
+    EXPECT_EQ(TDate(&r.st).GetFlags(), 0);
+  }
+  EXPECT_TRUE(Assertions().empty());
+  TDate t(2000, 6, 6, 6, 6, 6, 6);
+  t.FromSystemTime(nullptr);
+  EXPECT_TRUE(t.IsDefault());
+}
+
+TEST_F(TDateTest, SystemAndFileTimesRoundTripOverTheCalendar) {
+  std::mt19937 rng(5);
+  for (int i = 0; i < 200000; ++i) {
+    const long long day = ChronoDayNumber(1601, 1, 1) + rng() % (1460970 - 584388);
+    const TDate t = TDate::FromDays(day, rng() % 24, rng() % 60, rng() % 60, rng() % 256);
+    USYSTEMTIME st;
+    t.ToSystemTime(&st);
+    ASSERT_EQ(st.wDayOfWeek, t.GetDOW());
+    UFILETIME ft;
+    ASSERT_EQ(t.ToFileTime(&ft), 1);
+    std::uint64_t ticks = 0;
+    ASSERT_EQ(t.ToFileTime(&ticks), 1);
+    ASSERT_EQ(ticks, UFileTimeTicks(ft));
+    // Independently: days since 1601 and the time of day.
+    const std::uint64_t want =
+        static_cast<std::uint64_t>(day - ChronoDayNumber(1601, 1, 1)) * kFileTimeTicksPerDay +
+        static_cast<std::uint64_t>(t.getTotalMilliseconds()) * 10000;
+    ASSERT_EQ(ticks, want) << Of(t);
+    const TDate back(&ft);
+    ASSERT_EQ(Of(back), Of(t));
+    ASSERT_EQ(back.GetFlags(), 0);
+    const TDate back64(&ticks);
+    ASSERT_EQ(Of(back64), Of(t));
+  }
+  // Ticks carry milliseconds modulo 256 into the date.
+  const std::uint64_t ticks = 0x01BF53EB256D4000ull + 999 * 10000;  // 2000-01-01 00:00:00.999
+  EXPECT_EQ(Of(TDate(&ticks)), (F{2000, 1, 1, 0, 0, 0, 231}));
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(TDateTest, UnconvertibleFileTimesGiveTheResetDate) {
+  const std::uint64_t zero = 0, top = 0x8000000000000000ull, late = 0x7FFFFFFFFFFFFFFFull;
+  TDate t(2024, 1, 1, 0, 0, 0, 0);
+  t.FromFileTime(&zero);
+  EXPECT_TRUE(t.IsDefault());
+  EXPECT_EQ(t.GetFlags(), 0);
+  t = TDate(2024, 1, 1, 0, 0, 0, 0);
+  t.FromFileTime(&top);
+  EXPECT_TRUE(t.IsDefault());
+  t = TDate(2024, 1, 1, 0, 0, 0, 0);
+  t.FromFileTime(static_cast<const UFILETIME*>(nullptr));
+  EXPECT_TRUE(t.IsDefault());
+  t.FromFileTime(static_cast<const std::uint64_t*>(nullptr));
+  EXPECT_TRUE(t.IsDefault());
+  // 30828 is clamped to the last year.
+  t.FromFileTime(&late);
+  EXPECT_EQ(Of(t), (F{4000, 9, 14, 2, 48, 5, 477 % 256}));
+  // Dates before 1601 have no FILETIME: 0, the "no date".
+  std::uint64_t ticks = 77;
+  EXPECT_EQ(TDate(1600, 12, 31, 23, 59, 59, 0).ToFileTime(&ticks), 0);
+  EXPECT_EQ(ticks, 0u);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(TDateTest, DosDatesConvertBothWaysWithinTheirRange) {
+  int checked = 0;
+  for (unsigned date = 0; date <= 0xFFFF; date += 3) {
+    for (const unsigned short time : {0x0000, 0x5290, 0xBF7D, 0xC000}) {
+      const TDate t(static_cast<unsigned short>(date), time);
+      EXPECT_EQ(t.GetFlags(), 0);
+      UFILETIME ft{0, 0};
+      if (!UDosDateTimeToFileTime(static_cast<std::uint16_t>(date), time, &ft)) {
+        ASSERT_TRUE(t.IsDefault()) << date << " " << time;
+        continue;
+      }
+      ASSERT_EQ(Of(t), Of(TDate(&ft)));
+      unsigned short d2 = 0, t2 = 0;
+      ASSERT_EQ(t.ToDosDateTime(&d2, &t2), 1);
+      const bool leapDayOfCommonYear =
+          ((date >> 5) & 15) == 2 && (date & 31) == 29 && t.GetMonth() == 3;
+      if (!leapDayOfCommonYear) {
+        ASSERT_EQ(d2, date);
+        ASSERT_EQ(t2, time);
+      }
+      ++checked;
+    }
+  }
+  EXPECT_GT(checked, 40000);
+  // Outside 1980..2107, and odd seconds (halved, rounding down).
+  unsigned short d = 1, t = 1;
+  EXPECT_EQ(TDate(1979, 12, 31, 23, 59, 59, 0).ToDosDateTime(&d, &t), 0);
+  EXPECT_EQ(d, 0);
+  EXPECT_EQ(t, 0);
+  EXPECT_EQ(TDate(2108, 1, 1, 0, 0, 0, 0).ToDosDateTime(&d, &t), 0);
+  EXPECT_EQ(TDate(2023, 7, 4, 10, 20, 33, 0).ToDosDateTime(&d, &t), 1);
+  EXPECT_EQ(d, 0x56E4);
+  EXPECT_EQ(t, 0x5290);
+  TDate from;
+  from.FromDosDateTime(0x56E4, 0x5290);
+  EXPECT_EQ(Of(from), (F{2023, 7, 4, 10, 20, 32, 0}));
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(TDateTest, MacSecondsRoundTripWithTheir1904Epoch) {
+  TDate t;
+  t.FromMacDateTime(0);
+  EXPECT_EQ(Of(t), (F{1904, 1, 1, 0, 0, 0, 0}));
+  t.FromMacDateTime(0xFFFFFFFFu);
+  EXPECT_EQ(Of(t), (F{2040, 2, 6, 6, 28, 15, 0}));
+  for (std::uint64_t x = 0; x <= 0xFFFFFFFFull; x += 65521) {
+    TDate m;
+    m.FromMacDateTime(static_cast<unsigned>(x));
+    unsigned back = 0;
+    m.ToMacDateTime(&back);
+    ASSERT_EQ(back, x);
+    const long long secs = static_cast<long long>(x);
+    ASSERT_EQ(m.getTotalDays(), ChronoDayNumber(1904, 1, 1) + secs / 86400);
+    ASSERT_EQ(m.getTotalMilliseconds(), secs % 86400 * 1000);
+  }
+  // Before 1904 the difference wraps as unsigned 64-bit arithmetic does.
+  unsigned before = 0;
+  TDate(1903, 12, 31, 23, 59, 59, 0).ToMacDateTime(&before);
+  EXPECT_EQ(before, static_cast<unsigned>((0 - 10000000ull) / 10000000ull));
+}
+
+TEST_F(TDateTest, CurrentTimeAndClockGoThroughTheLocalClock) {
+  USetTimeZone("XST-3");
+  const std::uint64_t utc = 0x01DA76AEC73E8000ull;  // 2024-03-15 08:00:00 UTC
+  UFILETIME now = UMakeFileTime(utc + 1234567);
+  USetClockOverride(&now);
+  TDate t(1999, 1, 1, 0, 0, 0, 0);
+  t.SetTimezone(9);
+  t.SetToCurrent();
+  EXPECT_EQ(Of(t), (F{2024, 3, 15, 11, 0, 0, 123}));
+  EXPECT_EQ(t.GetTimezone(), 9);
+
+  // AssignClock sets the local clock: refused without the privilege...
+  const TDate want(2025, 12, 24, 18, 30, 0, 0);
+  UFailCall(UCall::kSetLocalTime, 1, 1314);
+  EXPECT_EQ(want.AssignClock(), 0);
+  EXPECT_EQ(UGetLastError(), 1314u);
+  // ... and done on the overridden clock.
+  EXPECT_EQ(want.AssignClock(), 1);
+  TDate read;
+  read.SetToCurrent();
+  EXPECT_EQ(Of(read), Of(want));
+  // A date the platform refuses (February 30) is not set.
+  EXPECT_EQ(TDate(2025, 2, 30, 0, 0, 0, 0).AssignClock(), 0);
+  EXPECT_EQ(UGetLastError(), 87u);
+}
+
+// ---- calendar queries
+// --------------------------------------------------------------------------------
+
+TEST_F(TDateTest, WeeksOfTheMonthMatchACountedModel) {
+  for (int y = 1999; y <= 2030; ++y) {
+    for (unsigned m = 1; m <= 12; ++m) {
+      const year_month_day last(std::chrono::year(y) / m / std::chrono::last);
+      const int length = static_cast<int>(static_cast<unsigned>(last.day()));
+      // Per weekday, the days on which it falls.
+      std::vector<int> on[7];
+      for (int d = 1; d <= length; ++d) {
+        on[std::chrono::weekday(sys_days(std::chrono::year(y) / m / d)).c_encoding()].push_back(d);
+      }
+      for (int d = 1; d <= length; ++d) {
+        const TDate t(static_cast<unsigned short>(y), static_cast<unsigned short>(m),
+                      static_cast<unsigned short>(d), 0, 0, 0, 0);
+        const auto& same = on[t.GetDOW()];
+        const int nth = static_cast<int>(std::find(same.begin(), same.end(), d) - same.begin()) + 1;
+        ASSERT_EQ(t.GetMonthWeek(), nth) << y << "-" << m << "-" << d;
+        ASSERT_EQ(t.GetMaxWeeks(), static_cast<int>(same.size())) << y << "-" << m << "-" << d;
+        for (int dow = 0; dow < 7; ++dow) {
+          for (int n = 1; n <= 5; ++n) {
+            const int want = n <= static_cast<int>(on[dow].size()) ? on[dow][n - 1]
+                             : n == 5                              ? on[dow].back()
+                                                                   : -1;
+            if (want < 0) continue;
+            ASSERT_EQ(t.GetMonthWeekDay(dow, n), want) << y << "-" << m << " " << dow << " " << n;
+          }
+        }
+      }
+    }
+  }
+  // February 2024 has four Sundays; the fifth asked for is the fourth.
+  EXPECT_EQ(TDate(2024, 2, 10, 0, 0, 0, 0).GetMonthWeekDay(0, 5), 25);
+  // n beyond 5 is not checked and runs past the month's end.
+  EXPECT_EQ(TDate(2024, 2, 10, 0, 0, 0, 0).GetMonthWeekDay(0, 6), 39);
+  EXPECT_EQ(TDate(2024, 2, 10, 0, 0, 0, 0).GetMaxDays(), 29);
+  EXPECT_EQ(TDate(2100, 2, 10, 0, 0, 0, 0).GetMaxDays(), 28);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(TDateTest, MakeEvenRoundsOddSecondsUpWithoutCarry) {
+  TDate t(2024, 3, 5, 14, 7, 57, 9);
+  t.MakeEven();
+  EXPECT_EQ(t.GetSecond(), 58);
+  t.MakeEven();
+  EXPECT_EQ(t.GetSecond(), 58);
+  EXPECT_TRUE(Assertions().empty());
+  t.SetSecond(59);
+  t.MakeEven();
+  EXPECT_EQ(Of(t), (F{2024, 3, 5, 14, 7, 60, 9}));
+  EXPECT_EQ(AssertionLines(), std::vector<int>{620});
+}
+
+// ---- comparison and difference
+// --------------------------------------------------------------------------
+
+TEST_F(TDateTest, AbsoluteDatesCompareAtUtc) {
+  TDate noonPlus60(2024, 3, 5, 12, 0, 0, 0);
+  noonPlus60.SetGMTOffset(60);
+  noonPlus60.SetFlags(kDateFlagAbsolute, 0);
+  const TDate eleven(2024, 3, 5, 11, 0, 0, 0);
+  EXPECT_TRUE(noonPlus60 == eleven);
+  EXPECT_FALSE(noonPlus60 < eleven);
+  EXPECT_FALSE(noonPlus60 > eleven);
+  EXPECT_TRUE(noonPlus60 <= eleven);
+  EXPECT_TRUE(noonPlus60 >= eleven);
+  // The difference does not move to UTC.
+  TInterval diff = noonPlus60 - eleven;
+  EXPECT_EQ(diff.GetDays(), 0);
+  EXPECT_EQ(diff.GetMilliseconds(), 3600000);
+
+  // West of Greenwich across midnight: 2024-03-05 22:30 at -05:30 is
+  // 2024-03-06 04:00 UTC.
+  TDate west(2024, 3, 5, 22, 30, 0, 0);
+  west.SetGMTOffset(-330);
+  west.SetFlags(kDateFlagAbsolute, 0);
+  EXPECT_TRUE(west == TDate(2024, 3, 6, 4, 0, 0, 0));
+  west.AbsToFloating();
+  EXPECT_EQ(Of(west), (F{2024, 3, 6, 4, 0, 0, 0}));
+  EXPECT_EQ(west.GetFlags(), kDateFlagFields);
+  EXPECT_EQ(west.GetGMTOffset(), 0);
+
+  // No flag, no offset, or the default date: nothing moves.
+  TDate noFlag(2024, 3, 5, 12, 0, 0, 0);
+  noFlag.SetGMTOffset(60);
+  noFlag.AbsToFloating();
+  EXPECT_EQ(Of(noFlag), (F{2024, 3, 5, 12, 0, 0, 0}));
+  TDate zero(2024, 3, 5, 12, 0, 0, 0);
+  zero.SetFlags(kDateFlagAbsolute, 0);
+  zero.AbsToFloating();
+  EXPECT_EQ(zero.GetFlags(), kDateFlagAbsolute | kDateFlagFields);
+  TDate first;
+  first.SetGMTOffset(60);
+  first.SetFlags(kDateFlagAbsolute, 0);
+  first.AbsToFloating();
+  EXPECT_EQ(Of(first), (F{1, 1, 1, 0, 0, 0, 0}));
+  EXPECT_EQ(first.GetFlags(), kDateFlagAbsolute | kDateFlagFields);
+  // Flags, time zone and offset take no other part in ==.
+  TDate other(2024, 3, 5, 12, 0, 0, 0);
+  other.SetTimezone(3);
+  other.SetFlags(0xF000, 0);
+  EXPECT_TRUE(other == TDate(2024, 3, 5, 12, 0, 0, 0));
+}
+
+TEST_F(TDateTest, OrderAndDifferenceFollowTheTimeLine) {
+  std::mt19937 rng(77);
+  auto random = [&] {
+    return TDate::FromDays(1 + rng() % 1460970, rng() % 24, rng() % 60, rng() % 60, rng() % 256);
+  };
+  auto instant = [](const TDate& t) {
+    return static_cast<long long>(t.getTotalDays()) * 86400000 + t.getTotalMilliseconds();
+  };
+  for (int i = 0; i < 100000; ++i) {
+    const TDate a = random();
+    const TDate b = i % 7 == 0 ? a : random();
+    const long long ia = instant(a), ib = instant(b);
+    ASSERT_EQ(a < b, ia < ib);
+    ASSERT_EQ(a > b, ia > ib);
+    ASSERT_EQ(a == b, ia == ib);
+    ASSERT_EQ(a != b, ia != ib);
+    ASSERT_EQ(a <= b, ia <= ib);
+    ASSERT_EQ(a >= b, ia >= ib);
+    TInterval d = a - b;
+    const int days = d.GetDays(), ms = d.GetMilliseconds();
+    ASSERT_EQ(static_cast<long long>(days) * 86400000 + ms, ia - ib);
+    ASSERT_LT(ms < 0 ? -ms : ms, 86400000);
+    ASSERT_TRUE(days == 0 || (days > 0) == (ms >= 0));
+    // Adding the difference back lands on the same instant.
+    ASSERT_EQ(Of(b + (a - b)), Of(a));
+  }
+  TInterval d = TDate(2002, 1, 1, 0, 0, 0, 0) - TDate(2001, 12, 31, 12, 0, 0, 0);
+  EXPECT_EQ(d.GetDays(), 0);
+  EXPECT_EQ(d.GetMilliseconds(), 43200000);
+}
+
+// ---- stored form
+// -----------------------------------------------------------------------------------------
+
+TEST_F(TDateTest, ExportWritesTheTaggedRecord) {
+  TDate t(2024, 3, 5, 14, 7, 9, 42);
+  t.SetTimezone(-2);
+  t.SetGMTOffset(0x0102);
+  t.SetFlags(0x0100, 0);
+  EXPECT_EQ(t.StoreSize(), 24);
+  Bytes small(23, 0xEE);
+  EXPECT_EQ(t.Export(small.data(), 23), kErrExportBufferTooSmall);
+  EXPECT_EQ(small, Bytes(23, 0xEE));
+  EXPECT_EQ(t.Export(nullptr, 100), kErrExportBufferTooSmall);
+  const Bytes want = {
+      0x2E, 0x65, 0x74, 0x44,  // 'Dte.' in this (little-endian) machine's order
+      0x00, 0x01, 0x00, 0x01,  // compatible version 256, version 256
+      0x01, 0x01,              // flags 0x0101
+      0xE8, 0x07,              // year 2024
+      0x03, 0x05,              // month, day
+      0x2A, 0x00,              // millisecond 42
+      0x09, 0x07, 0x0E, 0x00,  // second, minute, hour, reserved
+      0xFE, 0xFF,              // time zone -2
+      0x02, 0x01,              // GMT offset 0x0102
+  };
+  EXPECT_EQ(ExportBytes(t), want);
+  Bytes bigger(40, 0xEE);
+  EXPECT_EQ(t.Export(bigger.data(), 40), 24);
+  EXPECT_EQ(Bytes(bigger.begin(), bigger.begin() + 24), want);
+  EXPECT_EQ(bigger[24], 0xEE);
+}
+
+TEST_F(TDateTest, ImportReadsOwnRecordsAndRefusesOthersWithTheirCodes) {
+  // A record written by hand: 9999-99-99 with millisecond 999 and reserved
+  // 0x5A, which no setter would make, reads as it stands.
+  const Bytes good = {0x2E, 0x65, 0x74, 0x44, 0x00, 0x01, 0x00, 0x01, 0x34, 0x12, 0x0F, 0x27,
+                      0x63, 0x63, 0xE7, 0x03, 0x3B, 0x3B, 0x17, 0x5A, 0x05, 0x00, 0xC4, 0xFF};
+  TDate t;
+  EXPECT_EQ(t.Import(good.data(), 24), 24);
+  EXPECT_EQ(Of(t), (F{9999, 99, 99, 23, 59, 59, 999}));
+  EXPECT_EQ(t.GetFlags(), 0x1234);
+  EXPECT_EQ(t.GetTimezone(), 5);
+  EXPECT_EQ(t.GetGMTOffset(), -60);
+  EXPECT_EQ(ExportBytes(t), good);  // the reserved byte is carried too
+  EXPECT_TRUE(Assertions().empty());
+
+  struct Row {
+    const char* name;
+    Bytes bytes;
+    int size;
+    int code;
+  };
+  Bytes wrongTag = good;
+  wrongTag[0] = 0x2F;      // 'Dtf.'... another signature
+  Bytes bigEndian = good;  // as a big-endian machine writes the same date
+  const std::pair<int, int> fields16[] = {{0, 4},  {4, 2},  {6, 2},  {8, 2},
+                                          {10, 2}, {14, 2}, {20, 2}, {22, 2}};
+  for (const auto& [at, n] : fields16)
+    std::reverse(bigEndian.begin() + at, bigEndian.begin() + at + n);
+  Bytes tooNew = good;
+  tooNew[5] = 0x02;  // compatible version 512
+  Bytes badSig = good;
+  badSig[3] = 0xC4;
+  const Row rows[] = {
+      {"short", good, 23, kErrImportDataTooShort},
+      {"empty", good, 0, kErrImportDataTooShort},
+      {"wrong tag", wrongTag, 24, kErrPersistWrongSignature},
+      {"other byte order", bigEndian, 24, kErrPersistOtherByteOrder},
+      {"too new", tooNew, 24, kErrPersistTooNew},
+      {"malformed signature", badSig, 24, kErrPersistBadSignature},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    TDate keep(2024, 3, 5, 14, 7, 9, 42);
+    EXPECT_EQ(keep.Import(r.bytes.data(), r.size), r.code);
+    EXPECT_EQ(Of(keep), (F{2024, 3, 5, 14, 7, 9, 42}));
+  }
+  TDate keep;
+  EXPECT_EQ(keep.Import(nullptr, 24), kErrImportDataTooShort);
+  // Export and Import round-trip any fields.
+  std::mt19937 rng(3);
+  for (int i = 0; i < 1000; ++i) {
+    Bytes rec = good;
+    for (int k = 8; k < 24; ++k) rec[k] = static_cast<unsigned char>(rng());
+    TDate r;
+    ASSERT_EQ(r.Import(rec.data(), 24), 24);
+    ASSERT_EQ(ExportBytes(r), rec);
+  }
+}
+
+}  // namespace
