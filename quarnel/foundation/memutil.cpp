@@ -1,5 +1,7 @@
 #include "quarnel/foundation/memutil.h"
 
+#include "quarnel/datetime/tdate.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -221,9 +223,9 @@ void MemDebug(int what) {
     return;
   }
   DebugLogf(kLogStats, "");
-  // There is no current date to print yet: the date conversion of the
-  // heading is given a null date.
-  DebugLogf(kLogStats, "Memory Status at %~D...", static_cast<const TDate*>(nullptr));
+  TDate now;
+  now.SetToCurrent();
+  DebugLogf(kLogStats, "Memory Status at %~D...", &now);
   tmemLogStats();
   int blocks;
   unsigned bytes;

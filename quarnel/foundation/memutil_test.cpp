@@ -8,12 +8,14 @@
 #include <thread>
 #include <vector>
 
+#include "quarnel/datetime/tdate.h"
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/tmemory.h"
 #include "quarnel/platform/debugger.h"
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/heap.h"
 #include "quarnel/platform/vmem.h"
+#include "quarnel/platform/wintime.h"
 #include "quarnel/text/tstring.h"
 #include "tests/support/recording_hooks.h"
 
@@ -461,6 +463,21 @@ TEST_F(MemTest, MemDebugReportAndBreaks) {
     quarnel_args::WithArgs([&](const Args* args) { FormatLogLine(&t, format, args); }, values...);
     return Utf8(t);
   };
+  {
+    // The heading carries the date and time of the report.
+    USetTimeZone("UTC0");
+    const UFILETIME noon{0x2A8E4000u, 0x01DB7E2Cu};  // a fixed instant
+    USetClockOverride(&noon);
+    ClearRecords();
+    MemDebug(0);
+    USetClockOverride(nullptr);
+    USetTimeZone(nullptr);
+    const TDate when(&noon);
+    ASSERT_GE(Lines().size(), 2u);
+    EXPECT_EQ(Lines()[1].text, expect("Memory Status at %~D...", &when));
+    EXPECT_NE(Lines()[1].text,
+              expect("Memory Status at %~D...", static_cast<const TDate*>(nullptr)));
+  }
   EXPECT_EQ(Lines()[2].text,
             expect("TMemory:     heap %6~d %9K", stats.heapBlocks, stats.heapBytes >> 10));
   EXPECT_EQ(Lines()[2].format, "TMemory:     heap %6~d %9K");
