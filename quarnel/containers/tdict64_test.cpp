@@ -1,0 +1,351 @@
+#include "quarnel/containers/tdict64.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <map>
+#include <random>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "quarnel/containers/tdictlinear.h"
+#include "quarnel/foundation/memutil.h"
+#include "tests/support/recording_hooks.h"
+
+namespace {
+
+using u64 = std::uint64_t;
+constexpr u64 kHigh = 1ULL << 32;
+
+class Dict64Test : public RecordingTest {};
+
+std::map<int, u64> Layout(const TDict64& d) {
+  std::map<int, u64> out;
+  for (int i = 0; i < d.Shape().size; ++i) {
+    if (d.Slots()[i].key != 0) out[i] = d.Slots()[i].key;
+  }
+  return out;
+}
+
+std::vector<std::pair<u64, u64>> Walk(TDict64& d) {
+  std::vector<std::pair<u64, u64>> out;
+  for (TDict64Iter it(d); it; ++it) out.emplace_back(it.Key(), it.Data());
+  return out;
+}
+
+TEST_F(Dict64Test, SizesAsTDictWithSixteenByteSlots) {
+  TDict64 d(0, 0);
+  EXPECT_EQ(d.Shape().size, 127);
+  EXPECT_EQ(d.Shape().highWater, 101);
+  TDict64 e(102, 0);
+  EXPECT_EQ(e.Shape().size, 251);
+  TDict64 f(-262139, 0);
+  EXPECT_EQ(f.Shape().shift, 15);
+  EXPECT_EQ(f.Shape().mask, 131071u);
+  TDict64 g(-100, 0);
+  EXPECT_EQ(g.Shape().size, 127);
+  EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{{"dicthash64", 121, ""}}));
+}
+
+// (2^32 + 256)^2 = 2^64 + 2^41 + 2^16: modulo 2^64, shifted right by 16,
+// its low 32 bits are 2^25 + 1, so its home in 127 slots is 1, as for 256.
+TEST_F(Dict64Test, HomeComesFromTheLowHalfOfTheSquare) {
+  TDict64 d(0, 0);
+  d.Define(256, 1);
+  d.Define(kHigh + 256, 2);
+  d.Define(kHigh * 5, 3);  // squares to 25 * 2^64: home 0
+  EXPECT_EQ(Layout(d), (std::map<int, u64>{{0, kHigh * 5}, {1, 256}, {2, kHigh + 256}}));
+  // Equality always compares all 64 bits.
+  EXPECT_EQ(d.Lookup(256), 1u);
+  EXPECT_EQ(d.Lookup(kHigh + 256), 2u);
+  EXPECT_EQ(d.Lookup(kHigh * 2 + 256), 0u);
+  EXPECT_EQ(d.Find(2), kHigh + 256);
+  EXPECT_EQ(d.LookupKeydex(kHigh + 256), 2);
+  EXPECT_EQ(d.GetIndKey(0), kHigh * 5);
+  EXPECT_EQ(d.GetIndData(2), 2u);
+}
+
+TEST_F(Dict64Test, OrderedComparesLowHalvesOnly) {
+  // 256 and 2^32 + 256 have equal low halves: neither is smaller, so the
+  // later one goes after the earlier one whatever their 64-bit order.
+  TDict64 a(0, 1);
+  a.Define(256, 1);
+  a.Define(kHigh + 256, 2);
+  EXPECT_EQ(Layout(a), (std::map<int, u64>{{1, 256}, {2, kHigh + 256}}));
+  TDict64 b(0, 1);
+  b.Define(kHigh + 256, 2);
+  b.Define(256, 1);
+  EXPECT_EQ(Layout(b), (std::map<int, u64>{{1, kHigh + 256}, {2, 256}}));
+  b.Define(300, 3);
+  // 300 (home 1) has the larger low half: it takes slot 1, and the displaced
+  // 2^32 + 256 passes 256 (not smaller) to the next empty slot.
+  EXPECT_EQ(Layout(b), (std::map<int, u64>{{1, 300}, {2, 256}, {3, kHigh + 256}}));
+  // A key with a large high half and a small low half is "smaller" than 300.
+  b.Define(kHigh * 7 + 299, 4);  // home of its square's low half
+  EXPECT_EQ(b.Lookup(kHigh * 7 + 299), 4u);
+  for (u64 k : {u64{256}, kHigh + 256, u64{300}}) EXPECT_NE(b.Lookup(k), 0u);
+}
+
+TEST_F(Dict64Test, FullWidthValuesNullKeyAndParents) {
+  TDict64 parent(0, 0);
+  parent.Define(0, ~0ULL);
+  parent.Define(kHigh + 256, kHigh * 3);
+  TDict64 child(0, 0);
+  child.SetParent(&parent);
+  EXPECT_EQ(child.Lookup(0), ~0ULL);
+  EXPECT_EQ(child.Lookup(kHigh + 256), kHigh * 3);
+  child.Define(kHigh + 256, 9);
+  child.Undefine(kHigh + 256);  // a tombstone in its home slot: the parent answers
+  EXPECT_EQ(child.Lookup(kHigh + 256), kHigh * 3);
+  child.Define(256, 1);
+  child.Define(kHigh + 256, 9);  // reuses its tombstone in slot 1
+  child.Undefine(256);
+  EXPECT_EQ(child.Lookup(256), 0u);
+  child.Define(0, 5);
+  EXPECT_EQ(child.GetCount(), 2);
+  EXPECT_EQ(child.GetIndData(1), 5u);
+  EXPECT_EQ(Walk(child), (std::vector<std::pair<u64, u64>>{{0, 5}, {kHigh + 256, 9}}));
+  TDict64 copy(child);
+  EXPECT_EQ(Walk(copy), Walk(child));
+  EXPECT_EQ(copy.GetParent(), &parent);
+}
+
+// Random operations against std::unordered_map, with the tombstone model of
+// the 32-bit test: the dictionary is exact when unordered, and when ordered
+// while it keeps its capacity (keys sharing their low halves included).
+void RunModel64(int ordered, int initial, int ops, unsigned seed) {
+  std::mt19937_64 rng(seed);
+  std::vector<u64> pool;
+  std::unordered_set<u64> taken;
+  const int poolSize = ordered ? 700 : 3000;
+  const int permanent = ordered ? 500 : 0;  // keeps used above the low water mark
+  while (static_cast<int>(pool.size()) < poolSize + permanent) {
+    u64 k = rng();
+    if (pool.size() % 3 == 1) k = (rng() << 32) | (pool.back() & 0xFFFFFFFFu);  // twin low half
+    if (pool.size() % 5 == 0) k = rng() % 5000 + 1;
+    if (k != 0 && taken.insert(k).second) pool.push_back(k);
+  }
+  TDict64 d(initial, ordered);
+  const int startSize = d.Shape().size;
+  std::unordered_map<u64, u64> live;
+  for (int i = 0; i < permanent; ++i) {
+    const u64 k = pool.back();
+    pool.pop_back();
+    d.Define(k, k ^ 0xABCDEF);
+    live[k] = k ^ 0xABCDEF;
+  }
+  std::unordered_set<u64> tombs;
+  u64 nullValue = 0;
+  int sizes = 0;
+  int lastSize = startSize;
+  for (int op = 0; op < ops; ++op) {
+    const bool grow = (op / 15000) % 2 == 0;
+    const u64 key = rng() % 300 == 0 ? 0 : pool[rng() % pool.size()];
+    const unsigned what = rng() % 100;
+    if (what < 40) {
+      u64 expect = 0;
+      if (key == 0) {
+        expect = nullValue;
+      } else if (live.count(key) != 0) {
+        expect = live[key];
+      }
+      // Without a parent a tombstone answers 0 either way.
+      ASSERT_EQ(d.Lookup(key), expect) << "op " << op;
+      continue;
+    }
+    if (what < (grow ? 82u : 62u)) {
+      const u64 value = rng() % 6 == 0 ? 0 : rng();
+      d.Define(key, value);
+      if (key == 0) {
+        nullValue = value;
+      } else if (value == 0) {
+        if (live.erase(key) != 0) tombs.insert(key);
+      } else {
+        tombs.erase(key);
+        live[key] = value;
+      }
+    } else {
+      d.Undefine(key);
+      if (key == 0) {
+        nullValue = 0;
+      } else if (live.erase(key) != 0) {
+        tombs.insert(key);
+      }
+    }
+    const TDictShape s = d.Shape();
+    if (s.deleted == 0) tombs.clear();
+    ASSERT_EQ(static_cast<int>(tombs.size()), s.deleted) << "op " << op;
+    ASSERT_EQ(d.GetCount(), static_cast<int>(live.size()) + (nullValue != 0 ? 1 : 0));
+    if (s.size != lastSize) ++sizes;
+    lastSize = s.size;
+    if (ordered) {
+      ASSERT_EQ(s.size, startSize);
+    }
+    if (op % 2000 == 0) {
+      std::vector<std::pair<u64, u64>> walk = Walk(d);
+      std::unordered_map<u64, u64> seen;
+      for (std::size_t i = nullValue != 0 ? 1 : 0; i < walk.size(); ++i) seen.insert(walk[i]);
+      ASSERT_EQ(seen, live);
+    }
+  }
+  if (!ordered) {
+    EXPECT_GT(sizes, 4);
+  }
+}
+
+TEST_F(Dict64Test, ModelAgainstUnorderedMap) {
+  RunModel64(0, 0, 150000, 11);
+  RunModel64(1, -2039, 100000, 12);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+// ---------------------------------------------------------------------------
+// TDictLinear
+
+class DictLinearTest : public RecordingTest {};
+
+// Room for n entries: b = 8n + 8 bytes, allocated as b + b mod 80.
+TEST_F(DictLinearTest, BlockSizeFollowsTheCountDeliberately) {
+  TDictLinear d;
+  EXPECT_EQ(d.Capacity(), 96u);  // room for 10: 88 + 88 mod 80
+  const unsigned expected[] = {32,  48,  64,  80,  96,  112, 128, 144, 80,  96,
+                               112, 128, 144, 160, 176, 192, 208, 224, 160, 176};
+  for (int n = 1; n <= 20; ++n) {
+    SCOPED_TRACE(n);
+    d.Define(n * 10, n);
+    EXPECT_EQ(d.Capacity(), expected[n - 1]);
+    EXPECT_EQ(MemSize(d.Array()), expected[n - 1]);
+  }
+  d.Define(10, 99);  // an existing key: in place, no resize
+  EXPECT_EQ(d.Capacity(), 176u);
+  d.Undefine(10);
+  EXPECT_EQ(d.Capacity(), 160u);
+  d.Reset();
+  EXPECT_EQ(d.GetCount(), 0);
+  EXPECT_EQ(d.Capacity(), 96u);
+}
+
+TEST_F(DictLinearTest, RemovalMovesTheLastEntryAndLaterEntriesWin) {
+  TDictLinear d;
+  d.Define(5, 1);
+  d.Define(6, 2);
+  d.Undefine(5);
+  EXPECT_EQ(d.GetIndKey(0), 6);
+  EXPECT_EQ(d.LookupKeydex(6), 0);
+  EXPECT_EQ(d.LookupKeydex(5), -1);
+  EXPECT_EQ(d.Find(0), 0);
+  d.Define(7, 2);
+  d.Define(8, 3);
+  EXPECT_EQ(d.Find(2), 7);  // the last entry holding 2
+  EXPECT_EQ(d.Find(4), 0);
+  d.Undefine(6);  // 8 moves into the first place
+  EXPECT_EQ(d.GetIndKey(0), 8);
+  EXPECT_EQ(d.GetIndData(0), 3);
+  EXPECT_EQ(d.GetIndKey(1), 7);
+  EXPECT_EQ(d.GetIndKey(2), 0);
+  // Index -1 reads the sentinel: what the last search sought.
+  d.Lookup(42);
+  EXPECT_EQ(d.GetIndKey(-1), 42);
+  EXPECT_EQ(d.GetIndKey(-2), 0);
+  d.Define(7, 0);
+  EXPECT_EQ(d.GetCount(), 1);
+  d.Undefine(99);
+  EXPECT_EQ(d.GetCount(), 1);
+}
+
+TEST_F(DictLinearTest, ParentsAndTheirGuard) {
+  TDictLinear grand, parent, child;
+  grand.Define(1, 10);
+  parent.Define(2, 20);
+  parent.SetParent(&grand);
+  child.SetParent(&parent);
+  child.Define(1, 5);
+  EXPECT_EQ(child.Lookup(1), 5);
+  EXPECT_EQ(child.Lookup(2), 20);
+  EXPECT_EQ(parent.Lookup(1), 10);
+  EXPECT_EQ(child.Lookup(3), 0);
+  child.SetParent(&child);
+  EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{{"dictlinear", 207, ""}}));
+  EXPECT_EQ(child.GetParent(), &parent);
+}
+
+TEST_F(DictLinearTest, CopiesTakeExactlyTheRoomOfTheEntries) {
+  TDictLinear parent;
+  TDictLinear d;
+  d.SetParent(&parent);
+  for (int k = 1; k <= 8; ++k) d.Define(k, k * k);
+  TDictLinear c(d);
+  EXPECT_EQ(c.GetCount(), 8);
+  EXPECT_EQ(c.Capacity(), 144u);
+  EXPECT_EQ(c.GetParent(), &parent);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(c.GetIndData(i), d.GetIndData(i));
+
+  TDictLinear fresh;
+  TDictLinear e(fresh);
+  EXPECT_EQ(e.Capacity(), 16u);
+  EXPECT_EQ(e.GetCount(), 0);
+
+  // operator= forgets its own block without freeing it: the block stays
+  // allocated, as the library has always done; the test frees it.
+  TDictLinear a;
+  a.Define(100, 1);
+  const TDictLinear::Pair* old = a.Array();
+  a = d;
+  EXPECT_NE(a.Array(), old);
+  EXPECT_EQ(MemSize(old), 32u);
+  MemFree(const_cast<TDictLinear::Pair*>(old));
+  EXPECT_EQ(a.GetCount(), 8);
+  EXPECT_EQ(a.Lookup(3), 9);
+  EXPECT_EQ(a.Lookup(100), 0);
+  TDictLinear& same = a;
+  a = same;
+  EXPECT_EQ(a.GetCount(), 8);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(DictLinearTest, ModelOfEntriesInTheirPlaces) {
+  std::mt19937 rng(5);
+  TDictLinear d;
+  std::vector<std::pair<int, int>> model;
+  auto room = [](int n) {
+    const unsigned b = static_cast<unsigned>(n) * 8 + 8;
+    return b + b % 80;
+  };
+  for (int op = 0; op < 20000; ++op) {
+    const int key = static_cast<int>(rng() % 40) - 5;  // key 0 is an ordinary key here
+    const int value = rng() % 5 == 0 ? 0 : static_cast<int>(rng() % 9) + 1;
+    auto it = std::find_if(model.begin(), model.end(), [&](auto& p) { return p.first == key; });
+    if (rng() % 3 == 0 || value == 0) {
+      d.Undefine(key);
+      if (it != model.end()) {
+        *it = model.back();
+        model.pop_back();
+        ASSERT_EQ(d.Capacity(), room(static_cast<int>(model.size())));
+      }
+    } else {
+      d.Define(key, value);
+      if (it != model.end()) {
+        it->second = value;
+      } else {
+        model.emplace_back(key, value);
+        ASSERT_EQ(d.Capacity(), room(static_cast<int>(model.size())));
+      }
+    }
+    ASSERT_EQ(d.GetCount(), static_cast<int>(model.size()));
+    for (std::size_t i = 0; i < model.size(); ++i) {
+      ASSERT_EQ(d.GetIndKey(static_cast<int>(i)), model[i].first);
+      ASSERT_EQ(d.GetIndData(static_cast<int>(i)), model[i].second);
+    }
+    const int probe = static_cast<int>(rng() % 40) - 5;
+    auto found =
+        std::find_if(model.begin(), model.end(), [&](auto& p) { return p.first == probe; });
+    ASSERT_EQ(d.Lookup(probe), found == model.end() ? 0 : found->second);
+    ASSERT_EQ(d.LookupKeydex(probe),
+              found == model.end() ? -1 : static_cast<int>(found - model.begin()));
+  }
+  EXPECT_TRUE(Assertions().empty());
+}
+
+}  // namespace

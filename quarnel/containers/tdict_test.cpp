@@ -1,0 +1,548 @@
+#include "quarnel/containers/tdict.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "tests/support/recording_hooks.h"
+
+namespace {
+
+class DictTest : public RecordingTest {};
+
+// Every live (key, value) of a dictionary in iteration order.
+std::vector<std::pair<int, int>> Walk(TDict& d) {
+  std::vector<std::pair<int, int>> out;
+  for (TDictIter it(d); it; ++it) {
+    out.emplace_back(it.Key(), it.Data());
+    if (out.size() > 20'000'000) break;
+  }
+  return out;
+}
+
+// Slot index -> key for every occupied slot (tombstones included).
+std::map<int, int> Layout(const TDict& d) {
+  std::map<int, int> out;
+  for (int i = 0; i < d.Shape().size; ++i) {
+    if (d.Slots()[i].key != 0) out[i] = d.Slots()[i].key;
+  }
+  return out;
+}
+
+TEST_F(DictTest, SizingFollowsThePrimeTable) {
+  struct Row {
+    int n;
+    int size, mask, shift, low, high, tomb;
+  };
+  const Row rows[] = {
+      {0, 127, 63, 16, 25, 101, 63},
+      {100, 127, 63, 16, 25, 101, 63},  // 125 slots wanted
+      {101, 127, 63, 16, 25, 101, 63},  // (101 * 100 + 79) / 80 = 127
+      {102, 251, 127, 16, 50, 200, 125},
+      {-251, 251, 127, 16, 50, 200, 125},
+      {-131071, 131071, 65535, 16, 26214, 104856, 65535},    // exponent 16
+      {-262139, 262139, 131071, 15, 52427, 209711, 131069},  // exponent 17: 32 - 17
+      {-1048573, 1048573, 524287, 13, 209714, 838858, 524286},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.n);
+    TDict d(r.n, 0);
+    const TDictShape s = d.Shape();
+    EXPECT_EQ(s.size, r.size);
+    EXPECT_EQ(s.mask, static_cast<unsigned>(r.mask));
+    EXPECT_EQ(s.shift, r.shift);
+    EXPECT_EQ(s.lowWater, r.low);
+    EXPECT_EQ(s.highWater, r.high);
+    EXPECT_EQ(s.tombstoneLimit, r.tomb);
+    EXPECT_EQ(s.used, 0);
+    EXPECT_EQ(d.GetCount(), 0);
+  }
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(DictTest, AskingForASlotCountThatIsNotPrimeAsserts) {
+  TDict d(-128, 0);
+  EXPECT_EQ(d.Shape().size, 251);
+  EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{{"dicthash", 121, ""}}));
+  ClearRecords();
+  d.Reset(-127);
+  EXPECT_EQ(d.Shape().size, 127);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(DictTest, ResetEmptiesEverythingAndForgetsTheParent) {
+  TDict parent(0, 0);
+  TDict d(0, 0);
+  d.SetParent(&parent);
+  d.Define(0, 3);
+  for (int k = 1; k <= 300; ++k) d.Define(k * 7919, k);
+  d.Reset(10);
+  EXPECT_EQ(d.GetCount(), 0);
+  EXPECT_EQ(d.GetParent(), nullptr);
+  EXPECT_EQ(d.Lookup(0), 0);
+  EXPECT_EQ(d.Lookup(7919), 0);
+  EXPECT_EQ(d.Shape().size, 127);
+  EXPECT_EQ(d.Shape().deleted, 0);
+}
+
+// Homes in a 127-slot table: ((k * k) >> 16) & 63. 256 and 300 square to
+// 1.x * 65536 (home 1), 512 to 4 * 65536 (home 4), 400 to 2.44 * 65536
+// (home 2), and 1, 2, 3 to less than 65536 (home 0). Home h probes h, 2h, 3h,
+// ...; home 0 probes 0, 126, 125, ...
+TEST_F(DictTest, UnorderedLayoutMatchesTheProbeSequence) {
+  TDict d(0, 0);
+  const std::pair<int, int> script[] = {{256, 10}, {300, 20}, {1, 30},  {2, 40},
+                                        {3, 50},   {512, 60}, {400, 70}};
+  for (auto [k, v] : script) d.Define(k, v);
+  const std::map<int, int> expected = {{0, 1},   {1, 256}, {2, 300}, {4, 512},
+                                       {6, 400}, {125, 3}, {126, 2}};
+  EXPECT_EQ(Layout(d), expected);
+  // Indexed access numbers the live slots from slot 0 upward.
+  const int order[] = {1, 256, 300, 512, 400, 3, 2};
+  for (int i = 0; i < 7; ++i) {
+    EXPECT_EQ(d.GetIndKey(i), order[i]);
+    EXPECT_EQ(d.LookupKeydex(order[i]), i);
+    EXPECT_EQ(d.GetIndData(i), d.Lookup(order[i]));
+  }
+  EXPECT_EQ(d.GetIndKey(7), 0);
+  EXPECT_EQ(d.GetIndKey(-1), 0);
+  EXPECT_EQ(d.GetIndData(-1), 0);
+  EXPECT_EQ(d.LookupKeydex(0), 7);
+  EXPECT_EQ(d.LookupKeydex(999), -1);
+
+  // A tombstone keeps its key in place, so the chain through it still leads
+  // to 300; defining 256 again reuses the tombstone.
+  d.Undefine(256);
+  EXPECT_EQ(d.Shape().deleted, 1);
+  EXPECT_EQ(d.Shape().used, 7);
+  EXPECT_EQ(d.Lookup(300), 20);
+  EXPECT_EQ(d.Lookup(256), 0);
+  EXPECT_EQ(d.LookupKeydex(300), 1);
+  EXPECT_EQ(d.LookupKeydex(256), -1);
+  d.Define(256, 11);
+  EXPECT_EQ(d.Shape().deleted, 0);
+  EXPECT_EQ(d.Shape().used, 7);
+  EXPECT_EQ(Layout(d), expected);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(DictTest, OrderedLayoutKeepsChainsDescending) {
+  TDict d(0, 1);
+  for (int k : {256, 300, 1, 2, 3, 512, 400}) d.Define(k, k + 1);
+  // 300 displaces 256 from slot 1; 2 displaces 1 and 3 displaces 2, each
+  // moving the smaller key down its chain; 400 displaces 256 again at slot 2.
+  const std::map<int, int> expected = {{0, 3},   {1, 300}, {2, 400}, {3, 256},
+                                       {4, 512}, {125, 1}, {126, 2}};
+  EXPECT_EQ(Layout(d), expected);
+  for (int k : {256, 300, 1, 2, 3, 512, 400}) EXPECT_EQ(d.Lookup(k), k + 1);
+  EXPECT_EQ(d.Lookup(299), 0);  // stops at 256, below 299
+  // Keys compare as unsigned numbers: -1 is the largest key and takes home
+  // slot 0 ((0xFFFFFFFF squared) >> 16 is 0), pushing 3 down the chain.
+  d.Define(-1, 9);
+  EXPECT_EQ(d.Slots()[0].key, -1);
+  EXPECT_EQ(d.Lookup(3), 4);
+  EXPECT_EQ(d.Lookup(-1), 9);
+  EXPECT_EQ(d.IsOrdered(), 1);
+}
+
+// The rebuilt table of a rehash is unordered while the flag stays. In 251
+// slots 2908 and 256 share home 1 (2908 first, being larger) and 2064 has
+// home 65; in 127 slots all three have home 1 and are placed in the old slot
+// order, so 256 stands between 2908 and the larger 2064 on the chain.
+TEST_F(DictTest, RehashLeavesAnOrderedDictionaryUnordered) {
+  TDict d(-251, 1);
+  d.Define(256, 1);
+  d.Define(2908, 2);
+  d.Define(2064, 3);
+  EXPECT_EQ((Layout(d)), (std::map<int, int>{{1, 2908}, {2, 256}, {65, 2064}}));
+  d.Define(999, 4);
+  d.Undefine(999);  // used 4 < low water 50: rehash to 127 slots
+  EXPECT_EQ(d.Shape().size, 127);
+  EXPECT_EQ(d.IsOrdered(), 1);
+  EXPECT_EQ((Layout(d)), (std::map<int, int>{{1, 2908}, {2, 256}, {3, 2064}}));
+  EXPECT_EQ(d.Lookup(2908), 2);
+  EXPECT_EQ(d.Lookup(256), 1);
+  EXPECT_EQ(d.Lookup(2064), 0);  // the search stops at the smaller 256
+  EXPECT_EQ(d.GetCount(), 3);
+  EXPECT_EQ(d.LookupKeydex(2064), 2);
+
+  // The same keys in an unordered dictionary are all found.
+  TDict u(-251, 0);
+  for (int k : {256, 2908, 2064, 999}) u.Define(k, k);
+  u.Undefine(999);
+  EXPECT_EQ(u.Shape().size, 127);
+  for (int k : {256, 2908, 2064}) EXPECT_EQ(u.Lookup(k), k);
+}
+
+TEST_F(DictTest, KeyZeroLivesBesideTheTable) {
+  TDict d(0, 0);
+  d.Define(0, 7);
+  EXPECT_EQ(d.GetCount(), 1);
+  EXPECT_EQ(d.Lookup(0), 7);
+  EXPECT_EQ(d.Shape().used, 0);
+  EXPECT_EQ(d.Find(7), 0);
+  EXPECT_EQ(d.GetIndData(d.GetCount() - 1), 7);
+  EXPECT_EQ(d.LookupKeydex(0), 0);
+  d.Define(5, 7);
+  EXPECT_EQ(d.GetIndData(d.GetCount() - 1), 7);
+  EXPECT_EQ(d.GetIndKey(1), 0);
+  EXPECT_EQ(d.Find(7), 0);  // equal to the null value
+  d.Define(0, 0);
+  EXPECT_EQ(d.Find(7), 5);
+  EXPECT_EQ(d.GetCount(), 1);
+  d.Define(0, 8);
+  d.Undefine(0);
+  EXPECT_EQ(d.Lookup(0), 0);
+  EXPECT_EQ(d.Find(0), 0);
+}
+
+TEST_F(DictTest, FindAnswersTheLowestSlot) {
+  TDict d(0, 0);
+  d.Define(300, 5);  // slot 1
+  d.Define(256, 5);  // slot 2
+  EXPECT_EQ(d.Find(5), 300);
+  d.Define(1, 5);  // slot 0, defined last
+  EXPECT_EQ(d.Find(5), 1);
+  d.Undefine(1);
+  d.Undefine(300);
+  EXPECT_EQ(d.Find(5), 256);
+  EXPECT_EQ(d.Find(6), 0);
+}
+
+TEST_F(DictTest, TombstoneAtHomeAsksTheParentOneFurtherOnEndsTheSearch) {
+  TDict parent(0, 0);
+  parent.Define(300, 77);
+  parent.Define(0, 66);
+  TDict child(0, 0);
+  child.SetParent(&parent);
+  EXPECT_EQ(child.Lookup(300), 77);
+  EXPECT_EQ(child.Lookup(0), 66);
+  child.Define(300, 5);  // home slot 1
+  EXPECT_EQ(child.Lookup(300), 5);
+  child.Undefine(300);
+  EXPECT_EQ(child.Lookup(300), 77);
+
+  TDict other(0, 0);
+  other.SetParent(&parent);
+  other.Define(256, 1);  // takes slot 1, the home of 300
+  other.Define(300, 5);  // slot 2
+  other.Undefine(300);
+  EXPECT_EQ(other.Lookup(300), 0);  // the tombstone was met by probing
+  EXPECT_EQ(other.Lookup(0), 66);
+}
+
+TEST_F(DictTest, HighWaterTriggersARehashToTwiceTheLiveCount) {
+  TDict d(0, 0);
+  for (int k = 1; k <= 100; ++k) d.Define(k * 1000003, k);
+  EXPECT_EQ(d.Shape().size, 127);
+  EXPECT_EQ(d.Shape().used, 100);
+  // Redefining an existing key at used + 1 = high water rehashes too.
+  d.Define(1000003, 5);
+  EXPECT_EQ(d.Shape().size, 251);  // 100 * 2 + 1 = 201 -> 251
+  EXPECT_EQ(d.Shape().used, 100);
+  EXPECT_EQ(d.Lookup(1000003), 5);
+  for (int k = 2; k <= 100; ++k) ASSERT_EQ(d.Lookup(k * 1000003), k);
+
+  TDict e(0, 0);
+  for (int k = 1; k <= 101; ++k) e.Define(k * 1000003, k);
+  EXPECT_EQ(e.Shape().size, 251);
+  EXPECT_EQ(e.GetCount(), 101);
+}
+
+TEST_F(DictTest, TombstonesAndLowWaterRehash) {
+  // Below the low water mark (101 of 509) a deletion shrinks the table to
+  // about twice the live count: 59 live, 2 * 59 + 1 = 119 -> 127 slots.
+  TDict d(-509, 0);
+  for (int k = 1; k <= 60; ++k) d.Define(k * 65537, k);
+  EXPECT_EQ(d.Shape().size, 509);
+  d.Undefine(65537);
+  EXPECT_EQ(d.Shape().size, 127);
+  EXPECT_EQ(d.Shape().deleted, 0);
+  EXPECT_EQ(d.Shape().used, 59);
+  for (int k = 2; k <= 60; ++k) ASSERT_EQ(d.Lookup(k * 65537), k);
+
+  // Tombstones do not lower used; at the tombstone limit (63 of 127) the
+  // table is rebuilt at the same size without them.
+  TDict t(0, 0);
+  for (int k = 1; k <= 80; ++k) t.Define(k * 65537, k);
+  for (int k = 1; k <= 62; ++k) t.Undefine(k * 65537);
+  EXPECT_EQ(t.Shape().deleted, 62);
+  EXPECT_EQ(t.Shape().used, 80);
+  t.Undefine(63 * 65537);
+  EXPECT_EQ(t.Shape().size, 127);
+  EXPECT_EQ(t.Shape().deleted, 0);
+  EXPECT_EQ(t.Shape().used, 17);
+  EXPECT_EQ(t.GetCount(), 17);
+  // Undefining what is absent or already a tombstone changes nothing.
+  TDict u(0, 0);
+  u.Define(5, 1);
+  u.Undefine(5);
+  u.Undefine(5);
+  u.Undefine(6);
+  EXPECT_EQ(u.Shape().deleted, 1);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(DictTest, CopiesAreIndependent) {
+  TDict parent(0, 0);
+  TDict d(0, 0);
+  d.SetParent(&parent);
+  d.Define(0, 4);
+  for (int k = 1; k <= 150; ++k) d.Define(k * 31, k);
+  d.Undefine(31);
+  TDict c(d);
+  EXPECT_EQ(c.GetParent(), &parent);
+  TDict ordered(0, 1);
+  TDict orderedCopy(ordered);
+  EXPECT_EQ(orderedCopy.IsOrdered(), 1);
+  EXPECT_EQ(Walk(c), Walk(d));
+  EXPECT_EQ(Layout(c), Layout(d));
+  EXPECT_EQ(c.Shape().deleted, d.Shape().deleted);
+  c.Define(62, 0);
+  EXPECT_EQ(c.Lookup(62), 0);
+  EXPECT_EQ(d.Lookup(62), 2);
+
+  TDict a(5000, 0);
+  a = d;
+  EXPECT_EQ(a.Shape().size, d.Shape().size);
+  EXPECT_EQ(Walk(a), Walk(d));
+  TDict& same = a;
+  a = same;
+  EXPECT_EQ(Walk(a), Walk(d));
+  EXPECT_TRUE(Assertions().empty());
+}
+
+TEST_F(DictTest, IteratorVisitsKeyZeroThenSlotsInOrder) {
+  TDict d(0, 0);
+  TDictIter empty(d);
+  EXPECT_FALSE(empty);
+  EXPECT_EQ(empty.Key(), 0);
+  EXPECT_EQ(empty.Data(), 0);
+
+  d.Define(0, 9);
+  TDictIter only(d);
+  ASSERT_TRUE(only);
+  EXPECT_EQ(only.Key(), 0);
+  EXPECT_EQ(only.Data(), 9);
+  ++only;
+  EXPECT_FALSE(only);
+
+  for (int k : {256, 300, 1, 2, 3, 512, 400}) d.Define(k, k * 2);
+  d.Undefine(300);
+  const std::vector<std::pair<int, int>> expected = {{0, 9},     {1, 2}, {256, 512}, {512, 1024},
+                                                     {400, 800}, {3, 6}, {2, 4}};
+  EXPECT_EQ(Walk(d), expected);
+  TDictIter it(d);
+  ++it;
+  ++it;
+  it.Reset();
+  EXPECT_EQ(it.Key(), 0);
+  EXPECT_EQ(it.Data(), 9);
+}
+
+// ---------------------------------------------------------------------------
+// Model test: random Define/Undefine/Lookup against std::unordered_map.
+//
+// Each dictionary's model is its live map and the set of its tombstones
+// (keys undefined since the last rehash; a rehash leaves deleted at 0). A
+// lookup walks the chain of models: a live entry answers; a tombstone in the
+// key's home slot asks the parent; a tombstone elsewhere answers 0.
+
+struct Model {
+  explicit Model(TDict* d) : dict(d) {}
+  TDict* dict;
+  std::unordered_map<int, int> live;
+  std::unordered_set<int> tombs;
+  int nullValue = 0;
+  Model* parent = nullptr;
+  int rehashes = 0;
+  int lastSize = 0;
+};
+
+unsigned HomeOf(const TDict& d, int key) {
+  const unsigned k = static_cast<unsigned>(key);
+  return ((k * k) >> d.Shape().shift) & d.Shape().mask;
+}
+
+int Expected(const Model* m, int key) {
+  for (; m != nullptr; m = m->parent) {
+    if (key == 0) {
+      if (m->nullValue != 0) return m->nullValue;
+      continue;
+    }
+    auto it = m->live.find(key);
+    if (it != m->live.end()) return it->second;
+    if (m->tombs.count(key) != 0 && m->dict->Slots()[HomeOf(*m->dict, key)].key != key) return 0;
+  }
+  return 0;
+}
+
+void ApplyDefine(Model& m, int key, int value) {
+  m.dict->Define(key, value);
+  if (key == 0) {
+    m.nullValue = value;
+  } else if (value == 0) {
+    if (m.live.erase(key) != 0) m.tombs.insert(key);
+  } else {
+    m.tombs.erase(key);
+    m.live[key] = value;
+  }
+}
+
+void ApplyUndefine(Model& m, int key) {
+  m.dict->Undefine(key);
+  if (key == 0) {
+    m.nullValue = 0;
+  } else if (m.live.erase(key) != 0) {
+    m.tombs.insert(key);
+  }
+}
+
+void Settle(Model& m) {
+  const TDictShape s = m.dict->Shape();
+  if (s.deleted == 0) m.tombs.clear();
+  ASSERT_EQ(static_cast<int>(m.tombs.size()), s.deleted);
+  ASSERT_EQ(s.used - s.deleted, static_cast<int>(m.live.size()));
+  if (s.size != m.lastSize) ++m.rehashes;
+  m.lastSize = s.size;
+}
+
+void FullCheck(Model& m) {
+  ASSERT_EQ(m.dict->GetCount(), static_cast<int>(m.live.size()) + (m.nullValue != 0 ? 1 : 0));
+  std::vector<std::pair<int, int>> walk = Walk(*m.dict);
+  std::size_t first = 0;
+  if (m.nullValue != 0) {
+    ASSERT_FALSE(walk.empty());
+    ASSERT_EQ(walk[0], std::make_pair(0, m.nullValue));
+    first = 1;
+  }
+  ASSERT_EQ(walk.size() - first, m.live.size());
+  for (std::size_t i = first; i < walk.size(); ++i) {
+    auto it = m.live.find(walk[i].first);
+    ASSERT_TRUE(it != m.live.end()) << walk[i].first;
+    ASSERT_EQ(it->second, walk[i].second);
+    // Iteration and indexed access agree on the order.
+    const int index = static_cast<int>(i - first);
+    if (index % 97 == 0) {
+      ASSERT_EQ(m.dict->GetIndKey(index), walk[i].first);
+      ASSERT_EQ(m.dict->LookupKeydex(walk[i].first), index);
+    }
+  }
+  ASSERT_EQ(m.dict->GetIndData(static_cast<int>(m.live.size())), m.nullValue);
+}
+
+struct Config {
+  const char* name;
+  int ops;
+  int ordered;       // of the dictionary under test
+  int initial;       // constructor size
+  int smallRange;    // keys 1..smallRange
+  int largePool;     // and this many random 32-bit keys
+  int permanent;     // keys defined first and never changed
+  bool withParents;  // a grandparent and a parent behind the dictionary
+  bool checkSize;    // the capacity must never change (ordered exactness)
+};
+
+void RunModel(const Config& c, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::vector<int> pool;
+  for (int k = 1; k <= c.smallRange; ++k) pool.push_back(k);
+  std::unordered_set<int> taken(pool.begin(), pool.end());
+  while (static_cast<int>(pool.size()) < c.smallRange + c.largePool + c.permanent) {
+    const int k = static_cast<int>(rng());
+    if (k != 0 && taken.insert(k).second) pool.push_back(k);
+  }
+  std::vector<int> permanent(pool.end() - c.permanent, pool.end());
+  pool.resize(pool.size() - c.permanent);
+
+  TDict grand(0, 0), parent(300, 0), dict(c.initial, c.ordered);
+  Model mg(&grand), mp(&parent), md(&dict);
+  mg.lastSize = grand.Shape().size;
+  mp.lastSize = parent.Shape().size;
+  md.lastSize = dict.Shape().size;
+  if (c.withParents) {
+    parent.SetParent(&grand);
+    dict.SetParent(&parent);
+    mp.parent = &mg;
+    md.parent = &mp;
+  }
+  for (int k : permanent) ApplyDefine(md, k, k ^ 0x5A5A);
+  Model* models[] = {&md, &mp, &mg};
+  const int targets = c.withParents ? 3 : 1;
+
+  int defineBias = 70;
+  for (int op = 0; op < c.ops; ++op) {
+    if (op % 20000 == 0) defineBias = defineBias == 70 ? 35 : 70;  // grow, then shrink
+    Model& m = *models[rng() % targets];
+    const int key = rng() % 200 == 0 ? 0 : pool[rng() % pool.size()];
+    const unsigned what = rng() % 100;
+    if (what < 40) {
+      // Lookup: from the dictionary under test or from a parent; also the
+      // permanent keys and keys never defined.
+      Model& from = *models[rng() % targets];
+      int k = key;
+      if (rng() % 8 == 0 && !permanent.empty()) k = permanent[rng() % permanent.size()];
+      if (rng() % 16 == 0) k = static_cast<int>(rng()) | 1;
+      ASSERT_EQ(from.dict->Lookup(k), Expected(&from, k)) << c.name << " op " << op << " key " << k;
+      continue;
+    }
+    if (static_cast<int>(what) < 40 + defineBias * 60 / 100) {
+      const int value = rng() % 7 == 0 ? 0 : static_cast<int>(rng() % 1000) - 500;
+      ApplyDefine(m, key, value);
+    } else {
+      ApplyUndefine(m, key);
+    }
+    ASSERT_NO_FATAL_FAILURE(Settle(m)) << c.name << " op " << op;
+    if (c.checkSize && m.dict == &dict) {
+      ASSERT_EQ(dict.Shape().size, c.initial < 0 ? -c.initial : 127);
+    }
+    if (op % 1000 == 0) {
+      for (int t = 0; t < targets; ++t) {
+        ASSERT_NO_FATAL_FAILURE(FullCheck(*models[t])) << c.name;
+      }
+    }
+  }
+  for (int t = 0; t < targets; ++t) {
+    ASSERT_NO_FATAL_FAILURE(FullCheck(*models[t])) << c.name;
+  }
+  if (!c.checkSize) {
+    EXPECT_GT(md.rehashes, 4) << c.name;  // the capacity went up and down
+  }
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr int kScale = 4;  // a quarter of the operations under the sanitizers
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr int kScale = 4;
+#else
+constexpr int kScale = 1;
+#endif
+#else
+constexpr int kScale = 1;
+#endif
+
+TEST_F(DictTest, ModelUnorderedAgainstUnorderedMap) {
+  RunModel({"unordered small and large keys", 400000 / kScale, 0, 0, 3000, 3000, 0, false, false},
+           1);
+}
+
+TEST_F(DictTest, ModelUnorderedWithParents) {
+  RunModel({"unordered with parents", 300000 / kScale, 0, 0, 1500, 1500, 0, true, false}, 2);
+}
+
+// Ordered dictionaries are exact while their table keeps its order, that is
+// until the first rehash: these stay within the water marks.
+TEST_F(DictTest, ModelOrderedWithoutRehash) {
+  RunModel({"ordered, 2039 slots", 200000 / kScale, 1, -2039, 300, 600, 500, false, true}, 3);
+  RunModel({"ordered, 127 slots, parents", 100000 / kScale, 1, 0, 20, 40, 0, true, true}, 4);
+  EXPECT_TRUE(Assertions().empty());
+}
+
+}  // namespace
