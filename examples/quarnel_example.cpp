@@ -1,7 +1,8 @@
 // The main job of this version of the library: a host that installs a log
-// hook, lets the library map a few platform failures into library error
-// codes (each mapping is logged through the hook), and formats messages with
-// the library's engine.
+// hook, loads the default resource module (libvellores.so, "vellores.dll"),
+// lets the library map a few platform failures into library error codes
+// (each mapping is logged through the hook, its message printed by %E), and
+// formats messages with the library's engine.
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -41,37 +42,19 @@ int PrintLogLine(unsigned level, const char* format, const Args* args) {
   return 0;
 }
 
-// A string list as resource modules carry it: entries of a 16-bit length
-// (tag and text), a four-character tag, the 8-bit text and a pad byte after
-// an odd length; 0xFFFF ends the list.
-std::vector<unsigned char> StringList(
-    const std::vector<std::pair<std::uint32_t, std::string>>& entries) {
-  std::vector<unsigned char> bytes;
-  for (const auto& [tag, text] : entries) {
-    const std::uint16_t length = static_cast<std::uint16_t>(4 + text.size());
-    unsigned char word[2];
-    std::memcpy(word, &length, 2);
-    bytes.insert(bytes.end(), word, word + 2);
-    for (int shift = 24; shift >= 0; shift -= 8)
-      bytes.push_back(static_cast<unsigned char>(tag >> shift));
-    bytes.insert(bytes.end(), text.begin(), text.end());
-    if (length & 1) bytes.push_back(0);
-  }
-  bytes.push_back(0xFF);
-  bytes.push_back(0xFF);
-  return bytes;
-}
-
 }  // namespace
 
 int main() {
   HookDebugLogfChar(PrintLogLine);
 
-  // The host carries the library's words itself until it loads a resource
-  // module: the unit letters of sizes and the word for zero.
-  static const std::vector<unsigned char> words =
-      StringList({{0x4B4D6B6D /* 'KMkm' */, "KMGkmg"}, {0x5A65726F /* 'Zero' */, "Zero"}});
-  RMAddHostKList(16000, words.data(), static_cast<int>(words.size()));
+  // The library's words and messages live in the default resource module,
+  // found beside the library.
+  std::printf("-- the default resource module\n");
+  TString vellores(u"vellores.dll");
+  const int loaded = DLLoadLib(&vellores);
+  TString status;
+  status.SPrintf(u"DLLoadLib(\"vellores.dll\"): %~d", loaded);
+  std::printf("%s\n", Utf8(status).c_str());
 
   std::printf("-- platform failures mapped to library codes\n");
   const struct {
@@ -87,8 +70,8 @@ int main() {
     const unsigned winerr = UWinErrorFromErrno(f.err);
     const int code = MapAndLogErr(nullptr, f.what, winerr);
     TString message;
-    message.SPrintf(u"%s: errno %~d is Windows error %~u, library code %~d", f.what, f.err, winerr,
-                    code);
+    message.SPrintf(u"%s: errno %~d is Windows error %~u, library code %~d: %E", f.what, f.err,
+                    winerr, code, code);
     std::printf("%s\n", Utf8(message).c_str());
   }
 
@@ -103,5 +86,17 @@ int main() {
   std::printf("%s\n", Utf8(line).c_str());
   line.SPrintf(u"%i%d %-2i%d", 1, 2);
   std::printf("arguments out of order: %s\n", Utf8(line).c_str());
+  for (int n : {1, 2, 3, 11, 22, 103}) {
+    line.FormatOrdinal(n);
+    std::printf("%s ", Utf8(line).c_str());
+  }
+  std::printf("\n");
+
+  std::printf("-- messages of the library's own codes\n");
+  for (int code : {kErrMemNotObtained, kErrModuleConflict, kErrQueueEmpty, kErrPersistTooNew}) {
+    line.SPrintf(u"%~d: %E", code, code);
+    std::printf("%s\n", Utf8(line).c_str());
+  }
+  DLUnloadLib(&vellores);
   return 0;
 }

@@ -340,9 +340,20 @@ bool WellFormedTag(unsigned tag) { return (tag & 0x80808080u) == 0 && (tag & 0x6
 // size before it is read.
 int TString::LoadKString(unsigned short listId, unsigned key) {
   Clear();
+  // The list's bytes belong to its module: no module unloads while they are read.
+  TMonitorHold hold(RMModuleLock());
   int size = 0;
   const auto* data = static_cast<const unsigned char*>(RMGetKList(listId, &size));
   if (data == nullptr) return key == kListDump ? 1 : 0;
+  if (key != kListDump) {
+    // A well-formed list is looked up through its index; the walk below
+    // gives the same answer, and is still what reports a faulty list.
+    const unsigned char* text = nullptr;
+    int length = 0;
+    const int found = quarnel_internal::KListLookup(data, size, key, &text, &length);
+    if (found == 1) assignAnsiResolved(SystemAcp(), reinterpret_cast<const char*>(text), length);
+    if (found >= 0) return found;
+  }
   const int id = listId;
   const auto bad = [&] {
     DebugLogf(kLogInternalData, "LoadKString: Bad resource looking for %Y in ID %~d", key, id);

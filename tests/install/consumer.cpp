@@ -9,6 +9,13 @@ int main() {
   void* block = MemAlloc(64);
   const bool ok = s.Length() == 17 && MemSize(block) == 64;
   MemFree(block);
-  std::printf("consumer: %s\n", ok ? "ok" : "FAILED");
-  return ok ? 0 : 1;
+  // The default resource module is installed beside the library.
+  TString vellores(u"vellores.dll");
+  const int loaded = DLLoadLib(&vellores);
+  TString message;
+  message.SPrintf(u"%E", -1115);
+  const bool messages = loaded == 0 && message.Identical(u"Disk full", -1);
+  DLUnloadLib(&vellores);
+  std::printf("consumer: %s\n", ok && messages ? "ok" : "FAILED");
+  return ok && messages ? 0 : 1;
 }

@@ -1,0 +1,85 @@
+// qnrc: the resource compiler.
+//
+//   qnrc SCRIPT [-o BLOB] [-c SOURCE] [--symbol NAME]
+//
+// Reads the resource script SCRIPT and writes the resource container as a
+// plain file (-o) and as C++ source to compile into a module or the host
+// executable (-c; the array is named NAME, "quarnel_resources" unless given).
+// Errors go to standard error as "SCRIPT:LINE: error: MESSAGE"; the exit
+// status is then 1 and no output is written.
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "tools/qnrc/compiler.h"
+
+namespace {
+
+bool ReadAll(const std::string& path, std::vector<unsigned char>* bytes) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return !in.bad();
+}
+
+bool WriteAll(const std::string& path, const void* data, std::size_t size) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out) return false;
+  out.write(static_cast<const char*>(data), static_cast<std::streamsize>(size));
+  return static_cast<bool>(out.flush());
+}
+
+int Usage() {
+  std::fprintf(stderr, "usage: qnrc SCRIPT [-o BLOB] [-c SOURCE] [--symbol NAME]\n");
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string script;
+  std::string blobPath;
+  std::string cppPath;
+  std::string symbol = "quarnel_resources";
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if ((a == "-o" || a == "-c" || a == "--symbol") && i + 1 < argc) {
+      (a == "-o" ? blobPath : a == "-c" ? cppPath : symbol) = argv[++i];
+    } else if (!a.empty() && a[0] != '-' && script.empty()) {
+      script = a;
+    } else {
+      return Usage();
+    }
+  }
+  if (script.empty()) return Usage();
+
+  std::vector<unsigned char> text;
+  if (!ReadAll(script, &text)) {
+    std::fprintf(stderr, "%s: error: cannot read the script\n", script.c_str());
+    return 1;
+  }
+  const std::size_t slash = script.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : script.substr(0, slash);
+  std::vector<qnrc::Resource> resources;
+  qnrc::Error error;
+  if (!qnrc::Compile(std::string(text.begin(), text.end()), folder, ReadAll, &resources, &error)) {
+    std::fprintf(stderr, "%s:%d: error: %s\n", script.c_str(), error.line, error.message.c_str());
+    return 1;
+  }
+  const std::vector<unsigned char> blob = qnrc::BuildBlob(resources);
+  const std::string name = slash == std::string::npos ? script : script.substr(slash + 1);
+  if (!blobPath.empty() && !WriteAll(blobPath, blob.data(), blob.size())) {
+    std::fprintf(stderr, "%s: error: cannot write\n", blobPath.c_str());
+    return 1;
+  }
+  if (!cppPath.empty()) {
+    const std::string source = qnrc::BlobToCpp(blob, symbol, name);
+    if (!WriteAll(cppPath, source.data(), source.size())) {
+      std::fprintf(stderr, "%s: error: cannot write\n", cppPath.c_str());
+      return 1;
+    }
+  }
+  return 0;
+}
