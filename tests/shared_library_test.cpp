@@ -39,3 +39,52 @@ TEST(SharedLibrary, ExportsTheInterface) {
   EXPECT_EQ(wide[0], u'\u20ac');
   EXPECT_EQ(UCompareString(u"a", -1, u"B", -1, 0), -1);
 }
+
+namespace {
+
+int Keep(std::intptr_t v) { return v > 1; }
+
+}  // namespace
+
+// One call or more into each area of the library, through the shared object.
+TEST(SharedLibrary, ExportsContainersDatesAndResources) {
+  TMemory block(1);
+  ASSERT_EQ(block.SetSize(5000), 0);
+  EXPECT_EQ(block.GetSize(), 5000u);
+  TMonitor monitor;
+  EXPECT_EQ(monitor.Enter(), 1);
+  EXPECT_EQ(*ThreadMonitorList(), &monitor);
+  EXPECT_EQ(monitor.Exit(), 0);
+
+  TList list;
+  list.AddLast(1);
+  list.AddLast(2);
+  list.FilterIf(Keep);
+  EXPECT_EQ(list.Count(), 1);
+  TQueue queue(8);
+  unsigned char bytes[3] = {1, 2, 3};
+  EXPECT_EQ(queue.AddToEnd(bytes, 3), 0);
+  EXPECT_EQ(queue.DataSize(), 3u);
+  RNList numbers;
+  numbers.Add(7);
+  EXPECT_EQ(numbers.Find(7), 0);
+
+  TDict dict(10, 0);
+  dict.Define(42, 7);
+  EXPECT_EQ(dict.Lookup(42), 7);
+  ElementSpace space(0, 0);
+  const int refnum = space.LmAdd("abc", 3);
+  EXPECT_EQ(space.LmSize(refnum), 3);
+
+  const TDate date(2024, 2, 29, 12, 0, 0, 0);
+  EXPECT_EQ(date.GetDOW(), 4);  // a Thursday, counted from Sunday = 0
+  TTicker ticker(0x54657374);   // 'Test'
+  EXPECT_LT(ticker.GetMS(), 60000u);
+
+  TString vellores(u"vellores.dll");
+  EXPECT_EQ(DLLoadLib(&vellores), 0);
+  TString message;
+  message.SPrintf(u"%E", kErrFileNotFound);
+  EXPECT_GT(message.Length(), 0);
+  DLUnloadLib(&vellores);
+}
