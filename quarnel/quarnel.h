@@ -2,6 +2,8 @@
 #ifndef QUARNEL_QUARNEL_H_
 #define QUARNEL_QUARNEL_H_
 
+#include "quarnel/compress/hashblock.h"
+#include "quarnel/compress/memcomp.h"
 #include "quarnel/containers/databuffer.h"
 #include "quarnel/containers/elementspace.h"
 #include "quarnel/containers/rnlist.h"
