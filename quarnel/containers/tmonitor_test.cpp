@@ -38,7 +38,7 @@ TEST_F(MonitorTest, ReentersAndLeavesByCount) {
   EXPECT_TRUE(Assertions().empty());
 }
 
-TEST_F(MonitorTest, LeavingInAnyOrderKeepsTheThreadListLinked) {
+TEST_F(MonitorTest, LeavingInAnyOrderKeepsTheHeldListLinked) {
   TMonitor a, b, c;
   a.Enter();
   b.Enter();
