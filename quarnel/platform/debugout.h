@@ -10,6 +10,6 @@ QUARNEL_API void UOutputDebugStringA(const char* text);
 // standard error). Returns the previous sink. Tests use it to read and to
 // quieten the output.
 using DebugOutputSink = void (*)(const char* text);
-QUARNEL_API DebugOutputSink USetDebugOutputSink(DebugOutputSink sink);
+DebugOutputSink USetDebugOutputSink(DebugOutputSink sink);
 
 #endif  // QUARNEL_PLATFORM_DEBUGOUT_H_

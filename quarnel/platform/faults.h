@@ -38,6 +38,6 @@ QUARNEL_API void UFailCall(UCall call, int nth, unsigned winerr, int repeat = 1)
 // Disarms every fault.
 QUARNEL_API void UClearFaults();
 // For U-functions: true when this call must fail; *winerr gets the error.
-QUARNEL_API bool UShouldFail(UCall call, unsigned* winerr);
+bool UShouldFail(UCall call, unsigned* winerr);
 
 #endif  // QUARNEL_PLATFORM_FAULTS_H_

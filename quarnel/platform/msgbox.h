@@ -49,12 +49,12 @@ QUARNEL_API int UMessageBoxW(const char16_t* text, const char16_t* title, unsign
 // The id of the button a headless box answers: the default button of the
 // style's button set (a default beyond the set's last button falls back to
 // the first, as Win32 does).
-QUARNEL_API int UMessageBoxDefaultButton(unsigned style);
+int UMessageBoxDefaultButton(unsigned style);
 
 // Replaces the headless answer: the responder is called with the box's text,
 // title and style and returns the button id; nothing is written to standard
 // error. Null restores the headless box. Returns the previous responder.
 using MessageBoxResponder = int (*)(const char16_t* text, const char16_t* title, unsigned style);
-QUARNEL_API MessageBoxResponder USetMessageBoxResponder(MessageBoxResponder responder);
+MessageBoxResponder USetMessageBoxResponder(MessageBoxResponder responder);
 
 #endif  // QUARNEL_PLATFORM_MSGBOX_H_

@@ -278,19 +278,19 @@ namespace quarnel_internal {
 // The code page an 8-bit operation uses for `selector` (0 = the system ANSI
 // page, 2 = the Mac choice); any other selector asserts (tstring 232) and is
 // taken as 0. The Mac choice is 2, 10000 or -1 (the library's own table).
-QUARNEL_API int TStringResolveCodePage(int selector);
+int TStringResolveCodePage(int selector);
 
 // 8-bit to UTF-16 and back over a resolved code page, with Win32 meaning: a
 // destination length of 0 asks for the size; returns the units or bytes
 // written, 0 on failure. `srcLen` is a count (no -1).
-QUARNEL_API int TStringToWide(int codePage, const char* src, int srcLen, char16_t* dst, int dstLen);
-QUARNEL_API int TStringToAnsi(int codePage, const char16_t* src, int srcLen, char* dst, int dstLen);
+int TStringToWide(int codePage, const char* src, int srcLen, char16_t* dst, int dstLen);
+int TStringToAnsi(int codePage, const char16_t* src, int srcLen, char* dst, int dstLen);
 
 // Test seam: sets the process-wide cached choices as if they had been
 // computed (the system ANSI page; the Mac choice 2, 10000 or -1). Reset makes
 // the next 8-bit operation compute both again.
-QUARNEL_API void TStringSetCodePages(int acp, int mac);
-QUARNEL_API void TStringResetCodePages();
+void TStringSetCodePages(int acp, int mac);
+void TStringResetCodePages();
 
 }  // namespace quarnel_internal
 
