@@ -30,9 +30,19 @@ trap 'rm -f "$actual"' EXIT
 # Fields: address, type, then the demangled name (which may hold spaces).
 nm -DC --defined-only --with-symbol-versions "$lib" | cut -d' ' -f3- | LC_ALL=C sort -u >"$actual"
 
-forbidden='quarnel_internal::|^(.* )?std::|^(.* )?__gnu_cxx::|UShouldFail|USetTickOffset|UGetTickOffset|UFreezeTickCount|USetClockOverride|USetMessageBoxResponder|USetHeapFreeDeferred|USetVirtualReserveLimit|USetGlobalMemoryStatusOverride|UDebugBreakCount|SetAssertionObserver|quarnel_internal'
-if grep -E "$forbidden" "$actual"; then
+# Standard-library instances and internals, by their mangled prefixes (the
+# same prefixes the version script keeps local); the hidden test seams by name.
+mangled=$(nm -D --defined-only "$lib" | cut -d' ' -f3-)
+if grep -E '^_Z(N|NK|Z|ZN|ZNK|GVZ|GVZN|TV|TI|TS|TVN|TIN|TSN)?(St|9__gnu_cxx|16quarnel_internal)' \
+    <<<"$mangled" | c++filt; then
   echo "check-exports: the names above must not be exported" >&2
+  exit 1
+fi
+seams='UShouldFail|USetTickOffset|UGetTickOffset|UFreezeTickCount|USetClockOverride'
+seams+='|USetMessageBoxResponder|UMessageBoxDefaultButton|USetDebugOutputSink|USetHeapFreeDeferred'
+seams+='|USetVirtualReserveLimit|USetGlobalMemoryStatusOverride|UDebugBreakCount|SetAssertionObserver'
+if grep -E "^($seams)\(" "$actual"; then
+  echo "check-exports: the test seams above must not be exported" >&2
   exit 1
 fi
 if grep -v -E '@@QUARNEL_[0-9]+\.[0-9]+$' "$actual" | grep -v -E '^QUARNEL_[0-9]+\.[0-9]+$'; then
