@@ -3,8 +3,9 @@
 // Linux gives the library no dialog of its own, so the box behaves as a
 // headless one would: it writes the title, the icon word and the text as one
 // line to standard error and answers the default button that the style word
-// chooses. A test (or a host with a UI of its own) can install a responder
-// that sees the box and chooses the button instead.
+// chooses. The library's tests install a responder that sees the box and
+// chooses the button instead; the responder and UMessageBoxDefaultButton are
+// not exported (tests link the static archive).
 #ifndef QUARNEL_PLATFORM_MSGBOX_H_
 #define QUARNEL_PLATFORM_MSGBOX_H_
 
