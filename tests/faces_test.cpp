@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <map>
 #include <random>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -252,6 +255,29 @@ TEST(Faces, RangeForAgreesWithTheOldWalks) {
   ASSERT_EQ(addresses.size(), 50u);
   EXPECT_EQ(addresses[49], records.GetAt(49));
   for (TDate& d : dates) EXPECT_EQ(&d, dates[static_cast<unsigned>(&d - dates.begin())]);
+}
+
+// A range-for over a TList keeps other threads' changes out until it ends.
+TEST(FacesThread, RangeForHoldsTheListAgainstOtherThreads) {
+  TList list;
+  for (std::intptr_t i = 0; i < 1000; ++i) list.AddLast(i);
+  std::atomic<bool> trying{false};
+  std::thread writer;
+  int seen = 0;
+  for (std::intptr_t item : list) {
+    if (item == 0) {
+      writer = std::thread([&] {
+        trying = true;
+        for (int i = 0; i < 100; ++i) list.AddLast(-1);
+      });
+      while (!trying) std::this_thread::yield();
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ++seen;
+  }
+  writer.join();
+  EXPECT_EQ(seen, 1000);
+  EXPECT_EQ(list.Count(), 1100);
 }
 
 // UTF-8 in and out: characters beyond U+FFFF as surrogate pairs, each bad
