@@ -8,9 +8,13 @@ install(TARGETS quarnel EXPORT quarnelTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
+# Public headers only: internal/ folders and the headers that only the
+# library's own tests use stay behind.
 install(DIRECTORY quarnel/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarnel
   FILES_MATCHING PATTERN "*.h"
-  PATTERN "internal" EXCLUDE)
+  PATTERN "internal" EXCLUDE
+  PATTERN "testdata.h" EXCLUDE
+  PATTERN "compress_reference.h" EXCLUDE)
 
 install(EXPORT quarnelTargets NAMESPACE quarnel::
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/quarnel)
@@ -18,8 +22,16 @@ install(EXPORT quarnelTargets NAMESPACE quarnel::
 configure_package_config_file(cmake/quarnelConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/quarnelConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/quarnel)
+# What a release promises (docs/conformance.md, "Binary interface"): before
+# 1.0, a request for 0.x is met by 0.x.y only (same minor, any patch at or
+# above the one asked for); from 1.0 on, by any later release of the same major.
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+  set(compatibility SameMinorVersion)
+else()
+  set(compatibility SameMajorVersion)
+endif()
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/quarnelConfigVersion.cmake
-  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+  VERSION ${PROJECT_VERSION} COMPATIBILITY ${compatibility})
 install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/quarnelConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/quarnelConfigVersion.cmake

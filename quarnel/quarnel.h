@@ -1,4 +1,6 @@
-// The umbrella header: includes every public header of the library.
+// The umbrella header: includes every public header of the library, except
+// the fault seam (quarnel/platform/faults.h), which a host's tests include on
+// their own.
 #ifndef QUARNEL_QUARNEL_H_
 #define QUARNEL_QUARNEL_H_
 
@@ -29,7 +31,6 @@
 #include "quarnel/platform/debugger.h"
 #include "quarnel/platform/debugout.h"
 #include "quarnel/platform/env.h"
-#include "quarnel/platform/faults.h"
 #include "quarnel/platform/heap.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/locale.h"
@@ -39,8 +40,10 @@
 #include "quarnel/platform/resblob.h"
 #include "quarnel/platform/threadid.h"
 #include "quarnel/platform/tick.h"
+#include "quarnel/platform/utf8.h"
 #include "quarnel/platform/vmem.h"
 #include "quarnel/platform/wintime.h"
+#include "quarnel/resources/loadedlib.h"
 #include "quarnel/resources/rescache.h"
 #include "quarnel/resources/resmgr.h"
 #include "quarnel/text/args.h"

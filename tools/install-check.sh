@@ -10,6 +10,19 @@ cmake -S . -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DQUARNEL_BUILD_TESTS=OFF
 cmake --build "$work/build" -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
 cmake --install "$work/build" >/dev/null
 
+# Only public headers are installed, and each finds what it includes there.
+inc="$work/prefix/include"
+for h in quarnel/compress/testdata.h quarnel/compress/compress_reference.h; do
+  if [ -e "$inc/$h" ]; then echo "install: test-only header $h was installed" >&2; exit 1; fi
+done
+if grep -q '#include "quarnel/platform/faults.h"' "$inc/quarnel/quarnel.h"; then
+  echo "install: the umbrella header includes the fault seam" >&2; exit 1
+fi
+grep -rhoE '#include "quarnel/[^"]+"' "$inc/quarnel" | sed 's/#include "//; s/"$//' | sort -u |
+  while read -r h; do
+    if [ ! -e "$inc/$h" ]; then echo "install: $h is included but not installed" >&2; exit 1; fi
+  done
+
 cmake -S tests/install -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/consumer" >/dev/null
 LD_LIBRARY_PATH="$work/prefix/lib:$work/prefix/lib64:${LD_LIBRARY_PATH:-}" "$work/consumer/consumer"

@@ -105,14 +105,13 @@ QUARNEL_API int DefaultQueryf(int style, const TString* format, const Args* args
 namespace quarnel_internal {
 // The query entry points; `variadic` chooses the wording of the "no UI
 // available" line of the input queries.
-QUARNEL_API int QueryfChoose(int style, unsigned* choice, TString* choices, const TString* format,
-                             const Args* args, bool variadic);
-QUARNEL_API int QueryfText(int style, unsigned maxLength, TString* text, const TString* format,
-                           const Args* args, bool variadic);
-QUARNEL_API int QueryfDate(int style, TDate* date, const TString* format, const Args* args,
-                           bool variadic);
+int QueryfChoose(int style, unsigned* choice, TString* choices, const TString* format,
+                 const Args* args, bool variadic);
+int QueryfText(int style, unsigned maxLength, TString* text, const TString* format,
+               const Args* args, bool variadic);
+int QueryfDate(int style, TDate* date, const TString* format, const Args* args, bool variadic);
 // The message-box style (buttons and default button) of an alert style word.
-QUARNEL_API unsigned AlertButtonStyle(int style);
+unsigned AlertButtonStyle(int style);
 }  // namespace quarnel_internal
 
 // Without a hook the input queries log "Queryf(choose...): no UI available"

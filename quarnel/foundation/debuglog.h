@@ -84,6 +84,6 @@ QUARNEL_API void Debug(const char* file, int line, const TString* text);
 // module (base name), the line and the full message. The crash report and
 // the tests use it; null removes the observer. Returns the previous one.
 using AssertionObserverProc = void (*)(const char* module, int line, const char* message);
-QUARNEL_API AssertionObserverProc SetAssertionObserver(AssertionObserverProc proc);
+AssertionObserverProc SetAssertionObserver(AssertionObserverProc proc);
 
 #endif  // QUARNEL_FOUNDATION_DEBUGLOG_H_

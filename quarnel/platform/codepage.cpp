@@ -14,6 +14,7 @@
 #include "quarnel/platform/env.h"
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/internal/codepage_tables.h"
+#include "quarnel/platform/internal/utf8step.h"
 #include "quarnel/platform/lasterror.h"
 
 using quarnel_internal::SbcsTable;
@@ -301,50 +302,15 @@ int Utf8ToWide(const unsigned char* s, int len, char16_t* dst, int cap, bool str
       }
       continue;
     }
-    int need;                       // continuation bytes
-    unsigned lo = 0x80, hi = 0xBF;  // range of the second byte
-    unsigned cp;
-    if (b >= 0xC2 && b <= 0xDF) {
-      need = 1;
-      cp = b & 0x1F;
-    } else if (b >= 0xE0 && b <= 0xEF) {
-      need = 2;
-      cp = b & 0x0F;
-      if (b == 0xE0) lo = 0xA0;
-      if (b == 0xED) hi = 0x9F;  // no surrogates
-    } else if (b >= 0xF0 && b <= 0xF4) {
-      need = 3;
-      cp = b & 0x07;
-      if (b == 0xF0) lo = 0x90;
-      if (b == 0xF4) hi = 0x8F;  // nothing above U+10FFFF
-    } else {
-      need = -1;
-      cp = 0;
-    }
-    int taken = 1;
-    bool good = need > 0;
-    for (int k = 1; good && k <= need; ++k) {
-      if (i + k >= len) {
-        good = false;
-        break;
-      }
-      const unsigned c = s[i + k];
-      const unsigned l = k == 1 ? lo : 0x80, h = k == 1 ? hi : 0xBF;
-      if (c < l || c > h) {
-        good = false;
-        break;
-      }
-      cp = cp << 6 | (c & 0x3F);
-      ++taken;
-    }
-    if (!good) {
+    char32_t cp;
+    const int taken = quarnel_internal::Utf8Next(s + i, static_cast<std::size_t>(len - i), &cp);
+    if (cp == quarnel_internal::kNoCharacter) {
       if (strict) return Fail(kErrNoUnicodeTranslation);
       if (!out.Put(kReplacement)) break;
     } else if (cp >= 0x10000) {
-      cp -= 0x10000;
-      if (!out.Put2(static_cast<char16_t>(0xD800 + (cp >> 10)),
-                    static_cast<char16_t>(0xDC00 + (cp & 0x3FF))))
-        break;
+      char16_t pair[2];
+      quarnel_internal::Utf16Put(cp, pair);
+      if (!out.Put2(pair[0], pair[1])) break;
     } else if (!out.Put(static_cast<char16_t>(cp))) {
       break;
     }
@@ -479,32 +445,14 @@ int WideToUtf8(const char16_t* src, int len, char* dst, int cap, bool strict) {
       }
       continue;
     }
-    if (u < 0x800) {
-      if (!out.Put2(static_cast<char>(0xC0 | u >> 6), static_cast<char>(0x80 | (u & 0x3F)))) break;
-      continue;
-    }
-    int units = 1;
-    if (IsHighSurrogate(static_cast<char16_t>(u)) && i + 1 < len && IsLowSurrogate(src[i + 1])) {
-      u = 0x10000 + ((u - 0xD800) << 10) + (src[i + 1] - 0xDC00);
-      units = 2;
-    } else if (u >= 0xD800 && u <= 0xDFFF) {
+    char32_t cp;
+    const int units = quarnel_internal::Utf16Next(src + i, static_cast<std::size_t>(len - i), &cp);
+    if (cp == quarnel_internal::kNoCharacter) {
       if (strict) return Fail(kErrNoUnicodeTranslation);
-      u = kReplacement;
+      cp = kReplacement;
     }
     char b[4];
-    int k;
-    if (u < 0x10000) {
-      b[0] = static_cast<char>(0xE0 | u >> 12);
-      b[1] = static_cast<char>(0x80 | (u >> 6 & 0x3F));
-      b[2] = static_cast<char>(0x80 | (u & 0x3F));
-      k = 3;
-    } else {
-      b[0] = static_cast<char>(0xF0 | u >> 18);
-      b[1] = static_cast<char>(0x80 | (u >> 12 & 0x3F));
-      b[2] = static_cast<char>(0x80 | (u >> 6 & 0x3F));
-      b[3] = static_cast<char>(0x80 | (u & 0x3F));
-      k = 4;
-    }
+    const int k = quarnel_internal::Utf8Put(cp, b);
     if (!out.Room(k)) break;
     if (cap) std::memcpy(dst + out.n, b, static_cast<std::size_t>(k));
     out.n += k;

@@ -27,6 +27,6 @@ QUARNEL_API std::size_t UHeapCompact();
 // (their memory stays readable, as a Win32 heap's freed block stays until it
 // is reused); turning it off frees them. Lets a test reach a second free
 // of the same block under AddressSanitizer.
-QUARNEL_API void USetHeapFreeDeferred(int on);
+void USetHeapFreeDeferred(int on);
 
 #endif  // QUARNEL_PLATFORM_HEAP_H_

@@ -18,6 +18,7 @@
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/internal/elffile.h"
 #include "quarnel/platform/lasterror.h"
+#include "quarnel/platform/utf8.h"
 
 struct UModule {
   enum class Kind { kShared, kDataFile, kHost };
@@ -55,79 +56,10 @@ unsigned Fail(unsigned winerr) {
   return winerr;
 }
 
-// UTF-16 to UTF-8 (a lone surrogate becomes U+FFFD).
-std::string ToUtf8(const char16_t* s, std::size_t n) {
-  std::string out;
-  out.reserve(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    char32_t c = s[i];
-    if (c >= 0xD800 && c <= 0xDBFF && i + 1 < n && s[i + 1] >= 0xDC00 && s[i + 1] <= 0xDFFF) {
-      c = 0x10000 + ((c - 0xD800) << 10) + (s[i + 1] - 0xDC00);
-      ++i;
-    } else if (c >= 0xD800 && c <= 0xDFFF) {
-      c = 0xFFFD;
-    }
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
-  return out;
-}
+// UTF-16 to UTF-8 and back (bad input becomes U+FFFD).
+std::string ToUtf8(const char16_t* s, std::size_t n) { return Utf16ToUtf8({s, n}); }
 
-std::u16string ToUtf16(const std::string& s) {
-  std::u16string out;
-  for (std::size_t i = 0; i < s.size();) {
-    const unsigned char b = static_cast<unsigned char>(s[i]);
-    char32_t c = 0xFFFD;
-    int n = 1;
-    if (b < 0x80) {
-      c = b;
-    } else if ((b & 0xE0) == 0xC0) {
-      n = 2;
-    } else if ((b & 0xF0) == 0xE0) {
-      n = 3;
-    } else if ((b & 0xF8) == 0xF0) {
-      n = 4;
-    }
-    if (n > 1) {
-      if (i + n > s.size()) {
-        n = 1;
-      } else {
-        c = b & (0x7F >> n);
-        for (int k = 1; k < n; ++k) {
-          const unsigned char t = static_cast<unsigned char>(s[i + k]);
-          if ((t & 0xC0) != 0x80) {
-            c = 0xFFFD;
-            n = k;
-            break;
-          }
-          c = (c << 6) | (t & 0x3F);
-        }
-      }
-    }
-    i += n;
-    if (c >= 0x10000 && c <= 0x10FFFF) {
-      c -= 0x10000;
-      out += static_cast<char16_t>(0xD800 + (c >> 10));
-      out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
-    } else {
-      out += static_cast<char16_t>(c > 0x10FFFF ? 0xFFFD : c);
-    }
-  }
-  return out;
-}
+std::u16string ToUtf16(const std::string& s) { return Utf8ToUtf16(s); }
 
 std::string NameOf(const char16_t* name) {
   std::size_t n = 0;

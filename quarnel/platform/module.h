@@ -87,10 +87,10 @@ QUARNEL_API int ULoadString(HMODULE module, unsigned id, char16_t* buffer, int s
 
 // A number that changes whenever a shared object enters or leaves the table
 // of loaded modules (callers cache UGetModuleHandle results against it).
-QUARNEL_API unsigned UModuleGeneration();
+unsigned UModuleGeneration();
 
 // The module's checked resource blob (empty for a module without one).
-QUARNEL_API UResBlob UModuleResources(HMODULE module);
+UResBlob UModuleResources(HMODULE module);
 
 namespace quarnel_internal {
 // The file names a module name is looked for as, in order.

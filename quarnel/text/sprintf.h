@@ -272,7 +272,7 @@ namespace quarnel_internal {
 
 // Formats a narrow format (each byte one unit, as log formats are) into out.
 // The same engine as TString::SPrintf, without widening the format first.
-QUARNEL_API void FormatNarrow(TString* out, const char* format, const Args* args);
+void FormatNarrow(TString* out, const char* format, const Args* args);
 
 }  // namespace quarnel_internal
 
