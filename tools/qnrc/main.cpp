@@ -1,13 +1,15 @@
 // qnrc: the resource compiler.
 //
-//   qnrc SCRIPT [-o BLOB] [-c SOURCE] [--symbol NAME]
+//   qnrc SCRIPT [-o BLOB] [-c SOURCE] [-r RCSCRIPT] [--symbol NAME]
 //
 // Reads the resource script SCRIPT and writes the resource container as a
 // plain file (-o) and as C++ source to compile into a module or the host
-// executable (-c; the array is named NAME, "quarnel_resources" unless given).
+// executable (-c; the array is named NAME, "quarnel_resources" unless given),
+// and as a resource script for the Windows resource compiler (-r).
 // Errors go to standard error as "SCRIPT:LINE: error: MESSAGE"; the exit
 // status is then 1 and no output is written.
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -32,7 +34,7 @@ bool WriteAll(const std::string& path, const void* data, std::size_t size) {
 }
 
 int Usage() {
-  std::fprintf(stderr, "usage: qnrc SCRIPT [-o BLOB] [-c SOURCE] [--symbol NAME]\n");
+  std::fprintf(stderr, "usage: qnrc SCRIPT [-o BLOB] [-c SOURCE] [-r RCSCRIPT] [--symbol NAME]\n");
   return 2;
 }
 
@@ -42,11 +44,12 @@ int main(int argc, char** argv) {
   std::string script;
   std::string blobPath;
   std::string cppPath;
+  std::string rcPath;
   std::string symbol = "quarnel_resources";
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
-    if ((a == "-o" || a == "-c" || a == "--symbol") && i + 1 < argc) {
-      (a == "-o" ? blobPath : a == "-c" ? cppPath : symbol) = argv[++i];
+    if ((a == "-o" || a == "-c" || a == "-r" || a == "--symbol") && i + 1 < argc) {
+      (a == "-o" ? blobPath : a == "-c" ? cppPath : a == "-r" ? rcPath : symbol) = argv[++i];
     } else if (!a.empty() && a[0] != '-' && script.empty()) {
       script = a;
     } else {
@@ -70,6 +73,13 @@ int main(int argc, char** argv) {
   }
   const std::vector<unsigned char> blob = qnrc::BuildBlob(resources);
   const std::string name = slash == std::string::npos ? script : script.substr(slash + 1);
+  std::string rc;
+  std::vector<qnrc::SideFile> sideFiles;
+  if (!rcPath.empty() &&
+      !qnrc::ResourcesToRc(resources, name, rcPath + ".d", &rc, &sideFiles, &error)) {
+    std::fprintf(stderr, "%s:%d: error: %s\n", script.c_str(), error.line, error.message.c_str());
+    return 1;
+  }
   if (!blobPath.empty() && !WriteAll(blobPath, blob.data(), blob.size())) {
     std::fprintf(stderr, "%s: error: cannot write\n", blobPath.c_str());
     return 1;
@@ -80,6 +90,17 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "%s: error: cannot write\n", cppPath.c_str());
       return 1;
     }
+  }
+  if (!sideFiles.empty()) std::filesystem::create_directories(rcPath + ".d");
+  for (const qnrc::SideFile& file : sideFiles) {
+    if (!WriteAll(file.path, file.bytes.data(), file.bytes.size())) {
+      std::fprintf(stderr, "%s: error: cannot write\n", file.path.c_str());
+      return 1;
+    }
+  }
+  if (!rcPath.empty() && !WriteAll(rcPath, rc.data(), rc.size())) {
+    std::fprintf(stderr, "%s: error: cannot write\n", rcPath.c_str());
+    return 1;
   }
   return 0;
 }
