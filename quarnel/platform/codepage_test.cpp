@@ -6,6 +6,7 @@
 #include <fstream>
 #include <map>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -230,6 +231,10 @@ TEST_F(CodePageTest, LengthsSizeQueriesAndShortBuffers) {
               nb + 1);
     EXPECT_EQ(std::string(narrow, nb + 1), r.bytes + '\0');
     // One short: 0 and 122, and only whole characters written.
+    if (r.cp == kCpUtf8 &&
+        WineDiffers("MultiByteToWideChar(65001) fills a short buffer, half a pair too")) {
+      continue;
+    }
     std::fill(std::begin(wide), std::end(wide), u'#');
     USetLastError(0);
     EXPECT_EQ(UMultiByteToWideChar(r.cp, kMbPrecomposed, r.bytes.data(), nb, wide, nu - 1), 0);
@@ -268,6 +273,7 @@ TEST_F(CodePageTest, ShortBufferNeverSplitsACharacter) {
   EXPECT_EQ(std::u16string(run, 4), u"abc#");
   EXPECT_EQ(UMultiByteToWideChar(kCpUtf8, 0, "abc\xC3\xA9", 5, run, 4), 4);
   EXPECT_EQ(std::u16string(run, 4), u"abc\u00E9");
+  if (WineDiffers("MultiByteToWideChar(65001) fills a short buffer, half a pair too")) return;
   char16_t wide[4] = {u'#', u'#', u'#', u'#'};
   EXPECT_EQ(UMultiByteToWideChar(kCpUtf8, 0, "a\xF0\x9F\x98\x80", 5, wide, 2), 0);
   EXPECT_EQ(UGetLastError(), 122u);
@@ -315,8 +321,22 @@ TEST_F(CodePageTest, BadParametersAndFlags) {
   };
   // The rows ran while the table was built, so only their results can be
   // checked row by row; the last error is checked on a few calls run again.
+  const std::set<std::string> wineTakes = {"mb length -2",
+                                           "mb symbol page",
+                                           "mb composite and precomposed",
+                                           "mb utf8 composite",
+                                           "wc invalid-chars flag on 1252",
+                                           "wc length -2",
+                                           "wc utf8 best fit flag",
+                                           "wc utf8 default char",
+                                           "wc utf8 used flag"};
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
+    if (wineTakes.count(r.name) != 0 &&
+        WineDiffers("MultiByteToWideChar and WideCharToMultiByte take lengths below -1, flags "
+                    "the page does not have, and a default character for UTF-8")) {
+      continue;
+    }
     EXPECT_EQ(r.result, 0);
   }
   USetLastError(0);
@@ -327,8 +347,10 @@ TEST_F(CodePageTest, BadParametersAndFlags) {
   EXPECT_EQ(UGetLastError(), 1004u);
   USetLastError(0);
   int used = 0;
-  EXPECT_EQ(UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, nullptr, &used), 0);
-  EXPECT_EQ(UGetLastError(), 87u);
+  if (!WineDiffers("WideCharToMultiByte(65001) takes a used-default flag")) {
+    EXPECT_EQ(UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, nullptr, &used), 0);
+    EXPECT_EQ(UGetLastError(), 87u);
+  }
   USetLastError(0);
   EXPECT_EQ(UWideCharToMultiByte(12345, 0, w, 2, narrow, 8, nullptr, nullptr), 0);
   EXPECT_EQ(UGetLastError(), 87u);
@@ -372,6 +394,13 @@ TEST_F(CodePageTest, InvalidUtf8BecomesReplacementCharacters) {
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
+    const std::string name = r.name;
+    if ((name == "above U+10FFFF" || name == "encoded surrogate" ||
+         name == "overlong three-byte") &&
+        WineDiffers("MultiByteToWideChar(65001) gives one U+FFFD per byte of an overlong form, "
+                    "an encoded surrogate or a value above U+10FFFF")) {
+      continue;
+    }
     const int len = static_cast<int>(r.bytes.size());
     EXPECT_EQ(UnitsHex(ToWide(kCpUtf8, r.bytes, 0)), UnitsHex(r.units));
     EXPECT_EQ(UMultiByteToWideChar(kCpUtf8, 0, r.bytes.data(), len, nullptr, 0),
@@ -502,6 +531,10 @@ TEST_F(CodePageTest, Cp932InvalidInput) {
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
+    if (std::string(r.name) == "lead before a non-trail byte" &&
+        WineDiffers("MultiByteToWideChar(932) takes a lead byte and the next byte together")) {
+      continue;
+    }
     EXPECT_EQ(UnitsHex(ToWide(kCp932, r.bytes)), UnitsHex(r.units));
     USetLastError(0);
     const int n = UMultiByteToWideChar(kCp932, kMbErrInvalidChars, r.bytes.data(),

@@ -3,23 +3,39 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/platform_cases.h"
+
 namespace {
 
 TEST(LastError, IsPerThread) {
-  USetLastError(5);
-  EXPECT_EQ(UGetLastError(), 5u);
+  // Starting and joining a thread are system calls that may set the last
+  // error themselves (on Windows they do), so the values are compared while
+  // both threads run, with nothing but atomics between.
+  std::atomic<int> step{0};
   unsigned seenByOther = 1234;
+  unsigned mineAfter = 0;
   std::thread other([&] {
+    while (step.load() != 1) std::this_thread::yield();
     seenByOther = UGetLastError();  // a new thread starts at 0
     USetLastError(112);
+    step.store(2);
+    while (step.load() != 3) std::this_thread::yield();
   });
+  USetLastError(5);
+  EXPECT_EQ(UGetLastError(), 5u);
+  step.store(1);
+  while (step.load() != 2) {
+  }
+  mineAfter = UGetLastError();
+  step.store(3);
   other.join();
   EXPECT_EQ(seenByOther, 0u);
-  EXPECT_EQ(UGetLastError(), 5u);
+  EXPECT_EQ(mineAfter, 5u);
   USetLastError(0xFFFFFFFFu);
   EXPECT_EQ(UGetLastError(), 0xFFFFFFFFu);
   USetLastError(0);
@@ -45,6 +61,10 @@ TEST(LastError, ManyThreadsKeepTheirOwn) {
 
 // errno -> the Windows number a Windows program sees for the same failure.
 TEST(LastError, ErrnoTable) {
+#if defined(_WIN32)
+  GTEST_SKIP()
+      << "Linux only: the C library's errno values; Windows calls report the system's own errors";
+#else
   struct Row {
     const char* name;
     int err;
@@ -125,6 +145,7 @@ TEST(LastError, ErrnoTable) {
     EXPECT_EQ(UWinErrorFromErrno(r.err, false), r.file);
     EXPECT_EQ(UWinErrorFromErrno(r.err, true), r.path);
   }
+#endif
 }
 
 TEST(LastError, TranslationLeavesTheLastErrorAlone) {

@@ -159,6 +159,9 @@ TEST(LocaleInfo, RefusesUnknownLocalesItemsAndBadBuffers) {
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.what);
+    // Windows knows every locale and more items than the tables of the
+    // Linux build hold, and answers an unknown item with 1004.
+    if (kOnWindows && (r.error == 87 && r.len == 16 && !r.nullBuffer)) continue;
     char16_t wbuf[16];
     char abuf[16];
     USetLastError(0);
@@ -221,6 +224,7 @@ TEST(LocaleInfo, UseCpAcpConvertsThroughTheSystemCodePage) {
 }
 
 TEST_F(LocaleEnvTest, DefaultLcidFollowsTheEnvironment) {
+  QUARNEL_LINUX_ONLY("the locale follows LC_ALL, LC_COLLATE and LANG; Windows names the user's");
   struct Row {
     const char* lcAll;
     const char* lcCollate;
@@ -272,18 +276,21 @@ TEST_F(LocaleEnvTest, DefaultLcidFollowsTheEnvironment) {
 }
 
 TEST_F(LocaleEnvTest, RecordLcidWinsAndDefaultsNameIt) {
+  // On Windows the variable changes nothing: the user's locale is en-US in
+  // the test runs, as the recorded answers are.
   setenv("LANG", "de_DE.UTF-8", 1);
   char16_t buf[8];
   for (unsigned lcid : {0u, 0x0400u, 0x0800u}) {
     SCOPED_TRACE(lcid);
     ASSERT_EQ(UGetLocaleInfoW(lcid, kLocaleSDecimal, buf, 8), 2);
-    EXPECT_EQ(buf[0], u',');
+    EXPECT_EQ(buf[0], kOnWindows ? u'.' : u',');
   }
   QuarnelEnv()->lcid = 0x040C;
   EXPECT_EQ(UGetDefaultLCID(), 0x040Cu);
   ASSERT_EQ(UGetLocaleInfoW(0x0400, kLocaleSThousand, buf, 8), 2);
   EXPECT_EQ(buf[0], u'\u00A0');
   // The record may name a locale without a table; the items then fail.
+  if (kOnWindows) return;  // Windows knows every locale
   QuarnelEnv()->lcid = 0x0410;
   USetLastError(0);
   EXPECT_EQ(UGetLocaleInfoW(0, kLocaleSThousand, buf, 8), 0);
@@ -341,6 +348,8 @@ TEST(CompareString, AgreesWithWindowsOnEveryRecordedPair) {
 }
 
 TEST(CompareString, OrdersAccentsLettersAndOtherUnits) {
+  QUARNEL_SKIP_UNDER_WINE(
+      "its sort tables order thorn, Greek case, CJK units, tabs and word-sort hyphens otherwise");
   struct Row {
     const char16_t* a;
     const char16_t* b;
@@ -426,6 +435,7 @@ TEST(CompareString, HonoursLengthsLocalesAndRefusesBadInput) {
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.what);
+    if (kOnWindows && r.lcid == 0x0410) continue;  // Windows knows every locale
     USetLastError(0);
     EXPECT_EQ(UCompareStringW(r.lcid, r.flags, r.nullA ? nullptr : u"a", -1, u"b", -1), 0);
     EXPECT_EQ(UGetLastError(), r.error);

@@ -144,6 +144,7 @@ TEST_F(WinTimeTest, SystemTimeToFileTimeAgreesWithRecordedRows) {
     if (st.wYear > 30827) {
       // Recorded under Wine, which takes years up to 30828; Windows refuses them.
       ++windowsOnly;
+      if (WineDiffers("SystemTimeToFileTime takes years above 30827")) continue;
       EXPECT_EQ(ret, 0);
       EXPECT_EQ(UGetLastError(), 87u);
       EXPECT_EQ(UFileTimeTicks(ft), kFill64);
@@ -197,6 +198,7 @@ TEST_F(WinTimeTest, FileTimeToDosDateTimeAgreesWithRecordedRows) {
     const int ret = UFileTimeToDosDateTime(&ft, &date, &time);
     if (UFileTimeTicks(ft) >= first2108) {
       ++windowsOnly;
+      if (WineDiffers("FileTimeToDosDateTime wraps the years after 2107")) continue;
       EXPECT_EQ(ret, 0);
       EXPECT_EQ(UGetLastError(), 87u);
       EXPECT_EQ(date, kFill16);
@@ -244,6 +246,14 @@ TEST_F(WinTimeTest, SystemTimeToFileTimeRefusesEachFieldOutOfRange) {
     SCOPED_TRACE(::testing::Message()
                  << r.st.wYear << "-" << r.st.wMonth << "-" << r.st.wDay << " " << r.st.wHour << ":"
                  << r.st.wMinute << ":" << r.st.wSecond << "." << r.st.wMilliseconds);
+    const bool commonLeapDay =
+        r.st.wMonth == 2 && r.st.wDay == 29 &&
+        (r.st.wYear % 4 != 0 || (r.st.wYear % 100 == 0 && r.st.wYear % 400 != 0));
+    if (!r.ok && (commonLeapDay || r.st.wYear > 30827) &&
+        WineDiffers(
+            "SystemTimeToFileTime takes February 29 of a common year and years above 30827")) {
+      continue;
+    }
     UFILETIME ft = UMakeFileTime(kFill64);
     USetLastError(0);
     EXPECT_EQ(USystemTimeToFileTime(&r.st, &ft), r.ok);
@@ -300,6 +310,7 @@ TEST_F(WinTimeTest, FileTimesRoundTripAndMatchTheStandardCalendar) {
     USYSTEMTIME st = Filled();
     ASSERT_EQ(UFileTimeToSystemTime(&ft, &st), 1) << ticks;
     ASSERT_TRUE(SameTime(st, ChronoSystemTime(ticks))) << std::hex << ticks;
+    if (st.wYear > 30827 && WineDiffers("SystemTimeToFileTime takes years above 30827")) continue;
     UFILETIME back = UMakeFileTime(kFill64);
     ASSERT_EQ(USystemTimeToFileTime(&st, &back), st.wYear <= 30827 ? 1 : 0) << ticks;
     if (st.wYear <= 30827) {
@@ -387,6 +398,7 @@ TEST_F(WinTimeTest, FileTimeToDosDateTimeKeepsTo1980Through2107AndHalvesSeconds)
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.y);
+    if (r.y > 2107 && WineDiffers("FileTimeToDosDateTime wraps the years after 2107")) continue;
     const UFILETIME ft = UMakeFileTime(ChronoTicks(r.y, r.m, r.d, r.msOfDay));
     std::uint16_t date = kFill16, time = kFill16;
     USetLastError(0);
@@ -476,9 +488,11 @@ TEST_F(WinTimeTest, SetLocalTimeChecksItsInputAndFailsWithoutThePrivilege) {
   USetClockOverride(&start);
 
   USYSTEMTIME bad = Make(2023, 2, 29, 10);
-  USetLastError(0);
-  EXPECT_EQ(USetLocalTime(&bad), 0);
-  EXPECT_EQ(UGetLastError(), 87u);
+  if (!WineDiffers("SystemTimeToFileTime takes February 29 of a common year")) {
+    USetLastError(0);
+    EXPECT_EQ(USetLocalTime(&bad), 0);
+    EXPECT_EQ(UGetLastError(), 87u);
+  }
 
   // Without the privilege: 0 and 1314, the clock unchanged.
   USYSTEMTIME want = Make(2025, 6, 1, 10, 30, 15, 500);

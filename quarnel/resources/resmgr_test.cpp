@@ -25,10 +25,16 @@
 
 namespace {
 
+namespace fs = std::filesystem;
+
 const std::string kDir = QUARNEL_TEST_MODULE_DIR;
 const std::string kHostFallback = "Host fallback message";  // list 16000 '0000' of this program
 
-std::string Path(const std::string& module) { return kDir + "/libqnt_" + module + ".so"; }
+// A module's file: on Windows its full name as the loader reports it.
+std::string Path(const std::string& module) {
+  if (kOnWindows) return fs::absolute(fs::path(kDir + "/qnt_" + module + ".dll")).string();
+  return kDir + "/libqnt_" + module + ".so";
+}
 
 TString T(const std::string& s) {
   const std::u16string u(s.begin(), s.end());
@@ -368,6 +374,7 @@ TEST_F(ResmgrTest, LoadFailuresAreLogged) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
+    if (kOnWindows && row.os == 13) continue;  // the Linux build's own resource container
     ClearRecords();
     EXPECT_EQ(DL(row.name), kErrModuleUnusable);
     EXPECT_EQ(Lines(),
@@ -391,6 +398,7 @@ std::vector<unsigned char> ReadBytes(const std::string& path) {
 // A module file cut short or with damaged headers gives -630 and a log line
 // from both DLLoadLib and DLCheckLib, never a crash.
 TEST_F(ResmgrTest, CutAndDamagedModuleFilesAreRefused) {
+  QUARNEL_LINUX_ONLY("cuts and damages the ELF headers of the Linux build's modules");
   const auto whole = ReadBytes(Path("full"));
   ASSERT_GT(whole.size(), 4096u);
   const auto dir = std::filesystem::temp_directory_path() /
@@ -472,6 +480,7 @@ TEST_F(ResmgrTest, ChecksModuleFilesWithoutEnteringThem) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
+    if (kOnWindows && row.name == Path("corrupt")) continue;  // the Linux build's own container
     ClearRecords();
     EXPECT_EQ(Check(row.name), row.err);
     EXPECT_EQ(Lines(), row.lines);

@@ -166,8 +166,9 @@ TEST_F(TokenTest, OtherLocalesAndTheDefault) {
   EXPECT_EQ(Utf8(TokenToString(8, 0)), "Sonntag");
   QuarnelEnv()->lcid = kLcidEnGb;
   EXPECT_EQ(Utf8(TokenToString(1, 0)), ".");
-  // A locale without a table gives empty locale items, not an assertion.
-  EXPECT_EQ(Utf8(TokenToString(1, 0x0410)), "");
+  // A locale without a table gives empty locale items, not an assertion
+  // (Windows knows every locale: it-IT's separator).
+  EXPECT_EQ(Utf8(TokenToString(1, 0x0410)), kOnWindows ? "," : "");
   EXPECT_EQ(Utf8(TokenToString(4, 0x0410)), "+");
   EXPECT_TRUE(Assertions().empty());
 }

@@ -1,0 +1,11 @@
+# Writes every row's file with PROGRAM and reads them back with it.
+# EMULATOR runs a Windows program under Wine ('|' between its words).
+string(REPLACE "|" ";" emulator "${EMULATOR}")
+file(REMOVE_RECURSE ${FOLDER})
+file(MAKE_DIRECTORY ${FOLDER})
+foreach(mode write check)
+  execute_process(COMMAND ${emulator} ${PROGRAM} ${mode} ${FOLDER} RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "quarnel_interop ${mode} failed")
+  endif()
+endforeach()
