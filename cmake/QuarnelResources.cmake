@@ -16,39 +16,30 @@
 # (NAME.rc) that the toolchain's resource compiler builds into the DLL
 # NAME.dll, or into the executable.
 
-function(_quarnel_compile_resources prefix script depends out_cpp out_blob)
+# Runs qnrc on the script: the plain container PREFIX.qnrb and the source
+# that carries the resources (C++ on Linux, a resource script on Windows).
+function(_quarnel_compile_resources prefix script depends out_source out_blob)
   get_filename_component(abs_script ${script} ABSOLUTE)
-  set(cpp ${CMAKE_CURRENT_BINARY_DIR}/${prefix}_resources.cpp)
+  if(WIN32)
+    set(source ${CMAKE_CURRENT_BINARY_DIR}/${prefix}.rc)
+    set(flag -r)
+  else()
+    set(source ${CMAKE_CURRENT_BINARY_DIR}/${prefix}_resources.cpp)
+    set(flag -c)
+  endif()
   set(blob ${CMAKE_CURRENT_BINARY_DIR}/${prefix}.qnrb)
   set(abs_depends "")
   foreach(dep IN LISTS depends)
     get_filename_component(abs_dep ${dep} ABSOLUTE)
     list(APPEND abs_depends ${abs_dep})
   endforeach()
-  add_custom_command(OUTPUT ${cpp} ${blob}
-    COMMAND qnrc ${abs_script} -o ${blob} -c ${cpp}
+  add_custom_command(OUTPUT ${source} ${blob}
+    COMMAND qnrc ${abs_script} -o ${blob} ${flag} ${source}
     DEPENDS qnrc ${abs_script} ${abs_depends}
     COMMENT "Compiling resources ${script}"
     VERBATIM)
-  set(${out_cpp} ${cpp} PARENT_SCOPE)
+  set(${out_source} ${source} PARENT_SCOPE)
   set(${out_blob} ${blob} PARENT_SCOPE)
-endfunction()
-
-function(_quarnel_compile_rc prefix script depends out_rc)
-  get_filename_component(abs_script ${script} ABSOLUTE)
-  set(rc ${CMAKE_CURRENT_BINARY_DIR}/${prefix}.rc)
-  set(blob ${CMAKE_CURRENT_BINARY_DIR}/${prefix}.qnrb)
-  set(abs_depends "")
-  foreach(dep IN LISTS depends)
-    get_filename_component(abs_dep ${dep} ABSOLUTE)
-    list(APPEND abs_depends ${abs_dep})
-  endforeach()
-  add_custom_command(OUTPUT ${rc} ${blob}
-    COMMAND qnrc ${abs_script} -o ${blob} -r ${rc}
-    DEPENDS qnrc ${abs_script} ${abs_depends}
-    COMMENT "Compiling resources ${script}"
-    VERBATIM)
-  set(${out_rc} ${rc} PARENT_SCOPE)
 endfunction()
 
 function(quarnel_resource_module name)
@@ -56,19 +47,14 @@ function(quarnel_resource_module name)
   if(NOT QR_SCRIPT)
     message(FATAL_ERROR "quarnel_resource_module(${name}): SCRIPT is required")
   endif()
-  if(WIN32)
-    _quarnel_compile_rc(${name} ${QR_SCRIPT} "${QR_DEPENDS}" rc)
-    add_library(${name} MODULE ${rc} ${PROJECT_SOURCE_DIR}/cmake/resource_module.cpp)
-    set_target_properties(${name} PROPERTIES PREFIX "" QUARNEL_RESOURCE_BLOB
-      ${CMAKE_CURRENT_BINARY_DIR}/${name}.qnrb)
-    if(QR_OUTPUT_DIRECTORY)
-      set_target_properties(${name} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${QR_OUTPUT_DIRECTORY})
-    endif()
-    return()
+  _quarnel_compile_resources(${name} ${QR_SCRIPT} "${QR_DEPENDS}" source blob)
+  if(WIN32)  # NAME.dll, its resources real Win32 ones
+    add_library(${name} MODULE ${source} ${PROJECT_SOURCE_DIR}/cmake/resource_module.cpp)
+    set_target_properties(${name} PROPERTIES PREFIX "" QUARNEL_RESOURCE_BLOB ${blob})
+  else()
+    add_library(${name} MODULE ${source})
+    set_target_properties(${name} PROPERTIES PREFIX "lib" QUARNEL_RESOURCE_BLOB ${blob})
   endif()
-  _quarnel_compile_resources(${name} ${QR_SCRIPT} "${QR_DEPENDS}" cpp blob)
-  add_library(${name} MODULE ${cpp})
-  set_target_properties(${name} PROPERTIES PREFIX "lib" QUARNEL_RESOURCE_BLOB ${blob})
   if(QR_OUTPUT_DIRECTORY)
     set_target_properties(${name} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${QR_OUTPUT_DIRECTORY})
   endif()
@@ -79,17 +65,16 @@ function(quarnel_host_resources target)
   if(NOT QR_SCRIPT)
     message(FATAL_ERROR "quarnel_host_resources(${target}): SCRIPT is required")
   endif()
+  _quarnel_compile_resources(${target}_host ${QR_SCRIPT} "${QR_DEPENDS}" source blob)
   if(WIN32)
-    _quarnel_compile_rc(${target}_host ${QR_SCRIPT} "${QR_DEPENDS}" rc)
     # The script is made here; the executable may be declared elsewhere.
-    add_custom_target(${target}_host_rc DEPENDS ${rc})
-    set_source_files_properties(${rc} TARGET_DIRECTORY ${target} PROPERTIES GENERATED TRUE)
-    target_sources(${target} PRIVATE ${rc})
+    add_custom_target(${target}_host_rc DEPENDS ${source})
+    set_source_files_properties(${source} TARGET_DIRECTORY ${target} PROPERTIES GENERATED TRUE)
+    target_sources(${target} PRIVATE ${source})
     add_dependencies(${target} ${target}_host_rc)
     return()
   endif()
-  _quarnel_compile_resources(${target}_host ${QR_SCRIPT} "${QR_DEPENDS}" cpp blob)
-  add_library(${target}_host_resources OBJECT ${cpp})
+  add_library(${target}_host_resources OBJECT ${source})
   target_link_libraries(${target} PRIVATE ${target}_host_resources)
   target_link_options(${target} PRIVATE "LINKER:--export-dynamic-symbol=quarnel_resources")
 endfunction()

@@ -40,12 +40,14 @@ std::wstring LibraryFolder() {
 
 // A bare name is looked for in the application folder, then in the
 // library's, before the system's own search.
+// A path with the separators the loader's search rules want.
+std::wstring Backslashed(std::wstring path) {
+  std::replace(path.begin(), path.end(), L'/', L'\\');
+  return path;
+}
+
 std::wstring Located(const std::wstring& name) {
-  if (IsPath(name)) {
-    std::wstring path = name;  // the loader's search rules want '\'
-    std::replace(path.begin(), path.end(), L'/', L'\\');
-    return path;
-  }
+  if (IsPath(name)) return Backslashed(name);
   for (const std::wstring& folder : {WideOf(QuarnelEnv()->appFolder), LibraryFolder()}) {
     if (folder.empty()) continue;
     const std::wstring path = folder + L"\\" + name;
@@ -97,7 +99,10 @@ int UFreeLibrary(HMODULE module) {
   return 1;
 }
 
-HMODULE UGetModuleHandle(const char16_t* name) { return ::GetModuleHandleW(W(name)); }
+HMODULE UGetModuleHandle(const char16_t* name) {
+  if (name == nullptr) return ::GetModuleHandleW(nullptr);
+  return ::GetModuleHandleW(Backslashed(W(name)).c_str());
+}
 
 int UGetModuleFileName(HMODULE module, char16_t* buffer, int size) {
   if (buffer == nullptr || size <= 0) {
