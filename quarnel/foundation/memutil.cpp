@@ -253,20 +253,37 @@ int MemByteCount() {
   return static_cast<int>(static_cast<std::uint32_t>(g_counters.load(std::memory_order_relaxed)));
 }
 
+namespace {
+
+// A null pointer with a non-zero count asserts and the call does nothing.
+constexpr int kLineNullMove = 364;
+constexpr int kLineNullFill = 377;
+constexpr int kLineNullZero = 389;
+constexpr int kLineNullCompare = 402;
+
+bool NullWithBytes(const void* a, const void* b, long long n, int line) {
+  if (n <= 0 || (a != nullptr && b != nullptr)) return false;
+  Debug("memutil", line);
+  return true;
+}
+
+}  // namespace
+
 void BlockMove(const void* from, void* to, unsigned n) {
-  if (n != 0) std::memmove(to, from, n);
+  if (n != 0 && !NullWithBytes(from, to, n, kLineNullMove)) std::memmove(to, from, n);
 }
 
 void BlockFill(void* p, unsigned n, unsigned char value) {
-  if (n != 0) std::memset(p, value, n);
+  if (n != 0 && !NullWithBytes(p, p, n, kLineNullFill)) std::memset(p, value, n);
 }
 
 void ZeroFill(void* p, unsigned n) {
-  if (n != 0) std::memset(p, 0, n);
+  if (n != 0 && !NullWithBytes(p, p, n, kLineNullZero)) std::memset(p, 0, n);
 }
 
 int EqualBlock(const void* a, const void* b, int n) {
   if (n <= 0) return 1;
+  if (NullWithBytes(a, b, n, kLineNullCompare)) return 0;
   return std::memcmp(a, b, static_cast<std::size_t>(n)) == 0 ? 1 : 0;
 }
 

@@ -501,4 +501,20 @@ TEST_F(MemTest, MemDebugReportAndBreaks) {
   EXPECT_TRUE(Lines().empty());
 }
 
+TEST_F(MemTest, NullBlocksAssertAndAreLeftAlone) {
+  unsigned char b[4] = {1, 2, 3, 4};
+  BlockMove(nullptr, b, 4);
+  BlockMove(b, nullptr, 4);
+  BlockFill(nullptr, 4, 9);
+  ZeroFill(nullptr, 4);
+  EXPECT_EQ(EqualBlock(b, nullptr, 4), 0);
+  BlockMove(nullptr, nullptr, 0);  // nothing to do, nothing to say
+  EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{{"memutil", 364, ""},
+                                                      {"memutil", 364, ""},
+                                                      {"memutil", 377, ""},
+                                                      {"memutil", 389, ""},
+                                                      {"memutil", 402, ""}}));
+  EXPECT_EQ(b[0] + b[3], 5);
+}
+
 }  // namespace
