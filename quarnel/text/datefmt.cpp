@@ -39,7 +39,7 @@ enum : unsigned short {
 };
 
 // Fixed pictures of the forms that do not come from the locale.
-constexpr char16_t kAbbreviatedPicture[] = u"ddd, dd MMM yyyy";
+constexpr char16_t kAbbreviatedPicture[] = u"ddd, dd MMM yy";
 constexpr char16_t kIsoDatePicture[] = u"yyyy-MM-dd";
 constexpr char16_t kIsoDateTimePicture[] = u"yyyy-MM-dd'T'HH:mm:ss";
 
@@ -376,7 +376,7 @@ bool Parse(const char16_t* s, int n, int* at, const std::u16string& picture, uns
       case u'y':
         if (e.count <= 2) {
           if (!ReadDigits(s, n, at, 2, &v)) return false;
-          p->year = v < 50 ? 2000 + v : 1900 + v;  // a two-digit year: 1950..2049
+          p->year = v < 30 ? 2000 + v : 1900 + v;  // a two-digit year: 1930..2029
           return true;
         }
         return ReadDigits(s, n, at, 5, &p->year);
