@@ -418,6 +418,9 @@ bool Decode(const std::uint8_t* code, int len, const std::uint8_t* readEnd, std:
   const std::uint8_t* const end = code + len;
   std::uint8_t* o = out;
   std::uint8_t* const oEnd = out + n;
+  // Up to these, a token may write 32 bytes and a literal run read 32.
+  const std::uint8_t* const oFast = writeEnd - out >= 32 ? writeEnd - 32 : out - 1;
+  const std::uint8_t* const tFast = readEnd - code >= 33 ? readEnd - 33 : code - 1;
   while (t < end) {
     const unsigned b0 = t[0];
     if (b0 < kTokLongMatch) {
@@ -427,20 +430,20 @@ bool Decode(const std::uint8_t* code, int len, const std::uint8_t* readEnd, std:
       if constexpr (kChecked) {
         if (t > end || src >= o || m > oEnd - o) return false;
       }
-      if (o - src >= 16 && writeEnd - o >= 16) {
+      if (o - src >= 16 && o <= oFast) [[likely]] {
         Copy16(o, src);
       } else {
         CopyMatch(o, src, m, writeEnd);
       }
       o += m;
-    } else if (b0 >= kTokShortRun && b0 < kTokMediumMatch) {
+    } else if ((b0 & 0xE0) == kTokShortRun) {
       const int count = static_cast<int>(b0 & 0x1F) + 1;
       const std::uint8_t* src = t + 1;
       t = src + count;
       if constexpr (kChecked) {
         if (t > end || count > oEnd - o) return false;
       }
-      if (readEnd - src >= 32 && writeEnd - o >= 32) {
+      if (src <= tFast && o <= oFast) [[likely]] {
         Copy16(o, src);
         Copy16(o + 16, src + 16);
       } else {
@@ -454,7 +457,7 @@ bool Decode(const std::uint8_t* code, int len, const std::uint8_t* readEnd, std:
       if constexpr (kChecked) {
         if (t > end || src >= o || m > oEnd - o) return false;
       }
-      if (o - src >= 16 && writeEnd - o >= 32) {
+      if (o - src >= 16 && o <= oFast) {
         Copy16(o, src);
         Copy16(o + 16, src + 16);
       } else {
