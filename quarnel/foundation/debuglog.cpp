@@ -72,6 +72,10 @@ int DebugLogfArgs(unsigned level, const char* format, const Args* args) {
   return proc ? proc(level, format, args) : 0;
 }
 
+bool quarnel_internal::DebugLogCharHooked() {
+  return g_logChar.load(std::memory_order_acquire) != nullptr;
+}
+
 int DebugLogfArgs(unsigned level, const TString* format, const Args* args) {
   DebugLogfProc proc = g_log.load(std::memory_order_acquire);
   return proc ? proc(level, format, args) : 0;

@@ -86,4 +86,10 @@ QUARNEL_API void Debug(const char* file, int line, const TString* text);
 using AssertionObserverProc = void (*)(const char* module, int line, const char* message);
 AssertionObserverProc SetAssertionObserver(AssertionObserverProc proc);
 
+namespace quarnel_internal {
+// Whether a narrow log hook is installed: work done only for a log line (a
+// timing, say) can be skipped without one.
+bool DebugLogCharHooked();
+}  // namespace quarnel_internal
+
 #endif  // QUARNEL_FOUNDATION_DEBUGLOG_H_

@@ -410,7 +410,10 @@ inline void CopyMatch(std::uint8_t* dst, const std::uint8_t* src, int m,
 // tested by how often they come: short matches, short runs, medium matches,
 // long matches, long runs. Literals and copies of up to 32 bytes go in whole
 // 16-byte pieces when the source has the bytes to read and `writeEnd` the
-// room to write.
+// room to write. Such a piece needs no check of its own: it stays inside
+// [code, readEnd) and [out, writeEnd), a copy's source is behind the output,
+// and a token that runs past the end of the code or of the segment leaves
+// `t` or `o` where the final test finds it.
 template <bool kChecked>
 bool Decode(const std::uint8_t* code, int len, const std::uint8_t* readEnd, std::uint8_t* out,
             int n, const std::uint8_t* writeEnd) {
@@ -418,21 +421,18 @@ bool Decode(const std::uint8_t* code, int len, const std::uint8_t* readEnd, std:
   const std::uint8_t* const end = code + len;
   std::uint8_t* o = out;
   std::uint8_t* const oEnd = out + n;
-  // Up to these, a token may write 32 bytes and a literal run read 32.
-  const std::uint8_t* const oFast = writeEnd - out >= 32 ? writeEnd - 32 : out - 1;
-  const std::uint8_t* const tFast = readEnd - code >= 33 ? readEnd - 33 : code - 1;
   while (t < end) {
     const unsigned b0 = t[0];
     if (b0 < kTokLongMatch) {
       const std::uint8_t* src = out + (((b0 & 0x0F) << 8) | t[1]);
       const int m = static_cast<int>((b0 >> 4) & 7) + kMinMatch;
       t += 2;
-      if constexpr (kChecked) {
-        if (t > end || src >= o || m > oEnd - o) return false;
-      }
-      if (o - src >= 16 && o <= oFast) [[likely]] {
+      if (o - src >= 16 && writeEnd - o >= 16) [[likely]] {
         Copy16(o, src);
       } else {
+        if constexpr (kChecked) {
+          if (t > end || src >= o || m > oEnd - o) return false;
+        }
         CopyMatch(o, src, m, writeEnd);
       }
       o += m;
@@ -440,13 +440,13 @@ bool Decode(const std::uint8_t* code, int len, const std::uint8_t* readEnd, std:
       const int count = static_cast<int>(b0 & 0x1F) + 1;
       const std::uint8_t* src = t + 1;
       t = src + count;
-      if constexpr (kChecked) {
-        if (t > end || count > oEnd - o) return false;
-      }
-      if (src <= tFast && o <= oFast) [[likely]] {
+      if (readEnd - src >= 32 && writeEnd - o >= 32) [[likely]] {
         Copy16(o, src);
         Copy16(o + 16, src + 16);
       } else {
+        if constexpr (kChecked) {
+          if (t > end || count > oEnd - o) return false;
+        }
         std::memmove(o, src, static_cast<std::size_t>(count));
       }
       o += count;
@@ -454,13 +454,13 @@ bool Decode(const std::uint8_t* code, int len, const std::uint8_t* readEnd, std:
       const std::uint8_t* src = out + ((((b0 >> 4) & 3) << 8) | t[1]);
       const int m = static_cast<int>(b0 & 0x0F) + 12;
       t += 2;
-      if constexpr (kChecked) {
-        if (t > end || src >= o || m > oEnd - o) return false;
-      }
-      if (o - src >= 16 && o <= oFast) {
+      if (o - src >= 16 && writeEnd - o >= 32) {
         Copy16(o, src);
         Copy16(o + 16, src + 16);
       } else {
+        if constexpr (kChecked) {
+          if (t > end || src >= o || m > oEnd - o) return false;
+        }
         CopyMatch(o, src, m, writeEnd);
       }
       o += m;
