@@ -103,7 +103,21 @@ void* Reallocate(void* p, unsigned size, bool fill) {
     return p;
   }
   const std::int32_t old = h->size;
-  auto* n = static_cast<BlockHeader*>(UHeapReAlloc(0, h, sizeof(BlockHeader) + size));
+  // An unfilled block (the string class's buffer, grown a step at a time)
+  // grows into what the heap already gave it without a call, and otherwise
+  // asks the heap for half as much again as it held, so that the next steps
+  // fit. The size asked for is what MemSize and the counters show.
+  std::size_t request = sizeof(BlockHeader) + size;
+  if (!fill && size > static_cast<unsigned>(old)) {
+    if (UHeapUsableSize(h) >= request) {
+      h->size = static_cast<std::int32_t>(size);
+      Count(0, static_cast<std::int64_t>(size) - old);
+      return p;
+    }
+    const unsigned ahead = std::min(static_cast<unsigned>(old) / 2 * 3, kMemLargestRequest);
+    request = sizeof(BlockHeader) + std::max(size, ahead);
+  }
+  auto* n = static_cast<BlockHeader*>(UHeapReAlloc(0, h, request));
   if (n == nullptr) {
     if (UHeapValidate()) {
       UHeapCompact();

@@ -145,8 +145,15 @@ TEST_F(MemTest, RandomOperationsMatchModel) {
       Live& l = live[rng() % live.size()];
       const unsigned size = rng() % 5000;
       total += static_cast<long>(size) - static_cast<long>(l.bytes.size());
-      l.p = static_cast<unsigned char*>(MemRealloc(l.p, size));
-      l.bytes.resize(size, 0);
+      // Half the time unfilled, as strings grow: the new bytes are then written.
+      const bool fill = rng() % 2 == 0;
+      l.p = static_cast<unsigned char*>(fill ? MemRealloc(l.p, size)
+                                             : quarnel_internal::MemReallocUnfilled(l.p, size));
+      for (std::size_t i = l.bytes.size(); i < size && !fill; ++i)
+        l.p[i] = static_cast<unsigned char>(i);
+      for (std::size_t i = l.bytes.size(); i < size; ++i)
+        l.bytes.push_back(fill ? 0 : static_cast<unsigned char>(i));
+      l.bytes.resize(size);
     } else {
       const std::size_t i = rng() % live.size();
       ASSERT_EQ(MemSize(live[i].p), live[i].bytes.size());

@@ -17,6 +17,9 @@ QUARNEL_API void* UHeapAlloc(unsigned flags, std::size_t bytes);
 // With kHeapZeroMemory the bytes beyond the old size are zero.
 QUARNEL_API void* UHeapReAlloc(unsigned flags, void* block, std::size_t bytes);
 QUARNEL_API int UHeapFree(void* block);
+// The bytes of `block` that may be used: at least what was asked for, often a
+// little more (the allocator's rounding). 0 for null.
+QUARNEL_API std::size_t UHeapUsableSize(void* block);
 // The C library checks its heap as it goes: validation succeeds (1) unless
 // the fault seam says otherwise (0).
 QUARNEL_API int UHeapValidate();
