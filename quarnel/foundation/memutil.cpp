@@ -109,7 +109,7 @@ void* Reallocate(void* p, unsigned size, bool fill) {
   // fit. The size asked for is what MemSize and the counters show.
   std::size_t request = sizeof(BlockHeader) + size;
   if (!fill && size > static_cast<unsigned>(old)) {
-    if (UHeapUsableSize(h) >= request) {
+    if (quarnel_internal::HeapUsableSize(h) >= request) {
       h->size = static_cast<std::int32_t>(size);
       Count(0, static_cast<std::int64_t>(size) - old);
       return p;

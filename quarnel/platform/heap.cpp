@@ -48,7 +48,9 @@ void* UHeapReAlloc(unsigned flags, void* block, std::size_t bytes) {
   return p;
 }
 
-std::size_t UHeapUsableSize(void* block) { return block ? malloc_usable_size(block) : 0; }
+std::size_t quarnel_internal::HeapUsableSize(void* block) {
+  return block ? malloc_usable_size(block) : 0;
+}
 
 int UHeapFree(void* block) {
   if (g_deferFree.load(std::memory_order_relaxed)) {

@@ -17,9 +17,6 @@ QUARNEL_API void* UHeapAlloc(unsigned flags, std::size_t bytes);
 // With kHeapZeroMemory the bytes beyond the old size are zero.
 QUARNEL_API void* UHeapReAlloc(unsigned flags, void* block, std::size_t bytes);
 QUARNEL_API int UHeapFree(void* block);
-// The bytes of `block` that may be used: at least what was asked for, often a
-// little more (the allocator's rounding). 0 for null.
-QUARNEL_API std::size_t UHeapUsableSize(void* block);
 // The C library checks its heap as it goes: validation succeeds (1) unless
 // the fault seam says otherwise (0).
 QUARNEL_API int UHeapValidate();
@@ -31,5 +28,11 @@ QUARNEL_API std::size_t UHeapCompact();
 // is reused); turning it off frees them. Lets a test reach a second free
 // of the same block under AddressSanitizer.
 void USetHeapFreeDeferred(int on);
+
+namespace quarnel_internal {
+// The bytes of a heap block that may be used: at least what was asked for,
+// often a little more (the allocator's rounding). 0 for null.
+std::size_t HeapUsableSize(void* block);
+}  // namespace quarnel_internal
 
 #endif  // QUARNEL_PLATFORM_HEAP_H_
