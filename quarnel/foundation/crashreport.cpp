@@ -48,6 +48,7 @@ struct Prepared {
 };
 
 Prepared g_prepared;
+std::atomic<unsigned> g_preparedLcid{~0u};  // the locale of g_prepared's date words
 
 // ---- exception names ----------------------------------------------------------------------------
 
@@ -209,6 +210,23 @@ void SectionOf(const UModuleInfo* module, std::uintptr_t address, unsigned* sect
 
 // ---- the report ---------------------------------------------------------------------------------
 
+// Memory the report reads on a thread's stack: the map showed it readable.
+// It may lie in a sanitizer's red zone or be written by its thread, which
+// the report does not care about.
+#if defined(__clang__) || defined(__GNUC__)
+#define QUARNEL_RAW_READ __attribute__((no_sanitize("address", "thread")))
+#else
+#define QUARNEL_RAW_READ
+#endif
+
+QUARNEL_RAW_READ std::uint32_t Word32(std::uintptr_t p) {
+  return *reinterpret_cast<const volatile std::uint32_t*>(p);
+}
+
+QUARNEL_RAW_READ std::uintptr_t Word64(std::uintptr_t p) {
+  return *reinterpret_cast<const volatile std::uintptr_t*>(p);
+}
+
 bool IsFourCharCode(std::uint32_t v) {
   for (int i = 0; i < 4; ++i) {
     const unsigned b = (v >> (8 * i)) & 0xFF;
@@ -244,8 +262,7 @@ void WriteFrames(const UThreadContext& c) {
     }
     if (f.args) {
       for (int k = 0; k < 8; ++k) {
-        std::uint32_t w;
-        std::memcpy(&w, reinterpret_cast<const void*>(f.fp + 16 + 4 * k), sizeof w);
+        const std::uint32_t w = Word32(f.fp + 16 + 4 * k);
         const auto sw = static_cast<std::int32_t>(w);
         if (IsFourCharCode(w)) {
           Line("  '%y' ", w);
@@ -378,16 +395,17 @@ void WriteReport(unsigned code, const UThreadContext& faultContext, unsigned fau
 }
 
 // The log file's path in g_state.path: log folder, "/", name (the name alone
-// when the folder is empty).
-void LogPath() {
+// when the folder is empty). False when it does not fit.
+bool LogPath() {
   State& s = g_state;
   const std::string& folder = QuarnelEnv()->logFolder;
-  const std::size_t f = folder.size() < sizeof s.path - 300 ? folder.size() : 0;
-  std::memcpy(s.path, folder.data(), f);
-  std::size_t at = f;
-  if (f > 0) s.path[at++] = '/';
   const std::size_t n = std::strlen(g_prepared.logName);
+  if (folder.size() + n + 2 > sizeof s.path) return false;
+  std::memcpy(s.path, folder.data(), folder.size());
+  std::size_t at = folder.size();
+  if (at > 0) s.path[at++] = '/';
   std::memcpy(s.path + at, g_prepared.logName, n + 1);
+  return true;
 }
 
 // The report for one exception on the calling thread. A second exception on
@@ -398,9 +416,8 @@ void Handle(unsigned code, unsigned self, const UThreadContext& context, const c
   State& s = g_state;
   s.errorInfo = errorInfo;
   s.mapModule = nullptr;
-  LogPath();
   std::uint64_t size = 0;
-  s.fd = UCrashLogOpen(s.path, &size);
+  s.fd = LogPath() ? UCrashLogOpen(s.path, &size) : -1;
   if (s.fd >= 0) {
     USnapshotModules();  // takes the loader's lock: before other threads are held
     SuspendOtherThreads();
@@ -469,12 +486,23 @@ void PrepareCrashReport() {
   next.bias = UCurrentTimeZoneBias();
   if (!AcquireBusy(UGetCurrentThreadId())) return;
   g_prepared = next;
+  g_preparedLcid.store(UGetDefaultLCID(), std::memory_order_relaxed);
   ReleaseBusy();
 }
 
 void quarnel_internal::ReportAssertion(const char* message) {
   InstallCrashHandler();  // the asserting thread gets its alternate stack
-  PrepareCrashReport();
+  // Modules and host lists prepare the texts when they change; what may have
+  // changed since is the locale and the offset from UTC.
+  if (UGetDefaultLCID() != g_preparedLcid.load(std::memory_order_relaxed)) {
+    PrepareCrashReport();
+  } else {
+    const int bias = UCurrentTimeZoneBias();
+    if (AcquireBusy(UGetCurrentThreadId())) {
+      g_prepared.bias = bias;
+      ReleaseBusy();
+    }
+  }
   UThreadContext context;
   UCaptureCurrentContext(&context);
   Handle(kAssertionCode, UGetCurrentThreadId(), context, message);
@@ -486,9 +514,8 @@ int quarnel_internal::WalkStack(std::uintptr_t ip, std::uintptr_t fp, WalkFrame*
   while (n < max) {
     frames[n++] = WalkFrame{ip, fp, UMemoryAccessible(fp, 48, true)};
     if (!readable) break;
-    std::uintptr_t next;
-    std::memcpy(&next, reinterpret_cast<const void*>(fp), sizeof next);
-    std::memcpy(&ip, reinterpret_cast<const void*>(fp + 8), sizeof ip);
+    const std::uintptr_t next = Word64(fp);
+    ip = Word64(fp + 8);
     if (next % 8 != 0 || next <= fp || !UMemoryAccessible(next, 16, true)) break;
     fp = next;
   }

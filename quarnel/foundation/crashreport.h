@@ -55,9 +55,12 @@ QUARNEL_API int InstallCrashHandler();
 
 // Prepares what the report reads: the log file's name and heading from the
 // loaded resource modules, the locale's date words and the offset from UTC.
-// The library calls it when a module is loaded or unloaded, when a host
-// string list is added, and before each assertion's report; a host calls it
-// after changing the time zone or the locale. Any thread.
+// The library calls it when the library is loaded, when a module is loaded or
+// unloaded, when a host string list is added or removed, and before an
+// assertion's report when the locale has changed (an assertion always takes
+// the offset from UTC afresh). A crash's report shows the time with the offset
+// last prepared: a host calls this after changing the time zone or the locale.
+// Any thread.
 QUARNEL_API void PrepareCrashReport();
 
 // The name of an exception code: the names of the fatal exceptions,

@@ -101,6 +101,11 @@ void FromUcontext(const void* ucv, UThreadContext* c) {
 #endif
 }
 
+bool IsFunction(const struct sigaction& sa) {
+  if (sa.sa_flags & SA_SIGINFO) return sa.sa_sigaction != nullptr;
+  return sa.sa_handler != SIG_DFL && sa.sa_handler != SIG_IGN;
+}
+
 // ---- capture of other threads ------------------------------------------------------------------
 
 constexpr int kMaxCapture = 256;
@@ -118,15 +123,17 @@ struct CaptureSlot {
 CaptureSlot g_slots[kMaxCapture];
 std::atomic<bool> g_hold{false};
 
-void OnCapture(int, siginfo_t*, void* ucv) {
+void OnCapture(int sig, siginfo_t* info, void* ucv) {
   const int savedErrno = errno;
   const unsigned self = CurrentThreadId();
+  bool asked = false;
   for (CaptureSlot& slot : g_slots) {
     if (slot.tid.load(std::memory_order_acquire) != self) continue;
     int expected = kSlotAsked;
     if (!slot.state.compare_exchange_strong(expected, kSlotWriting, std::memory_order_acq_rel)) {
       continue;
     }
+    asked = true;
     FromUcontext(ucv, &slot.context);
     slot.state.store(kSlotHeld, std::memory_order_release);
     for (int waited = 0; g_hold.load(std::memory_order_acquire) && waited < kHoldLimitMs;
@@ -135,6 +142,14 @@ void OnCapture(int, siginfo_t*, void* ucv) {
     }
     slot.state.store(kSlotLeft, std::memory_order_release);
     break;
+  }
+  // Not sent by a report: the process's own use of the signal goes on.
+  if (!asked && IsFunction(g_previousCapture)) {
+    if (g_previousCapture.sa_flags & SA_SIGINFO) {
+      g_previousCapture.sa_sigaction(sig, info, ucv);
+    } else {
+      g_previousCapture.sa_handler(sig);
+    }
   }
   errno = savedErrno;
 }
@@ -187,11 +202,6 @@ bool BlocksSignal(unsigned id, int sig) {
 }
 
 // ---- chaining ----------------------------------------------------------------------------------
-
-bool IsFunction(const struct sigaction& sa) {
-  if (sa.sa_flags & SA_SIGINFO) return sa.sa_sigaction != nullptr;
-  return sa.sa_handler != SIG_DFL && sa.sa_handler != SIG_IGN;
-}
 
 void Chain(int sig, siginfo_t* info, void* ucv) {
   const struct sigaction& prev = g_previous[sig];

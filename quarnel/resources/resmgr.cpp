@@ -301,7 +301,11 @@ const unsigned char* ModuleResource(HMODULE module, unsigned type, int id, unsig
 
 }  // namespace quarnel_internal
 
-int DLLoadLib(TString* name) { return Load(name, 0, 0, 0, 0); }
+int DLLoadLib(TString* name) {
+  const int err = Load(name, 0, 0, 0, 0);
+  if (err == kErrNone) PrepareCrashReport();  // the crash log's name and heading may have changed
+  return err;
+}
 
 int DLLoadLib(TString* name, int firstRes, int lastRes, int firstErr, int lastErr) {
   {

@@ -18,7 +18,10 @@ namespace {
 constexpr unsigned kSymbolMapType = 256;
 constexpr int kSymbolMapId = 1;
 
+// Only C++ names are demangled: the runtime would also read a C name such
+// as "g" as the encoding of a type.
 std::string Demangled(const std::string& name) {
+  if (name.compare(0, 2, "_Z") != 0) return name;
   int status = 0;
   char* text = abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status);
   std::string result = status == 0 && text != nullptr ? text : name;

@@ -473,8 +473,9 @@ class Demangler {
       if (Peek() == 'X' || Peek() == 'J') return Fail();
       return Type();
     }
+    if (*p_ == '\0') return Fail();
     const char type = *p_++;
-    bool negative = Eat('n');
+    const bool negative = Eat('n');
     const char* digits = p_;
     while (IsDigit(*p_)) ++p_;
     const int count = static_cast<int>(p_ - digits);
@@ -578,7 +579,10 @@ class Demangler {
         int index = 0;
         if (!Eat('_')) {
           if (!IsDigit(*p_)) return Fail();
-          while (IsDigit(*p_)) index = index * 10 + (*p_++ - '0');
+          while (IsDigit(*p_)) {
+            index = index * 10 + (*p_++ - '0');
+            if (index >= kMaxTemplateArgs) return Fail();
+          }
           if (!Eat('_')) return Fail();
           ++index;
         }
