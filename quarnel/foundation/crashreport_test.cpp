@@ -486,6 +486,16 @@ TEST_F(CrashReportTest, AssertionReportFollowsTheGolden) {
   EXPECT_TRUE(Lines().empty());
 }
 
+// A null write with the crash handler installed in front of a handler that
+// ends the process with 42, and the log in `logFolder`.
+void NullWriteBehindExitHandler(const char* logFolder) {
+  QuarnelEnv()->logFolder = logFolder;
+  URemoveFatalSignalHandlers();
+  std::signal(SIGSEGV, [](int) { std::_Exit(42); });
+  InstallCrashHandler();
+  crashtest::CallModule(1);
+}
+
 // Each fault in a child process: how the child ends, and what its log says.
 // Not run under ThreadSanitizer (the name avoids the word that selects those
 // tests): it delivers the capture signal only when a thread next enters one
@@ -599,25 +609,13 @@ TEST_F(CrashReportTest, EveryFaultIsReportedInFull) {
        {"Exception code: E0000000 ASSERTION"},
        0},
       {"no log folder: the previous handler still runs",
-       [] {
-         QuarnelEnv()->logFolder = "/nonexistent/quarnel/log";
-         URemoveFatalSignalHandlers();
-         std::signal(SIGSEGV, [](int) { std::_Exit(42); });
-         InstallCrashHandler();
-         crashtest::CallModule(1);
-       },
+       [] { NullWriteBehindExitHandler("/nonexistent/quarnel/log"); },
        0,
        42,
        {},
        -1},
       {"a log folder that cannot be written",
-       [] {
-         QuarnelEnv()->logFolder = "/proc";
-         URemoveFatalSignalHandlers();
-         std::signal(SIGSEGV, [](int) { std::_Exit(42); });
-         InstallCrashHandler();
-         crashtest::CallModule(1);
-       },
+       [] { NullWriteBehindExitHandler("/proc"); },
        0,
        42,
        {},
