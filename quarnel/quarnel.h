@@ -29,8 +29,6 @@
 #include "quarnel/foundation/sort.h"
 #include "quarnel/foundation/tmemory.h"
 #include "quarnel/platform/codepage.h"
-#include "quarnel/platform/crashmodule.h"
-#include "quarnel/platform/crashsignal.h"
 #include "quarnel/platform/debugger.h"
 #include "quarnel/platform/debugout.h"
 #include "quarnel/platform/env.h"

@@ -51,12 +51,10 @@
 // cannot finish does not stop the whole process). A thread that blocks the
 // signal, has ended or does not answer in time is reported with a Windows
 // error number.
-#ifndef QUARNEL_PLATFORM_CRASHSIGNAL_H_
-#define QUARNEL_PLATFORM_CRASHSIGNAL_H_
+#ifndef QUARNEL_PLATFORM_INTERNAL_CRASHSIGNAL_H_
+#define QUARNEL_PLATFORM_INTERNAL_CRASHSIGNAL_H_
 
 #include <cstdint>
-
-#include "quarnel/foundation/export.h"
 
 // A thread's integer, control and segment registers (x86-64 names). Segment
 // registers the kernel does not save for a signal (DS, ES) read 0.
@@ -82,60 +80,60 @@ using UFatalProc = void (*)(const UFatalEvent& event);
 // dispositions they replace, and the capture signal's handler; gives the
 // calling thread an alternate stack. Once installed, a further call only gives
 // the calling thread its stack. 1 on success, 0 when sigaction failed.
-QUARNEL_API int UInstallFatalSignalHandlers(UFatalProc proc);
+int UInstallFatalSignalHandlers(UFatalProc proc);
 
 // Puts back the dispositions the handlers replaced. For tests.
-QUARNEL_API void URemoveFatalSignalHandlers();
+void URemoveFatalSignalHandlers();
 
 // Gives the calling thread an alternate signal stack when it has none (a
 // stack set up by someone else is kept). It is unmapped when the thread ends.
-QUARNEL_API void UEnsureAltStack();
+void UEnsureAltStack();
 
 // The Windows exception code of a signal (table above). handler-safe.
-QUARNEL_API unsigned UExceptionCodeOfSignal(int signal, int siCode, bool inStackGuard);
+unsigned UExceptionCodeOfSignal(int signal, int siCode, bool inStackGuard);
 
 // The calling thread's registers now; caller-saved registers hold what they
 // held at the call. handler-safe.
-QUARNEL_API void UCaptureCurrentContext(UThreadContext* context);
+void UCaptureCurrentContext(UThreadContext* context);
 
 // The ids of the process's threads (/proc/self/task), at most `max`, in the
 // order the system lists them. Returns the number stored. handler-safe.
-QUARNEL_API int UListThreads(unsigned* ids, int max);
+int UListThreads(unsigned* ids, int max);
 
 // The name of thread `id` (its "comm") in `buf`, zero-terminated. Returns the
 // length, or -1 when it cannot be read. handler-safe.
-QUARNEL_API int UThreadName(unsigned id, char* buf, int size);
+int UThreadName(unsigned id, char* buf, int size);
 
 // Captures the registers of the `count` threads in `ids` (none of them the
 // calling thread) and holds them until UReleaseThreads. For each thread
 // errors[i] is 0 and contexts[i] filled, or a Windows error number: 5 the
 // thread blocks the capture signal, 6 the thread has ended, 1460 no answer
 // within `timeoutMs`. At most 256 threads. handler-safe.
-QUARNEL_API void UCaptureThreads(const unsigned* ids, int count, UThreadContext* contexts,
-                                 unsigned* errors, int timeoutMs);
+void UCaptureThreads(const unsigned* ids, int count, UThreadContext* contexts, unsigned* errors,
+                     int timeoutMs);
 
 // Lets the held threads go on and waits (briefly) until each has left its
 // handler. handler-safe.
-QUARNEL_API void UReleaseThreads();
+void UReleaseThreads();
 
 // Sleeps about `ms` milliseconds. handler-safe.
-QUARNEL_API void UHandlerSleep(int ms);
+void UHandlerSleep(int ms);
 
 // Starts `folder`/`program` with `arg` (null: none) as its only argument, in
 // `folder` as its current folder, with the process's environment, and waits
 // for it to end. The caller's own current folder is left alone. Returns 1 when
 // the program ran, 0 when it is missing or could not be started.
 // handler-safe.
-QUARNEL_API int UStartCrashHelper(const char* folder, const char* program, const char* arg);
+int UStartCrashHelper(const char* folder, const char* program, const char* arg);
 
 // The kernel's name (uname's sysname) in `buf`, zero-terminated. handler-safe.
-QUARNEL_API void USystemName(char* buf, int size);
+void USystemName(char* buf, int size);
 
 // The crash log: opened for writing, created when missing, positioned at its
 // end. Returns the descriptor, or -1. handler-safe (as are the others).
-QUARNEL_API int UCrashLogOpen(const char* path, std::uint64_t* sizeBefore);
-QUARNEL_API void UCrashLogWrite(int fd, const void* data, std::uint64_t size);
-QUARNEL_API void UCrashLogFlush(int fd);
-QUARNEL_API void UCrashLogClose(int fd);
+int UCrashLogOpen(const char* path, std::uint64_t* sizeBefore);
+void UCrashLogWrite(int fd, const void* data, std::uint64_t size);
+void UCrashLogFlush(int fd);
+void UCrashLogClose(int fd);
 
-#endif  // QUARNEL_PLATFORM_CRASHSIGNAL_H_
+#endif  // QUARNEL_PLATFORM_INTERNAL_CRASHSIGNAL_H_

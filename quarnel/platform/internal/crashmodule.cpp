@@ -1,4 +1,4 @@
-#include "quarnel/platform/crashmodule.h"
+#include "quarnel/platform/internal/crashmodule.h"
 
 #include <elf.h>
 #include <fcntl.h>

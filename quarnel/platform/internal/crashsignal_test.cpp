@@ -1,6 +1,6 @@
 // The crash report's view of the system: which exception a signal is, the
 // threads and their registers, the modules, symbols and memory map.
-#include "quarnel/platform/crashsignal.h"
+#include "quarnel/platform/internal/crashsignal.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "quarnel/platform/crashmodule.h"
+#include "quarnel/platform/internal/crashmodule.h"
 #include "quarnel/platform/threadid.h"
 
 namespace {

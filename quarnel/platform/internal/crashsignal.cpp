@@ -1,4 +1,4 @@
-#include "quarnel/platform/crashsignal.h"
+#include "quarnel/platform/internal/crashsignal.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -14,7 +14,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "quarnel/platform/crashmodule.h"
+#include "quarnel/platform/internal/crashmodule.h"
 
 extern char** environ;
 
