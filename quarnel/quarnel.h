@@ -19,6 +19,7 @@
 #include "quarnel/datetime/tdate.h"
 #include "quarnel/datetime/ticker.h"
 #include "quarnel/foundation/alert.h"
+#include "quarnel/foundation/crashreport.h"
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/error.h"
 #include "quarnel/foundation/errors.h"

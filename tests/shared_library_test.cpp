@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
 
 #include "quarnel/quarnel.h"
 
@@ -87,4 +91,28 @@ TEST(SharedLibrary, ExportsContainersDatesAndResources) {
   message.SPrintf(u"%E", kErrFileNotFound);
   EXPECT_GT(message.Length(), 0);
   DLUnloadLib(&vellores);
+}
+
+// The library installs its crash handler when it is loaded; an assertion
+// appends a report to the crash log the default resource module names, in the
+// log folder, below the module's heading.
+TEST(SharedLibrary, AssertionsWriteTheCrashReport) {
+  const QuarnelEnvType saved = *QuarnelEnv();
+  const std::filesystem::path folder = std::filesystem::temp_directory_path() /
+                                       ("quarnel_shared_" + std::to_string(UGetCurrentThreadId()));
+  std::filesystem::create_directories(folder);
+  QuarnelEnv()->logFolder = folder.string();
+  EXPECT_EQ(InstallCrashHandler(), 1);
+  TString vellores(u"vellores.dll");
+  ASSERT_EQ(DLLoadLib(&vellores), 0);
+  Debug("shared", 12);
+  DLUnloadLib(&vellores);
+  std::ifstream in(folder / "assert_log.utx", std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  EXPECT_EQ(text.str().rfind("Vellomarch assertion and exception log\r\nEach report", 0), 0u);
+  EXPECT_NE(text.str().find("Error info: Assertion failure at \"shared-12\""), std::string::npos);
+  EXPECT_NE(text.str().find("\r\nException code: E0000000 ASSERTION\r\n"), std::string::npos);
+  *QuarnelEnv() = saved;
+  std::filesystem::remove_all(folder);
 }

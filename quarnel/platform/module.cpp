@@ -37,6 +37,7 @@ constexpr unsigned kErrorInvalidHandle = 6;
 constexpr unsigned kErrorInvalidData = 13;
 constexpr unsigned kErrorBadParameter = 87;
 constexpr unsigned kErrorModNotFound = 126;
+constexpr unsigned kErrorProcNotFound = 127;
 constexpr unsigned kErrorBadExeFormat = 193;
 constexpr unsigned kErrorResourceTypeNotFound = 1813;
 constexpr unsigned kErrorResourceNameNotFound = 1814;
@@ -491,6 +492,27 @@ HMODULE UGetModuleHandle(const char16_t* name) {
   }
   Fail(kErrorModNotFound);
   return nullptr;
+}
+
+void* UGetProcAddress(HMODULE module, const char* name) {
+  void* handle = nullptr;
+  bool host = false;
+  {
+    std::lock_guard<std::mutex> hold(g_lock);
+    UModule* m = module == nullptr ? &Host() : module;
+    host = m == &Host();
+    if (!host && Known(m) && m->kind == UModule::Kind::kShared) handle = m->dl;
+  }
+  if (host) handle = dlopen(nullptr, RTLD_NOW);
+  if (handle == nullptr || name == nullptr) {
+    if (host && handle != nullptr) dlclose(handle);
+    Fail(kErrorInvalidHandle);
+    return nullptr;
+  }
+  void* address = dlsym(handle, name);
+  if (host) dlclose(handle);
+  if (address == nullptr) Fail(kErrorProcNotFound);
+  return address;
 }
 
 int UGetModuleFileName(HMODULE module, char16_t* buffer, int size) {
