@@ -40,9 +40,13 @@ enum : unsigned short {
 };
 
 // Fixed pictures of the forms that do not come from the locale.
-constexpr char16_t kAbbreviatedPicture[] = u"ddd, dd MMM yy";
-constexpr char16_t kIsoDatePicture[] = u"yyyy-MM-dd";
-constexpr char16_t kIsoDateTimePicture[] = u"yyyy-MM-dd'T'HH:mm:ss";
+// The crash report's narrow formatter uses the same pictures.
+#define QN_ABBREVIATED_PICTURE "ddd, dd MMM yy"
+#define QN_ISO_DATE_PICTURE "yyyy-MM-dd"
+#define QN_ISO_DATE_TIME_PICTURE "yyyy-MM-dd'T'HH:mm:ss"
+constexpr char16_t kAbbreviatedPicture[] = u"" QN_ABBREVIATED_PICTURE;
+constexpr char16_t kIsoDatePicture[] = u"" QN_ISO_DATE_PICTURE;
+constexpr char16_t kIsoDateTimePicture[] = u"" QN_ISO_DATE_TIME_PICTURE;
 
 struct Fields {
   long long year = 1;
@@ -221,11 +225,11 @@ struct PreparedWords {
       case 1:
         return w.longDate;
       case 2:
-        return "ddd, dd MMM yyyy";
+        return QN_ABBREVIATED_PICTURE;
       case 3:
-        return "yyyy-MM-dd";
+        return QN_ISO_DATE_PICTURE;
       case 4:
-        return "yyyy-MM-dd'T'HH:mm:ss";
+        return QN_ISO_DATE_TIME_PICTURE;
       default:
         return w.shortDate;
     }
