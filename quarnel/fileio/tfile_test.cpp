@@ -1,7 +1,6 @@
 #include "quarnel/fileio/tfile.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <random>
 #include <vector>
@@ -9,6 +8,7 @@
 #include "quarnel/fileio/tvol.h"
 #include "quarnel/foundation/errors.h"
 #include "quarnel/platform/faults.h"
+#include "quarnel/platform/testchild.h"
 #include "tests/support/drive_fixture.h"
 
 namespace {
@@ -153,21 +153,14 @@ TEST_F(Files, TextAndBlockReadsAndWrites) {
 TEST_F(Files, OpenRetriesPastAnotherProcessesWriter) {
   WriteHost(Host(u"C:\\log.txt"), "line\n");
   TFileLoc loc = File(u"C:\\log.txt");
-  int ready[2], done[2];
-  ASSERT_EQ(pipe(ready), 0);
-  ASSERT_EQ(pipe(done), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    TFile writer;
-    const char ok = writer.Open(&loc, 0x3) == 0 ? 'y' : 'n';
-    (void)!write(ready[1], &ok, 1);
-    char c;
-    (void)!read(done[0], &c, 1);
-    _exit(0);
-  }
-  char ok = 0;
-  ASSERT_EQ(read(ready[0], &ok, 1), 1);
-  ASSERT_EQ(ok, 'y');
+  UTestChild child;
+  ASSERT_EQ(child.Start(
+                [](void* at) {
+                  static TFile writer;  // stays open in the child until it is released
+                  return writer.Open(static_cast<TFileLoc*>(at), 0x3);
+                },
+                &loc),
+            0);
   TFile reader, writer;
   EXPECT_EQ(reader.Open(&loc, 0x1), 0);
   unsigned n = 4;
@@ -180,11 +173,8 @@ TEST_F(Files, OpenRetriesPastAnotherProcessesWriter) {
       (std::vector<LogLine>{
           {518, "", "TFile::Open: UCreateFile failed, C:\\log.txt, winerr 32, error -1020"}}));
   EXPECT_FALSE(writer.IsValid());
-  (void)!write(done[1], "x", 1);
-  int status = 0;
-  waitpid(child, &status, 0);
+  child.Release();
   EXPECT_EQ(writer.Open(&loc, 0x3), 0);  // the reader got in sharing writing
-  for (int fd : {ready[0], ready[1], done[0], done[1]}) close(fd);
 }
 
 // Faults at the n-th write, a failing flush, truncation and close: the

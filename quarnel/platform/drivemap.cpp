@@ -68,7 +68,7 @@ struct DriveMap {
 DriveMap& Map() {
   static DriveMap* map = [] {
     auto* m = new DriveMap;
-    m->drives['Z' - 'A'] = "/";
+    m->drives['Z' - 'A'].assign(1, '/');
     if (const char* spec = std::getenv("QUARNEL_DRIVES")) {
       std::string s(spec);
       std::size_t i = 0;
@@ -102,19 +102,20 @@ bool Before(const timespec& a, const timespec& b) {
   return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
 }
 
-// One folder's names by their folded form. `trusted`: the folder had not
-// changed within the clock tick of the scan, so an unchanged change time
-// proves the index complete and a miss needs no new scan. The listing in
-// find order with 8.3 names is made the first time it is asked for.
+// One folder's entries in find order (their upper-cased names), and the
+// entries by folded name. `trusted`: the folder had not changed within the
+// clock tick of the scan, so an unchanged change time proves the index
+// complete and a miss needs no new scan. The 8.3 names are made the first
+// time they are asked for; a listing handed out is not changed afterwards.
 struct FolderIndex {
   dev_t dev = 0;
   ino_t ino = 0;
   timespec mtime{};
   timespec ctime{};
   bool trusted = false;
-  std::unordered_map<std::u16string, std::string> byFold;
-  std::shared_ptr<const std::vector<FolderEntry>> listing;
-  std::unordered_map<std::string, std::u16string> shortByHost;
+  bool shortNamesMade = false;
+  std::shared_ptr<std::vector<FolderEntry>> listing;
+  std::unordered_map<std::u16string, std::size_t> byFold;
 };
 
 constexpr std::size_t kIndexedFolders = 32;
@@ -137,16 +138,33 @@ bool Scan(const std::string& folder, FolderIndex* index) {
   if (stat(folder.c_str(), &st) != 0) return false;
   DIR* dir = opendir(folder.c_str());
   if (!dir) return false;
-  index->byFold.clear();
-  index->listing.reset();
-  index->shortByHost.clear();
+  std::vector<FolderEntry> found;
+  std::vector<std::u16string> folds;
   while (dirent* e = readdir(dir)) {
-    const std::string name = e->d_name;
-    if (name == "." || name == "..") continue;
-    auto [it, fresh] = index->byFold.emplace(FoldName(WideFromHost(name)), name);
-    if (!fresh && name < it->second) it->second = name;  // clashing spellings: the lowest wins
+    const char* n = e->d_name;
+    if (n[0] == '.' && (n[1] == 0 || (n[1] == '.' && n[2] == 0))) continue;
+    found.push_back(FolderEntry{n, WideFromHost(n), std::u16string()});
+    folds.push_back(FoldName(found.back().name));
   }
   closedir(dir);
+  std::vector<std::uint32_t> order(found.size());
+  for (std::uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+  // Names equal but for case: the lowest host name first, and it answers
+  // for all of them.
+  std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
+    const int c = folds[a].compare(folds[b]);
+    return c != 0 ? c < 0 : found[a].host < found[b].host;
+  });
+  auto listing = std::make_shared<std::vector<FolderEntry>>();
+  listing->reserve(found.size());
+  index->byFold.clear();
+  index->byFold.reserve(found.size());
+  for (std::uint32_t i : order) {
+    index->byFold.emplace(std::move(folds[i]), listing->size());
+    listing->push_back(std::move(found[i]));
+  }
+  index->listing = std::move(listing);
+  index->shortNamesMade = false;
   index->dev = st.st_dev;
   index->ino = st.st_ino;
   index->mtime = st.st_mtim;
@@ -185,34 +203,47 @@ FolderIndex* IndexOf(IndexCache& cache, const std::string& folder, const struct 
   return &index;
 }
 
-void BuildListing(FolderIndex* index) {
-  if (index->listing) return;
-  auto list = std::make_shared<std::vector<FolderEntry>>();
-  list->reserve(index->byFold.size());
-  std::vector<std::pair<std::u16string, const std::string*>> order;
-  order.reserve(index->byFold.size());
-  for (const auto& [fold, host] : index->byFold) order.emplace_back(fold, &host);
-  std::sort(order.begin(), order.end());
+// Gives every entry that is not a valid 8.3 name its 8.3 name, in find
+// order. A name's number starts after the last one its group (the names
+// with the same first 8.3 name) took, and after the last one taken by the
+// names that shorten to the same base for a number of that many digits, so
+// that each entry costs a few tries however crowded the folder.
+void MakeShortNames(FolderIndex* index) {
+  if (index->shortNamesMade) return;
+  index->shortNamesMade = true;
+  std::vector<FolderEntry>& list = *index->listing;
+  std::vector<bool> isShort(list.size());
   std::unordered_set<std::u16string> taken;
-  for (const auto& [fold, host] : order) {
-    list->push_back(FolderEntry{*host, WideFromHost(*host), std::u16string()});
-    if (IsShortName(list->back().name)) taken.insert(fold);
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    isShort[i] = IsShortName(list[i].name);
+    if (isShort[i]) taken.insert(FoldName(list[i].name));
   }
-  for (FolderEntry& e : *list) {
-    if (IsShortName(e.name)) continue;
-    for (int n = 1;; ++n) {
-      std::u16string alt = ShortNameFor(e.name, n);
-      if (taken.insert(alt).second) {
-        e.shortName = std::move(alt);
-        break;
+  std::unordered_map<std::u16string, int> lastOfGroup, lastOfFamily;
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    if (isShort[i]) continue;
+    const ShortNameStem stem = ShortStemOf(list[i].name);
+    int& groupLast = lastOfGroup[stem.base.substr(0, 6) + u'.' + stem.ext];
+    for (int n = groupLast + 1;; ++n) {
+      // The family: the names of this base cut for numbers of n's length.
+      int digits = 1;
+      for (int v = n; v >= 10; v /= 10) ++digits;
+      int& familyLast = lastOfFamily[stem.base.substr(0, digits >= 7 ? 1 : 7 - digits) + u'~' +
+                                     static_cast<char16_t>(u'0' + digits) + stem.ext];
+      if (n <= familyLast) {
+        n = familyLast;  // the loop's ++n goes past it
+        continue;
       }
+      std::u16string alt = ShortNameFrom(stem, n);
+      if (!taken.insert(alt).second) continue;
+      list[i].shortName = std::move(alt);
+      groupLast = familyLast = n;
+      break;
     }
-    index->shortByHost.emplace(e.host, e.shortName);
   }
-  index->listing = std::move(list);
 }
 
-// The on-disk name in `folder` that equals `wide` ignoring case, "" when none.
+// The on-disk name in `folder` that equals `wide` ignoring case (or is its
+// 8.3 name), "" when none.
 std::string FindFolded(const std::string& folder, const std::u16string& wide) {
   const std::u16string key = FoldName(wide);
   struct stat st;
@@ -224,17 +255,17 @@ std::string FindFolded(const std::string& folder, const std::u16string& wide) {
   if (index == nullptr) return std::string();
   auto hit = index->byFold.find(key);
   if (hit != index->byFold.end()) {
+    const std::string& host = (*index->listing)[hit->second].host;
     struct stat probe;
-    if (lstat(JoinHost(folder, hit->second).c_str(), &probe) == 0) return hit->second;
+    if (lstat(JoinHost(folder, host).c_str(), &probe) == 0) return host;
   }
   if (!rescanned && !index->trusted) {
     if (!Scan(folder, index)) return std::string();
     hit = index->byFold.find(key);
-    if (hit != index->byFold.end()) return hit->second;
+    if (hit != index->byFold.end()) return (*index->listing)[hit->second].host;
   }
-  // An 8.3 name reaches its entry too.
   if (key.find(u'~') == std::u16string::npos || !IsShortName(key)) return std::string();
-  BuildListing(index);
+  MakeShortNames(index);
   for (const FolderEntry& e : *index->listing)
     if (e.shortName == key) return e.host;
   return std::string();
@@ -362,13 +393,14 @@ bool FolderEntries(const std::string& folder,
   bool rescanned = false;
   FolderIndex* index = IndexOf(cache, folder, st, true, &rescanned);
   if (index == nullptr) return false;
-  BuildListing(index);
+  MakeShortNames(index);
   *out = index->listing;
   return true;
 }
 
 std::u16string ShortNameIn(const std::string& folder, const std::string& hostName) {
-  if (IsShortName(WideFromHost(hostName))) return std::u16string();
+  const std::u16string wide = WideFromHost(hostName);
+  if (IsShortName(wide)) return std::u16string();
   struct stat st;
   if (stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return std::u16string();
   IndexCache& cache = Cache();
@@ -376,9 +408,11 @@ std::u16string ShortNameIn(const std::string& folder, const std::string& hostNam
   bool rescanned = false;
   FolderIndex* index = IndexOf(cache, folder, st, true, &rescanned);
   if (index == nullptr) return std::u16string();
-  BuildListing(index);
-  auto it = index->shortByHost.find(hostName);
-  return it == index->shortByHost.end() ? std::u16string() : it->second;
+  MakeShortNames(index);
+  const auto hit = index->byFold.find(FoldName(wide));
+  if (hit == index->byFold.end()) return std::u16string();
+  const FolderEntry& e = (*index->listing)[hit->second];
+  return e.host == hostName ? e.shortName : std::u16string();
 }
 
 void ForgetFolderIndex(const std::string& folderHost) {
@@ -427,7 +461,7 @@ unsigned ResolvePath(const char16_t* path, bool wildLast, Resolved* out) {
     out->parentExists = true;
     out->leaf = HostFromWide(parts.back());
     out->parentHost = exact.substr(0, exact.size() - out->leaf.size() - 1);
-    if (out->parentHost.empty()) out->parentHost = "/";
+    if (out->parentHost.empty()) out->parentHost.assign(1, '/');
     return 0;
   }
   // Otherwise walk: the folder part as given when it exists, else component
@@ -454,7 +488,8 @@ unsigned ResolvePath(const char16_t* path, bool wildLast, Resolved* out) {
   out->parentHost = folder;
   out->parentExists = found && IsFolder(folder);
   std::string leaf;
-  if (out->parentExists) leaf = FindFolded(folder, parts.back());
+  const bool pattern = wildLast && HasWildcard(parts.back());
+  if (out->parentExists && !pattern) leaf = FindFolded(folder, parts.back());
   out->leaf = leaf.empty() ? HostFromWide(parts.back()) : leaf;
   out->host = JoinHost(folder, out->leaf);
   out->exists = !leaf.empty() && StatHost(out->host, &out->st);

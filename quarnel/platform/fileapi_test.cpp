@@ -1,17 +1,18 @@
 #include "quarnel/platform/fileapi.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <fstream>
 #include <random>
+#include <set>
 #include <sstream>
 
 #include "quarnel/platform/drivemap.h"
 #include "quarnel/platform/env.h"
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/lasterror.h"
+#include "quarnel/platform/testchild.h"
 #include "tests/support/drive_fixture.h"
 
 namespace {
@@ -216,21 +217,15 @@ TEST_F(FileApi, SharingFollowsTheWindowsRuleAcrossHandles) {
 // refused.
 TEST_F(FileApi, SharingHoldsAgainstAnotherProcess) {
   WriteHost(Host(u"C:\\log.txt"), "line\n");
-  int ready[2], done[2];
-  ASSERT_EQ(pipe(ready), 0);
-  ASSERT_EQ(pipe(done), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    const UHANDLE h = Open(u"C:\\log.txt", kGenericWrite, kFileShareRead, kOpenExisting);
-    const char ok = h != kInvalidHandleValue ? 'y' : 'n';
-    (void)!write(ready[1], &ok, 1);
-    char c;
-    (void)!read(done[0], &c, 1);
-    _exit(0);
-  }
-  char ok = 0;
-  ASSERT_EQ(read(ready[0], &ok, 1), 1);
-  ASSERT_EQ(ok, 'y');
+  UTestChild child;
+  ASSERT_EQ(child.Start(
+                [](void*) {
+                  const UHANDLE h =
+                      UCreateFile(u"C:\\log.txt", kGenericWrite, kFileShareRead, kOpenExisting, 0);
+                  return h != kInvalidHandleValue ? 1 : 0;  // held until released
+                },
+                nullptr),
+            1);
   EXPECT_EQ(OpenError(u"C:\\log.txt", kGenericRead, kOpenExisting, 0, kFileShareRead), 32u);
   EXPECT_EQ(
       OpenError(u"C:\\log.txt", kGenericRead, kOpenExisting, 0, kFileShareRead | kFileShareWrite),
@@ -238,11 +233,8 @@ TEST_F(FileApi, SharingHoldsAgainstAnotherProcess) {
   EXPECT_EQ(
       OpenError(u"C:\\log.txt", kGenericWrite, kOpenExisting, 0, kFileShareRead | kFileShareWrite),
       32u);
-  (void)!write(done[1], "x", 1);
-  int status = 0;
-  waitpid(child, &status, 0);
+  child.Release();
   EXPECT_EQ(OpenError(u"C:\\log.txt", kGenericWrite, kOpenExisting), 0u);
-  for (int fd : {ready[0], ready[1], done[0], done[1]}) close(fd);
 }
 
 TEST_F(FileApi, NamesMatchIgnoringCaseAndKeepTheCaseGiven) {
@@ -328,6 +320,27 @@ TEST_F(FileApi, FindMatchesWildcardsAndGivesShortNames) {
   ASSERT_NE(one, kInvalidHandleValue);
   EXPECT_EQ(Utf8(d.cAlternateFileName), "LONGFI~2.TXT");
   UFindClose(one);
+  // In a crowded folder every 8.3 name is unique and reaches its file.
+  MakeHostFolder(Host(u"C:\\crowd"));
+  for (int i = 0; i < 1200; ++i)
+    WriteHost(HostOf('C') + "/crowd/longname" + std::to_string(i) + ".txt", "");
+  std::set<std::string> alts;
+  const UHANDLE all = UFindFirstFile(u"C:\\crowd\\*", &d);
+  ASSERT_NE(all, kInvalidHandleValue);
+  do {
+    const std::u16string alt = d.cAlternateFileName;
+    if (alt.empty()) continue;  // "." and ".."
+    ASSERT_LE(alt.size(), 12u);
+    EXPECT_TRUE(alts.insert(Utf8(alt)).second) << Utf8(alt);
+    UWIN32_FIND_DATAW byShort;
+    const UHANDLE one = UFindFirstFile((u"C:\\crowd\\" + alt).c_str(), &byShort);
+    ASSERT_NE(one, kInvalidHandleValue);
+    EXPECT_EQ(Utf8(byShort.cFileName), Utf8(d.cFileName));
+    UFindClose(one);
+  } while (UFindNextFile(all, &d));
+  UFindClose(all);
+  EXPECT_EQ(alts.size(), 1200u);
+  EXPECT_EQ(alts.count("LONGNA~1.TXT"), 1u);
   // A root lists no "." or "..".
   const UHANDLE root = UFindFirstFile(u"D:\\*.*", &d);
   EXPECT_EQ(root, kInvalidHandleValue);

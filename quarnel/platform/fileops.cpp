@@ -123,7 +123,7 @@ std::u16string TempFolderText() {
       break;
     }
   }
-  if (value.empty()) value = "/tmp";
+  if (value.empty()) value.assign("/tmp", 4);
   std::u16string loc;
   const bool windowsForm = (value.size() >= 2 && value[1] == ':') || value.rfind("\\\\", 0) == 0;
   if (windowsForm) {

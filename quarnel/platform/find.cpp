@@ -1,5 +1,7 @@
 // FindFirstFile, FindNextFile and FindClose over the drive map.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -26,13 +28,14 @@ void CopyName(char16_t* dst, std::size_t cap, const std::u16string& name) {
   dst[n] = 0;
 }
 
-// Fills `data` for `entry` of `folder`; false when the entry is gone.
-bool Fill(const std::string& folder, const FolderEntry& entry, UWIN32_FIND_DATAW* data) {
+// Fills `data` for `entry` of the folder open as `folderFd`; false when the
+// entry is gone.
+bool Fill(int folderFd, const FolderEntry& entry, UWIN32_FIND_DATAW* data) {
   struct stat st;
-  const std::string host = entry.host == "."    ? folder
-                           : entry.host == ".." ? JoinHost(folder, "..")
-                                                : JoinHost(folder, entry.host);
-  if (stat(host.c_str(), &st) != 0 && lstat(host.c_str(), &st) != 0) return false;
+  if (fstatat(folderFd, entry.host.c_str(), &st, 0) != 0 &&
+      fstatat(folderFd, entry.host.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    return false;
+  }
   std::memset(data, 0, sizeof *data);
   const bool dots = entry.host == "." || entry.host == "..";
   data->dwFileAttributes = AttributesOf(st, dots ? std::string() : entry.host);
@@ -51,10 +54,14 @@ bool Fill(const std::string& folder, const FolderEntry& entry, UWIN32_FIND_DATAW
 
 // Hands out the next entry that still exists; false at the end.
 bool Next(UFindObject* f, UWIN32_FIND_DATAW* data) {
-  while (f->next < f->matches.size()) {
-    if (Fill(f->folder, f->matches[f->next++], data)) return true;
+  for (;;) {
+    const std::size_t at = f->next;
+    if (at >= f->own.size() + f->picks.size()) return false;
+    ++f->next;
+    const FolderEntry& e =
+        at < f->own.size() ? f->own[at] : (*f->listing)[f->picks[at - f->own.size()]];
+    if (Fill(f->folderFd, e, data)) return true;
   }
-  return false;
 }
 
 int Refuse(unsigned err) {
@@ -86,34 +93,39 @@ UHANDLE UFindFirstFile(const char16_t* pattern, UWIN32_FIND_DATAW* data) {
   }
   auto find = std::make_unique<UFindObject>();
   const std::u16string& last = r.win.parts.back();
+  if (!r.parentExists) {
+    USetLastError(HasWildcard(last) ? 3u : MissingError(r));
+    return kInvalidHandleValue;
+  }
+  find->folderFd = ::open(r.parentHost.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (find->folderFd < 0) {
+    USetLastError(3);
+    return kInvalidHandleValue;
+  }
   if (!HasWildcard(last)) {
     if (!r.exists) {
       USetLastError(MissingError(r));
       return kInvalidHandleValue;
     }
-    find->folder = r.parentHost;
-    find->matches.push_back(
+    find->own.push_back(
         FolderEntry{r.leaf, WideFromHost(r.leaf), ShortNameIn(r.parentHost, r.leaf)});
   } else {
-    if (!r.parentExists) {
+    if (!FolderEntries(r.parentHost, &find->listing)) {
       USetLastError(3);
       return kInvalidHandleValue;
     }
-    std::shared_ptr<const std::vector<FolderEntry>> listing;
-    if (!FolderEntries(r.parentHost, &listing)) {
-      USetLastError(3);
-      return kInvalidHandleValue;
-    }
-    find->folder = r.parentHost;
-    const bool atRoot = r.win.parts.size() == 1;
-    if (!atRoot) {
+    if (r.win.parts.size() > 1) {  // a root has no "." and ".."
       for (const char16_t* dot : {u".", u".."}) {
         if (WildcardMatch(last, dot))
-          find->matches.push_back(FolderEntry{HostFromWide(dot), dot, std::u16string()});
+          find->own.push_back(FolderEntry{HostFromWide(dot), dot, std::u16string()});
       }
     }
-    for (const FolderEntry& e : *listing) {
-      if (WildcardMatch(last, e.name)) find->matches.push_back(e);
+    const std::vector<FolderEntry>& all = *find->listing;
+    const bool every = last == u"*" || last == u"*.*";
+    find->picks.reserve(every ? all.size() : 16);
+    for (std::size_t i = 0; i < all.size(); ++i) {
+      if (every || WildcardMatch(last, all[i].name))
+        find->picks.push_back(static_cast<std::uint32_t>(i));
     }
   }
   if (!Next(find.get(), data)) {

@@ -48,6 +48,10 @@ UFileObject::~UFileObject() {
   if (fd >= 0) ::close(fd);
 }
 
+UFindObject::~UFindObject() {
+  if (folderFd >= 0) ::close(folderFd);
+}
+
 UHANDLE AddHandle(UObject* object) {
   Table& t = TheTable();
   std::lock_guard<std::mutex> hold(t.lock);

@@ -35,11 +35,17 @@ struct UFileObject : UObject {
   std::u16string volRoot;  // the volume's root in Windows form ("C:\", "\\srv\share\")
 };
 
+// A find: the entries it hands out are first `own` ("." and "..", or the
+// one entry a name without wildcards found), then the entries of `listing`
+// whose indexes are in `picks`.
 struct UFindObject : UObject {
   UFindObject() : UObject(kFind) {}
-  std::string folder;                // host folder
-  std::vector<FolderEntry> matches;  // in find order
-  std::size_t next = 0;
+  ~UFindObject() override;
+  int folderFd = -1;  // the folder, for the status of its entries
+  std::vector<FolderEntry> own;
+  std::shared_ptr<const std::vector<FolderEntry>> listing;
+  std::vector<std::uint32_t> picks;
+  std::size_t next = 0;  // position in own, then in picks
 };
 
 // A walk over names (volume names or mount points).

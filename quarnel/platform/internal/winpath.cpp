@@ -1,5 +1,7 @@
 #include "quarnel/platform/internal/winpath.h"
 
+#include <cstdio>
+
 namespace quarnel_internal {
 
 namespace {
@@ -288,28 +290,36 @@ bool IsShortName(const std::u16string& name) {
   return true;
 }
 
-std::u16string ShortNameFor(const std::u16string& name, int n) {
+ShortNameStem ShortStemOf(const std::u16string& name) {
   std::size_t start = 0;
   while (start < name.size() && (name[start] == u'.' || name[start] == u' ')) ++start;
-  const std::u16string rest = name.substr(start);
-  const std::size_t dot = rest.rfind(u'.');
+  const std::size_t dot = name.rfind(u'.');
+  const bool hasExt = dot != std::u16string::npos && dot >= start;
   auto usable = [](char16_t c) -> char16_t { return ShortNameUnit(c) ? UpperAscii(c) : u'_'; };
-  std::u16string base, ext;
-  const std::size_t baseEnd = dot == std::u16string::npos ? rest.size() : dot;
-  for (std::size_t i = 0; i < baseEnd; ++i)
-    if (rest[i] != u'.' && rest[i] != u' ') base += usable(rest[i]);
-  if (dot != std::u16string::npos) {
-    for (std::size_t i = dot + 1; i < rest.size() && ext.size() < 3; ++i)
-      if (rest[i] != u' ') ext += usable(rest[i]);
+  ShortNameStem stem;
+  const std::size_t baseEnd = hasExt ? dot : name.size();
+  for (std::size_t i = start; i < baseEnd; ++i)
+    if (name[i] != u'.' && name[i] != u' ') stem.base += usable(name[i]);
+  if (hasExt) {
+    for (std::size_t i = dot + 1; i < name.size() && stem.ext.size() < 3; ++i)
+      if (name[i] != u' ') stem.ext += usable(name[i]);
   }
-  if (base.empty()) base = u"_";
-  std::u16string tail = u"~";
-  for (char c : std::to_string(n < 1 ? 1 : n)) tail += static_cast<char16_t>(c);
-  const std::size_t keep = tail.size() >= 8 ? 1 : 8 - tail.size();
-  if (base.size() > keep) base.resize(keep);
-  std::u16string out = base + tail;
-  if (!ext.empty()) out += u'.' + ext;
+  if (stem.base.empty()) stem.base = u"_";
+  return stem;
+}
+
+std::u16string ShortNameFrom(const ShortNameStem& stem, int n) {
+  char digits[16];
+  const int len = std::snprintf(digits, sizeof digits, "~%d", n < 1 ? 1 : n);
+  const std::size_t keep = len >= 8 ? 1 : static_cast<std::size_t>(8 - len);
+  std::u16string out = stem.base.substr(0, keep);
+  for (int i = 0; i < len; ++i) out += static_cast<char16_t>(digits[i]);
+  if (!stem.ext.empty()) out += u'.' + stem.ext;
   return out;
+}
+
+std::u16string ShortNameFor(const std::u16string& name, int n) {
+  return ShortNameFrom(ShortStemOf(name), n);
 }
 
 std::string HostFromWide(const std::u16string& wide) {

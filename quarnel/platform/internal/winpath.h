@@ -74,6 +74,14 @@ bool IsShortName(const std::u16string& name);
 // and digits and ! # $ % & ' ( ) - @ ^ _ ` { } ~; + , ; = [ ] and every other
 // unit become "_".
 std::u16string ShortNameFor(const std::u16string& name, int n);
+// The same in two steps: the usable base (uncut) and extension of a name,
+// then the name with number n.
+struct ShortNameStem {
+  std::u16string base;
+  std::u16string ext;
+};
+ShortNameStem ShortStemOf(const std::u16string& name);
+std::u16string ShortNameFrom(const ShortNameStem& stem, int n);
 
 // UTF-16 to the host's UTF-8 and back. Bytes that are not valid UTF-8 come
 // back as the lone units U+DC80..U+DCFF and go out again as the same bytes,
