@@ -62,74 +62,54 @@ TFileLoc Loc(const char16_t* path) {
   return loc;
 }
 
-void BM_TFileWrite(benchmark::State& state) {
-  TheDisk();
+// Writes or reads a block at the start of the file, again and again,
+// through TFile or through an unbuffered C stream.
+void Blocks(benchmark::State& state, bool write, bool peer) {
   const auto size = static_cast<unsigned>(state.range(0));
   std::vector<unsigned char> data(size, 0x5A);
-  TFileLoc loc = Loc(u"X:\\write.bin");
-  TFile file;
-  file.Create(&loc, 0x3);
-  for (auto _ : state) {
-    file.SetPosFromBegin(0);
-    unsigned n = size;
-    file.Write(&n, data.data());
-  }
-  file.Close();
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * size);
-}
-
-void BM_PeerWrite(benchmark::State& state) {
-  const auto size = static_cast<std::size_t>(state.range(0));
-  std::vector<unsigned char> data(size, 0x5A);
-  std::FILE* f = std::fopen((TheDisk().root / "write.bin").c_str(), "w+b");
-  std::setvbuf(f, nullptr, _IONBF, 0);
-  for (auto _ : state) {
-    std::fseek(f, 0, SEEK_SET);
-    std::fwrite(data.data(), 1, size, f);
-  }
-  std::fclose(f);
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * size));
-}
-
-void BM_TFileRead(benchmark::State& state) {
-  const auto size = static_cast<unsigned>(state.range(0));
-  std::vector<unsigned char> data(size);
-  {
-    std::FILE* f = std::fopen((TheDisk().root / "read.bin").c_str(), "wb");
-    std::fwrite(data.data(), 1, size, f);
-    std::fclose(f);
-  }
-  TFileLoc loc = Loc(u"X:\\read.bin");
-  TFile file;
-  file.Open(&loc, 0x1);
-  for (auto _ : state) {
-    file.SetPosFromBegin(0);
-    unsigned n = size;
-    file.Read(&n, data.data());
-  }
-  file.Close();
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * size);
-}
-
-void BM_PeerRead(benchmark::State& state) {
-  const auto size = static_cast<std::size_t>(state.range(0));
-  std::vector<unsigned char> data(size);
-  std::FILE* f = std::fopen((TheDisk().root / "read.bin").c_str(), "wb");
+  const fs::path host = TheDisk().root / "blocks.bin";
+  std::FILE* f = std::fopen(host.c_str(), "w+b");
   std::fwrite(data.data(), 1, size, f);
-  std::fclose(f);
-  f = std::fopen((TheDisk().root / "read.bin").c_str(), "rb");
   std::setvbuf(f, nullptr, _IONBF, 0);
+  TFileLoc loc = Loc(u"X:\\blocks.bin");
+  TFile file;
+  file.Open(&loc, 0x3);
   for (auto _ : state) {
-    std::fseek(f, 0, SEEK_SET);
-    benchmark::DoNotOptimize(std::fread(data.data(), 1, size, f));
+    if (peer) {
+      std::fseek(f, 0, SEEK_SET);
+      benchmark::DoNotOptimize(write ? std::fwrite(data.data(), 1, size, f)
+                                     : std::fread(data.data(), 1, size, f));
+    } else {
+      file.SetPosFromBegin(0);
+      unsigned n = size;
+      benchmark::DoNotOptimize(write ? file.Write(&n, data.data()) : file.Read(&n, data.data()));
+    }
   }
+  file.Close();
   std::fclose(f);
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * size));
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * size);
 }
 
-void BM_FindFirstNext(benchmark::State& state) {
+void BM_TFileWrite(benchmark::State& state) { Blocks(state, true, false); }
+void BM_PeerWrite(benchmark::State& state) { Blocks(state, true, true); }
+void BM_TFileRead(benchmark::State& state) { Blocks(state, false, false); }
+void BM_PeerRead(benchmark::State& state) { Blocks(state, false, true); }
+
+// Changes the big folder (a file made and removed) with the clock stopped.
+void ChangeFolder(benchmark::State& state) {
+  const fs::path marker = TheDisk().root / "big" / "changed.tmp";
+  state.PauseTiming();
+  std::fclose(std::fopen(marker.c_str(), "w"));
+  fs::remove(marker);
+  state.ResumeTiming();
+}
+
+// Find-first/next over the big folder; with `changed` the folder changes
+// before each find, so the folder's index and 8.3 names are made again.
+void FindFirstNext(benchmark::State& state, bool changed) {
   TheDisk();
   for (auto _ : state) {
+    if (changed) ChangeFolder(state);
     UWIN32_FIND_DATAW data;
     const UHANDLE h = UFindFirstFile(u"X:\\big\\*.*", &data);
     int n = 1;
@@ -139,23 +119,8 @@ void BM_FindFirstNext(benchmark::State& state) {
   }
 }
 
-// The same after the folder changed each time: the folder's index and 8.3
-// names are made again on every find-first.
-void BM_FindFirstNextChanged(benchmark::State& state) {
-  const fs::path marker = TheDisk().root / "big" / "changed.tmp";
-  for (auto _ : state) {
-    state.PauseTiming();
-    std::fclose(std::fopen(marker.c_str(), "w"));
-    fs::remove(marker);
-    state.ResumeTiming();
-    UWIN32_FIND_DATAW data;
-    const UHANDLE h = UFindFirstFile(u"X:\\big\\*.*", &data);
-    int n = 1;
-    while (UFindNextFile(h, &data)) ++n;
-    UFindClose(h);
-    if (n != kFolderFiles + 2) state.SkipWithError("wrong count");
-  }
-}
+void BM_FindFirstNext(benchmark::State& state) { FindFirstNext(state, false); }
+void BM_FindFirstNextChanged(benchmark::State& state) { FindFirstNext(state, true); }
 
 void BM_FolderLocWalk(benchmark::State& state) {
   TheDisk();
@@ -174,14 +139,8 @@ void BM_FolderLocWalk(benchmark::State& state) {
 
 void PeerReaddirStat(benchmark::State& state, bool changed) {
   const fs::path big = TheDisk().root / "big";
-  const fs::path marker = big / "changed.tmp";
   for (auto _ : state) {
-    if (changed) {
-      state.PauseTiming();
-      std::fclose(std::fopen(marker.c_str(), "w"));
-      fs::remove(marker);
-      state.ResumeTiming();
-    }
+    if (changed) ChangeFolder(state);
     int n = 0;
     for (const fs::directory_entry& e : fs::directory_iterator(big)) {
       benchmark::DoNotOptimize(fs::status(e.path()).type());

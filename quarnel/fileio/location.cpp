@@ -22,11 +22,6 @@ constexpr int kLongPath = 259;
 
 const char16_t kTempPrefix[] = u"qnl";
 
-int NullArg(const char* member) {
-  DebugLogf(kLogMisuse, "%s: null argument", member);
-  return kErrBadParameter;
-}
-
 bool IsFolderName(const TString& name, const char16_t* wanted) {
   return name.Compare(wanted, -1, 0) == 0;
 }
@@ -79,37 +74,37 @@ TFolderLoc& TFolderLoc::operator=(const TFolderLoc& other) {
 }
 
 int TFolderLoc::Set(const TFolderLoc* parent, const TString* name) {
-  if (parent == nullptr || name == nullptr) return NullArg("TFolderLoc::Set");
+  if (parent == nullptr || name == nullptr) return NullArgument("TFolderLoc::Set");
   TString path;
   JoinPath(&path, parent->path_, *name);
   return SetPath(&path);
 }
 
 int TFolderLoc::Set(const TVol* vol) {
-  if (vol == nullptr) return NullArg("TFolderLoc::Set");
+  if (vol == nullptr) return NullArgument("TFolderLoc::Set");
   return SetPath(&vol->Path());
 }
 
 int TFolderLoc::SetPath(const TString* path) {
-  if (path == nullptr) return NullArg("TFolderLoc::SetPath");
+  if (path == nullptr) return NullArgument("TFolderLoc::SetPath");
   path_ = *path;
   DropTrailing(&path_);
   return 0;
 }
 
 int TFolderLoc::GetPath(TString* path, int) const {
-  if (path == nullptr) return NullArg("TFolderLoc::GetPath");
+  if (path == nullptr) return NullArgument("TFolderLoc::GetPath");
   *path = path_;
   return 0;
 }
 
 int TFolderLoc::GetVol(TVol* vol) const {
-  if (vol == nullptr) return NullArg("TFolderLoc::GetVol");
+  if (vol == nullptr) return NullArgument("TFolderLoc::GetVol");
   return vol->Set(this);
 }
 
 int TFolderLoc::SetVol(const TVol* vol) {
-  if (vol == nullptr) return NullArg("TFolderLoc::SetVol");
+  if (vol == nullptr) return NullArgument("TFolderLoc::SetVol");
   TVol current;
   const int err = GetVol(&current);
   if (err != 0) return err;
@@ -153,7 +148,7 @@ int TFolderLoc::SetToSystem() {
 }
 
 int TFolderLoc::SetToRecycled(const TVol* vol) {
-  if (vol == nullptr) return NullArg("TFolderLoc::SetToRecycled");
+  if (vol == nullptr) return NullArgument("TFolderLoc::SetToRecycled");
   const TString& root = vol->Path();
   if (root.Length() < 2 || root[1] != u':') return -1;
   TString name;
@@ -236,7 +231,7 @@ int TFolderLoc::CreateDirStructure(int maxLen) {
 }
 
 int TFolderLoc::Rename(const TString* name) const {
-  if (name == nullptr) return NullArg("TFolderLoc::Rename");
+  if (name == nullptr) return NullArgument("TFolderLoc::Rename");
   TFolderLoc parent;
   GetParent(&parent);
   TString to;
@@ -247,7 +242,7 @@ int TFolderLoc::Rename(const TString* name) const {
 }
 
 int TFolderLoc::Move(const TFolderLoc* dest) const {
-  if (dest == nullptr) return NullArg("TFolderLoc::Move");
+  if (dest == nullptr) return NullArgument("TFolderLoc::Move");
   VNativNodeInfo info;
   if (const int err = GetInfo(&info)) return err;
   TString to;
@@ -346,7 +341,7 @@ int TFolderLoc::Remove() const {
 }
 
 int TFolderLoc::StartFind(void** handle, VNativNodeInfo* info, const TString* pattern) const {
-  if (handle == nullptr || info == nullptr) return NullArg("TFolderLoc::StartFind");
+  if (handle == nullptr || info == nullptr) return NullArgument("TFolderLoc::StartFind");
   TString spec;
   JoinPath(&spec, path_, pattern ? *pattern : TString(u"*.*"));
   UWIN32_FIND_DATAW data;
@@ -361,7 +356,7 @@ int TFolderLoc::StartFind(void** handle, VNativNodeInfo* info, const TString* pa
 }
 
 int TFolderLoc::NextFind(void** handle, VNativNodeInfo* info) const {
-  if (handle == nullptr || info == nullptr) return NullArg("TFolderLoc::NextFind");
+  if (handle == nullptr || info == nullptr) return NullArgument("TFolderLoc::NextFind");
   info->Reset();
   UWIN32_FIND_DATAW data;
   if (!UFindNextFile(*handle, &data))
@@ -385,7 +380,7 @@ int TFolderLoc::SetAttributes(unsigned attributes) const {
 }
 
 int TFolderLoc::GetAttributes(unsigned* attributes) const {
-  if (attributes == nullptr) return NullArg("TFolderLoc::GetAttributes");
+  if (attributes == nullptr) return NullArgument("TFolderLoc::GetAttributes");
   const unsigned a = UGetFileAttributes(path_.Text());
   if (a == kInvalidFileAttributes) {
     *attributes = 0;
@@ -410,7 +405,7 @@ int TFolderLoc::IsRoot() const {
 int TFolderLoc::IsValid() const { return !path_.IsEmpty(); }
 
 int TFolderLoc::GetParent(TFolderLoc* parent) const {
-  if (parent == nullptr) return NullArg("TFolderLoc::GetParent");
+  if (parent == nullptr) return NullArgument("TFolderLoc::GetParent");
   if (!IsValid() || IsRoot()) return -1;
   const short slash = path_.FindChar(u'\\', path_.Length() - 1, -1);
   if (slash < 0) return -1;
@@ -419,7 +414,7 @@ int TFolderLoc::GetParent(TFolderLoc* parent) const {
 }
 
 int TFolderLoc::GetName(TString* name) const {
-  if (name == nullptr) return NullArg("TFolderLoc::GetName");
+  if (name == nullptr) return NullArgument("TFolderLoc::GetName");
   VNativNodeInfo info;
   if (GetInfo(&info) == 0) {
     *name = info.name;
@@ -429,7 +424,7 @@ int TFolderLoc::GetName(TString* name) const {
 }
 
 int TFolderLoc::GetInfo(VNativNodeInfo* info) const {
-  if (info == nullptr) return NullArg("TFolderLoc::GetInfo");
+  if (info == nullptr) return NullArgument("TFolderLoc::GetInfo");
   if (IsRoot()) {
     info->Reset();
     info->name = path_;
@@ -442,7 +437,7 @@ int TFolderLoc::GetInfo(VNativNodeInfo* info) const {
 }
 
 int TFolderLoc::GetRealPath(TString* path, int shortNames) const {
-  if (path == nullptr) return NullArg("TFolderLoc::GetRealPath");
+  if (path == nullptr) return NullArgument("TFolderLoc::GetRealPath");
   TString real;
   TFolderLoc at = *this;
   while (!at.IsRoot()) {
@@ -498,7 +493,7 @@ int TFolderLoc::IsWritable() const {
 }
 
 int TFolderLoc::SubInfoUpdate(NativVolInfo* info, int force) const {
-  if (info == nullptr) return NullArg("TFolderLoc::SubInfoUpdate");
+  if (info == nullptr) return NullArgument("TFolderLoc::SubInfoUpdate");
   TVol vol;
   if (const int err = GetVol(&vol)) return err;
   if (!force && !info->path.IsEmpty() && info->path.Compare(vol.Path(), 0) == 0) return 0;
@@ -536,13 +531,13 @@ TFileLoc& TFileLoc::operator=(const TFileLoc& other) {
 }
 
 int TFileLoc::Set(const TFolderLoc* folder, const TString* name) {
-  if (folder == nullptr || name == nullptr) return NullArg("TFileLoc::Set");
+  if (folder == nullptr || name == nullptr) return NullArgument("TFileLoc::Set");
   JoinPath(&path_, folder->Path(), *name);
   return 0;
 }
 
 int TFileLoc::SetPath(const TString* path, int asFolder) {
-  if (path == nullptr) return NullArg("TFileLoc::SetPath");
+  if (path == nullptr) return NullArgument("TFileLoc::SetPath");
   path_ = *path;
   if (asFolder) {
     if (path_.IsEmpty() || path_[path_.Length() - 1] != u'\\') path_.Append(u'\\');
@@ -553,18 +548,18 @@ int TFileLoc::SetPath(const TString* path, int asFolder) {
 }
 
 int TFileLoc::GetPath(TString* path, int) const {
-  if (path == nullptr) return NullArg("TFileLoc::GetPath");
+  if (path == nullptr) return NullArgument("TFileLoc::GetPath");
   *path = path_;
   return 0;
 }
 
 int TFileLoc::GetVol(TVol* vol) const {
-  if (vol == nullptr) return NullArg("TFileLoc::GetVol");
+  if (vol == nullptr) return NullArgument("TFileLoc::GetVol");
   return vol->Set(this);
 }
 
 int TFileLoc::SetVol(const TVol* vol) {
-  if (vol == nullptr) return NullArg("TFileLoc::SetVol");
+  if (vol == nullptr) return NullArgument("TFileLoc::SetVol");
   TVol current;
   if (const int err = GetVol(&current)) return err;
   TString path;
@@ -604,14 +599,14 @@ int TFileLoc::Delete(int clearAttributes) const {
 }
 
 int TFileLoc::Copy(const TFileLoc* dest, int failIfExists) const {
-  if (dest == nullptr) return NullArg("TFileLoc::Copy");
+  if (dest == nullptr) return NullArgument("TFileLoc::Copy");
   if (!UCopyFile(path_.Text(), dest->path_.Text(), failIfExists))
     return MapAndLogErr(&path_, "TFileLoc::Copy: UCopyFile failed", 0);
   return 0;
 }
 
 int TFileLoc::Copy(const TFolderLoc* dest, int failIfExists) const {
-  if (dest == nullptr) return NullArg("TFileLoc::Copy");
+  if (dest == nullptr) return NullArgument("TFileLoc::Copy");
   VNativNodeInfo info;
   if (const int err = GetInfo(&info)) return err;
   TFileLoc to;
@@ -620,7 +615,7 @@ int TFileLoc::Copy(const TFolderLoc* dest, int failIfExists) const {
 }
 
 int TFileLoc::Move(const TFolderLoc* dest) const {
-  if (dest == nullptr) return NullArg("TFileLoc::Move");
+  if (dest == nullptr) return NullArgument("TFileLoc::Move");
   TString name;
   if (const int err = GetName(&name)) return err;
   TString to;
@@ -631,7 +626,7 @@ int TFileLoc::Move(const TFolderLoc* dest) const {
 }
 
 int TFileLoc::Rename(const TString* name) const {
-  if (name == nullptr) return NullArg("TFileLoc::Rename");
+  if (name == nullptr) return NullArgument("TFileLoc::Rename");
   TFolderLoc parent;
   if (const int err = GetParent(&parent)) return err;
   TString to;
@@ -648,7 +643,7 @@ int TFileLoc::SetAttributes(unsigned attributes) const {
 }
 
 int TFileLoc::GetAttributes(unsigned* attributes) const {
-  if (attributes == nullptr) return NullArg("TFileLoc::GetAttributes");
+  if (attributes == nullptr) return NullArgument("TFileLoc::GetAttributes");
   const unsigned a = UGetFileAttributes(path_.Text());
   if (a == kInvalidFileAttributes) {
     *attributes = 0;
@@ -659,7 +654,7 @@ int TFileLoc::GetAttributes(unsigned* attributes) const {
 }
 
 int TFileLoc::GetInfo(VNativNodeInfo* info) const {
-  if (info == nullptr) return NullArg("TFileLoc::GetInfo");
+  if (info == nullptr) return NullArgument("TFileLoc::GetInfo");
   if (const int err = FillFromFind(path_, "TFileLoc::GetInfo: UFindFirstFile failed", info))
     return err;
   TFolderLoc parent;
@@ -679,7 +674,7 @@ int TFileLoc::Exists() const {
 }
 
 int TFileLoc::GetName(TString* name) const {
-  if (name == nullptr) return NullArg("TFileLoc::GetName");
+  if (name == nullptr) return NullArgument("TFileLoc::GetName");
   VNativNodeInfo info;
   if (GetInfo(&info) == 0) {
     *name = info.name;
@@ -691,7 +686,7 @@ int TFileLoc::GetName(TString* name) const {
 }
 
 int TFileLoc::GetParent(TFolderLoc* parent) const {
-  if (parent == nullptr) return NullArg("TFileLoc::GetParent");
+  if (parent == nullptr) return NullArgument("TFileLoc::GetParent");
   if (!IsValid()) return -1;
   short end = path_.Length();
   if (path_[static_cast<short>(end - 1)] == u'\\') --end;
@@ -712,7 +707,7 @@ int TFileLoc::CompareExt(const TString* ext) const {
 }
 
 int TFileLoc::GetRealPath(TString* path, int shortNames) const {
-  if (path == nullptr) return NullArg("TFileLoc::GetRealPath");
+  if (path == nullptr) return NullArgument("TFileLoc::GetRealPath");
   VNativNodeInfo info;
   TFolderLoc parent;
   TString folder;
@@ -776,7 +771,7 @@ TFolderLoc* TFolderLocArray::operator[](int index) {
 
 int quarnel_internal::AddSuffix(TString* out, const TString* name, char16_t separator, int number,
                                 int wholeBase, int limit) {
-  if (out == nullptr || name == nullptr) return NullArg("intAddSuffix");
+  if (out == nullptr || name == nullptr) return NullArgument("intAddSuffix");
   TString suffix;
   suffix.SPrintf(u"%c%~d", static_cast<int>(separator), number);
   TString base = *name;

@@ -16,42 +16,20 @@
 
 namespace {
 
-TFolderLoc Folder(const char16_t* path) {
-  TFolderLoc f;
-  TString p(path);
-  f.SetPath(&p);
-  return f;
-}
-
-TFileLoc File(const char16_t* path) {
-  TFileLoc f;
-  TString p(path);
-  f.SetPath(&p);
-  return f;
-}
-
 std::string PathOf(const TFolderLoc& f) { return Utf8(f.Path()); }
 
-class Locations : public DriveTest {
- protected:
-  // True when a line of that level and text was logged.
-  bool Logged(unsigned level, const std::string& text) const {
-    for (const LogLine& l : Lines())
-      if (l.level == level && l.text == text) return true;
-    return false;
-  }
-};
+using Locations = DriveTest;
 
 }  // namespace
 
 TEST_F(Locations, PathRulesOfFoldersAndFiles) {
-  EXPECT_EQ(PathOf(Folder(u"C:\\Data\\")), "C:\\Data");
+  EXPECT_EQ(PathOf(FolderAt(u"C:\\Data\\")), "C:\\Data");
   TFolderLoc x;
   TString name(u"x");
-  TFolderLoc data = Folder(u"C:\\Data");
+  TFolderLoc data = FolderAt(u"C:\\Data");
   x.Set(&data, &name);
   EXPECT_EQ(PathOf(x), "C:\\Data\\x");
-  TFolderLoc root = Folder(u"C:\\");
+  TFolderLoc root = FolderAt(u"C:\\");
   x.Set(&root, &name);
   EXPECT_EQ(PathOf(x), "C:\\x");
   struct Row {
@@ -70,7 +48,7 @@ TEST_F(Locations, PathRulesOfFoldersAndFiles) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(Utf8(std::u16string(row.path)));
-    TFolderLoc f = Folder(row.path);
+    TFolderLoc f = FolderAt(row.path);
     EXPECT_EQ(f.IsRoot(), row.isRoot);
     TFolderLoc parent;
     EXPECT_EQ(f.GetParent(&parent), row.parentResult);
@@ -84,22 +62,22 @@ TEST_F(Locations, PathRulesOfFoldersAndFiles) {
   TFolderLoc parent;
   EXPECT_EQ(f.GetParent(&parent), 0);
   EXPECT_EQ(PathOf(parent), "C:");
-  EXPECT_EQ(File(u"readme.txt").GetParent(&parent), -1);
+  EXPECT_EQ(FileAt(u"readme.txt").GetParent(&parent), -1);
   EXPECT_TRUE(Logged(515, "TFileLoc::GetParent: folder is root, \"readme.txt\""));
   TString ext(u".TXT");
-  EXPECT_NE(File(u"C:\\a.txt").CompareExt(&ext), 0);
+  EXPECT_NE(FileAt(u"C:\\a.txt").CompareExt(&ext), 0);
   ext = u".txt";
-  EXPECT_EQ(File(u"C:\\a.txt").CompareExt(&ext), 0);
+  EXPECT_EQ(FileAt(u"C:\\a.txt").CompareExt(&ext), 0);
   ext = u"";
-  EXPECT_EQ(File(u"C:\\noext").CompareExt(&ext), 0);
+  EXPECT_EQ(FileAt(u"C:\\noext").CompareExt(&ext), 0);
   TString out;
-  EXPECT_EQ(File(u"C:\\none\\").GetName(&out), 0);  // the component before the backslash
+  EXPECT_EQ(FileAt(u"C:\\none\\").GetName(&out), 0);  // the component before the backslash
   EXPECT_EQ(Utf8(out), "none");
-  EXPECT_EQ(Folder(u"C:\\a").operator==(Folder(u"C:\\A")), 0);  // case-sensitive collation
+  EXPECT_EQ(FolderAt(u"C:\\a").operator==(FolderAt(u"C:\\A")), 0);  // case-sensitive collation
   TVol vol;
   TString volPath(u"C:\\");
   vol.Set(&volPath, 1);
-  EXPECT_TRUE(Folder(u"C:") == vol);
+  EXPECT_TRUE(FolderAt(u"C:") == vol);
   EXPECT_EQ(TFolderLoc().Set(static_cast<const TVol*>(nullptr)), kErrBadParameter);
   EXPECT_TRUE(Logged(515, "TFolderLoc::Set: null argument"));
 }
@@ -137,28 +115,28 @@ TEST_F(Locations, SuffixRuleWithLongAndShortNameLimits) {
 
 TEST_F(Locations, CreateNeverReusesAFolder) {
   for (const char* expected : {"C:\\Data", "C:\\Data-1", "C:\\Data-2"}) {
-    TFolderLoc f = Folder(u"C:\\Data");
+    TFolderLoc f = FolderAt(u"C:\\Data");
     EXPECT_EQ(f.Create(255), 0);
     EXPECT_EQ(PathOf(f), expected);
     EXPECT_TRUE(HostExists(Host(Utf16(expected))));
   }
   // The path-length fix keeps a short request within maxLen.
-  TFolderLoc longer = Folder(u"C:\\Data");
+  TFolderLoc longer = FolderAt(u"C:\\Data");
   EXPECT_EQ(longer.Create(8), 0);
   EXPECT_EQ(PathOf(longer), "C:\\Dat-1");
   // A folder in a missing parent: the platform's error, nothing made.
-  TFolderLoc orphan = Folder(u"C:\\missing\\Data");
+  TFolderLoc orphan = FolderAt(u"C:\\missing\\Data");
   EXPECT_EQ(orphan.Create(255), kErrFileNotFound);
   EXPECT_TRUE(Logged(
       518,
       "TFolderLoc::Create: UCreateDirectory failed, C:\\missing\\Data, winerr 3, error -1101"));
   // The structure: every missing folder, each made once.
-  TFolderLoc deep = Folder(u"C:\\Data\\a\\b\\c");
+  TFolderLoc deep = FolderAt(u"C:\\Data\\a\\b\\c");
   EXPECT_EQ(deep.CreateDirStructure(255), 0);
   EXPECT_TRUE(HostExists(Host(u"C:\\Data\\a\\b\\c")));
   EXPECT_EQ(deep.CreateDirStructure(255), 0);  // it exists: nothing to do
   EXPECT_FALSE(HostExists(Host(u"C:\\Data\\a\\b\\c-1")));
-  TFolderLoc rootless = Folder(u"nowhere\\x");
+  TFolderLoc rootless = FolderAt(u"nowhere\\x");
   EXPECT_EQ(rootless.CreateDirStructure(255), -1);
   EXPECT_TRUE(Logged(515, "TFolderLoc::CreateDirStructure: Invalid path, \"nowhere\\x\""));
 }
@@ -173,7 +151,8 @@ TEST_F(Locations, DirClearKeepsWhatARootMustKeep) {
   WriteHost(HostOf('D') + "/dblspace.001", "x");
   WriteHost(HostOf('D') + "/top.txt", "x");
   ASSERT_TRUE(USetFileAttributes(u"D:\\top.txt", kFileAttributeReadOnly));
-  EXPECT_EQ(Folder(u"D:").DirClear(), kErrDirectoryNotEmpty);  // "Other" still holds its Vellomarch
+  EXPECT_EQ(FolderAt(u"D:").DirClear(),
+            kErrDirectoryNotEmpty);  // "Other" still holds its Vellomarch
   for (const char* kept : {"/System Volume Information", "/_Restore", "/Recycled",
                            "/Vellomarch/Ormic", "/Other/Vellomarch/Ormic"})
     EXPECT_TRUE(HostExists(HostOf('D') + kept)) << kept;
@@ -182,12 +161,12 @@ TEST_F(Locations, DirClearKeepsWhatARootMustKeep) {
   // Below the root the root's three folders are cleared like any other.
   MakeHostFolder(Host(u"C:\\Tree\\Recycled\\x"));
   WriteHost(Host(u"C:\\Tree\\Recycled\\x\\f"), "");
-  TFolderLoc tree = Folder(u"C:\\Tree");
+  TFolderLoc tree = FolderAt(u"C:\\Tree");
   EXPECT_EQ(tree.DirClear(), 0);
   EXPECT_TRUE(HostExists(Host(u"C:\\Tree")));
   EXPECT_FALSE(HostExists(Host(u"C:\\Tree\\Recycled")));
   WriteHost(Host(u"C:\\file"), "");
-  EXPECT_EQ(Folder(u"C:\\file").DirClear(), kErrBadParameter);
+  EXPECT_EQ(FolderAt(u"C:\\file").DirClear(), kErrBadParameter);
   EXPECT_TRUE(Logged(515, "TFolderLoc::DirClear: not a dir, \"C:\\file\""));
   EXPECT_EQ(tree.Delete(), 0);
   EXPECT_FALSE(HostExists(Host(u"C:\\Tree")));
@@ -198,7 +177,7 @@ TEST_F(Locations, DirClearKeepsWhatARootMustKeep) {
 TEST_F(Locations, LongPathsWork) {
   std::u16string path = u"C:";
   while (path.size() < 300) path += u"\\" + std::u16string(40, u'L');
-  TFolderLoc folder = Folder(path.c_str());
+  TFolderLoc folder = FolderAt(path.c_str());
   ASSERT_EQ(folder.CreateDirStructure(1000), 0);
   TString name(u"file.bin");
   TFileLoc file;
@@ -225,7 +204,7 @@ TEST_F(Locations, RenameMoveCopyAndTheirFailures) {
   MakeHostFolder(Host(u"C:\\A"));
   MakeHostFolder(Host(u"C:\\B"));
   WriteHost(Host(u"C:\\A\\f.txt"), "content");
-  TFolderLoc a = Folder(u"C:\\A");
+  TFolderLoc a = FolderAt(u"C:\\A");
   TString name(u"B");
   EXPECT_EQ(a.Rename(&name), kErrAlreadyExists);
   EXPECT_TRUE(Logged(518, "TFolderLoc::Rename: UMoveFile failed, C:\\A, winerr 183, error -1023"));
@@ -235,24 +214,24 @@ TEST_F(Locations, RenameMoveCopyAndTheirFailures) {
   EXPECT_EQ(PathOf(a), "C:\\A");
   EXPECT_EQ(a.Rename(&name), 0);
   EXPECT_EQ(PathOf(a), "C:\\A");  // the location keeps its old path
-  TFileLoc f = File(u"c:\\c\\F.TXT");
-  TFolderLoc b = Folder(u"C:\\B");
+  TFileLoc f = FileAt(u"c:\\c\\F.TXT");
+  TFolderLoc b = FolderAt(u"C:\\B");
   EXPECT_EQ(f.Copy(&b, 1), 0);
   EXPECT_EQ(ReadHost(Host(u"C:\\B\\f.txt")), "content");  // named as the disk names it
   EXPECT_EQ(f.Copy(&b, 1), kErrAlreadyExists);
   EXPECT_TRUE(
       Logged(518, "TFileLoc::Copy: UCopyFile failed, c:\\c\\F.TXT, winerr 80, error -1023"));
-  TFolderLoc d = Folder(u"D:");
+  TFolderLoc d = FolderAt(u"D:");
   EXPECT_EQ(f.Move(&d), 0);
   EXPECT_TRUE(HostExists(Host(u"D:\\f.txt")));
-  TFileLoc moved = File(u"D:\\f.txt");
+  TFileLoc moved = FileAt(u"D:\\f.txt");
   name = u"g.txt";
   EXPECT_EQ(moved.Rename(&name), 0);
-  TFolderLoc c = Folder(u"C:\\C");
+  TFolderLoc c = FolderAt(u"C:\\C");
   EXPECT_EQ(c.Move(&d), 0);
   EXPECT_TRUE(HostExists(Host(u"D:\\C")));
   UFailCall(UCall::kDeleteFile, 1, 32);
-  TFileLoc g = File(u"D:\\g.txt");
+  TFileLoc g = FileAt(u"D:\\g.txt");
   EXPECT_EQ(g.Delete(1), kErrBusy);
   EXPECT_TRUE(g.Exists());
   EXPECT_EQ(g.Delete(1), 0);
@@ -261,13 +240,13 @@ TEST_F(Locations, RenameMoveCopyAndTheirFailures) {
 TEST_F(Locations, FindRealPathAndEnclosure) {
   MakeHostFolder(Host(u"C:\\Data\\Sub"));
   WriteHost(Host(u"C:\\Data\\Sub\\LongFileName.txt"), "12345");
-  TFileLoc f = File(u"c:\\data\\SUB\\longfilename.TXT");
+  TFileLoc f = FileAt(u"c:\\data\\SUB\\longfilename.TXT");
   TString real;
   EXPECT_EQ(f.GetRealPath(&real, 0), 0);
   EXPECT_EQ(Utf8(real), "C:\\Data\\Sub\\LongFileName.txt");
   EXPECT_EQ(f.GetRealPath(&real, 1), 0);
   EXPECT_EQ(Utf8(real), "C:\\Data\\Sub\\LONGFI~1.TXT");
-  TFileLoc missing = File(u"c:\\data\\nothing");
+  TFileLoc missing = FileAt(u"c:\\data\\nothing");
   EXPECT_EQ(missing.GetRealPath(&real, 0), kErrFileNotFound);
   EXPECT_EQ(Utf8(real), "c:\\data\\nothing");
   VNativNodeInfo info;
@@ -275,7 +254,7 @@ TEST_F(Locations, FindRealPathAndEnclosure) {
   EXPECT_EQ(info.GetSize(), 5u);
   EXPECT_EQ(info.attributes, 0x20u);
   // A walk over the folder.
-  TFolderLoc sub = Folder(u"C:\\Data\\Sub");
+  TFolderLoc sub = FolderAt(u"C:\\Data\\Sub");
   void* handle = nullptr;
   std::vector<std::string> names;
   for (int r = sub.StartFind(&handle, &info, nullptr); r == 0; r = sub.NextFind(&handle, &info)) {
@@ -295,17 +274,17 @@ TEST_F(Locations, FindRealPathAndEnclosure) {
   EXPECT_EQ(handle, nullptr);
   UFindClose(kept);
   // Enclosure: by the walk up, never itself, never across volumes.
-  TFolderLoc data = Folder(u"C:\\Data");
+  TFolderLoc data = FolderAt(u"C:\\Data");
   EXPECT_TRUE(data.IsEnclosing(&sub));
   EXPECT_TRUE(sub.IsEnclosedBy(&data));
   EXPECT_FALSE(sub.IsEnclosing(&data));
   EXPECT_FALSE(data.IsEnclosing(&data));
-  TFolderLoc other = Folder(u"D:\\Data\\Sub");
+  TFolderLoc other = FolderAt(u"D:\\Data\\Sub");
   EXPECT_FALSE(data.IsEnclosing(&other));
-  EXPECT_TRUE(Folder(u"C:").IsEnclosing(&sub));
-  EXPECT_EQ(Folder(u"C:\\Data").Exists(), 1);
+  EXPECT_TRUE(FolderAt(u"C:").IsEnclosing(&sub));
+  EXPECT_EQ(FolderAt(u"C:\\Data").Exists(), 1);
   EXPECT_TRUE(data.IsWritable());
-  EXPECT_FALSE(Folder(u"C:\\Nope").IsWritable());
+  EXPECT_FALSE(FolderAt(u"C:\\Nope").IsWritable());
 }
 
 TEST_F(Locations, WellKnownFolders) {
@@ -313,11 +292,11 @@ TEST_F(Locations, WellKnownFolders) {
   EXPECT_EQ(f.SetToTemp(), 0);
   EXPECT_EQ(PathOf(f), "C:\\Temp");
   MakeHostFolder(Host(u"C:\\Work"));
-  TFolderLoc work = Folder(u"C:\\Work");
+  TFolderLoc work = FolderAt(u"C:\\Work");
   EXPECT_EQ(work.MakeCurrent(), 0);
   EXPECT_EQ(f.SetToCurrent(), 0);
   EXPECT_EQ(PathOf(f), "C:\\Work");
-  EXPECT_EQ(Folder(u"C:\\Nope").MakeCurrent(), kErrFileNotFound);
+  EXPECT_EQ(FolderAt(u"C:\\Nope").MakeCurrent(), kErrFileNotFound);
   EXPECT_EQ(f.SetToWindows(), 0);
   EXPECT_EQ(PathOf(f), "C:\\Windows");
   EXPECT_EQ(f.SetToSystem(), 0);
@@ -339,6 +318,14 @@ TEST_F(Locations, WellKnownFolders) {
   QuarnelEnv()->appFolder = saved;
   EXPECT_EQ(work.SetVol(&d), 0);
   EXPECT_EQ(PathOf(work), "D:\\Work");
+  TFileLoc temp;
+  EXPECT_EQ(temp.SetTempName(), 0);
+  const std::string name = Utf8(temp.Path());
+  EXPECT_EQ(name.rfind("C:\\Temp\\qnl", 0), 0u) << name;
+  EXPECT_EQ(name.substr(name.size() - 4), ".TMP");
+  EXPECT_TRUE(temp.Exists());
+  EXPECT_EQ(temp.SetVol(&d), 0);
+  EXPECT_EQ(Utf8(temp.Path()), "D:" + name.substr(2));
 }
 
 // The persisted form, byte for byte: the header ('Fol.' / 'Fil.', versions
@@ -352,7 +339,7 @@ TEST_F(Locations, PersistedFormGoldenBytes) {
   std::vector<unsigned char> folder = {'.', 'l', 'o', 'F', 0, 1, 0, 1};
   folder.resize(24, 0);
   folder.insert(folder.end(), string7.begin(), string7.end());
-  TFolderLoc data = Folder(u"C:\\Data");
+  TFolderLoc data = FolderAt(u"C:\\Data");
   ASSERT_EQ(data.StoreSize(), 64u);
   std::vector<unsigned char> out(64, 0xEE);
   EXPECT_EQ(data.Export(out.data(), 64), 64);
@@ -363,7 +350,7 @@ TEST_F(Locations, PersistedFormGoldenBytes) {
   // Files differ only in the tag.
   std::vector<unsigned char> file = folder;
   file[1] = 'l', file[2] = 'i';
-  TFileLoc f = File(u"C:\\Data");
+  TFileLoc f = FileAt(u"C:\\Data");
   EXPECT_EQ(f.Export(out.data(), 64), 64);
   EXPECT_EQ(out, file);
   EXPECT_EQ(back.Import(file.data(), 64), kErrPersistWrongSignature);

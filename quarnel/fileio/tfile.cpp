@@ -2,11 +2,14 @@
 
 #include <cstring>
 
+#include "quarnel/fileio/internal/locpath.h"
 #include "quarnel/fileio/tvol.h"
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/error.h"
 #include "quarnel/foundation/errors.h"
 #include "quarnel/platform/lasterror.h"
+
+using quarnel_internal::NullArgument;
 
 namespace {
 
@@ -15,11 +18,6 @@ constexpr unsigned kWinSharingViolation = 32;
 // Assertion lines of module "fileio".
 constexpr int kLineCreateClose = 2708;  // Create could not close the open file
 constexpr int kLineOpenClose = 2787;    // Open could not close the open file
-
-int NullArg(const char* member) {
-  DebugLogf(kLogMisuse, "%s: null argument", member);
-  return kErrBadParameter;
-}
 
 }  // namespace
 
@@ -32,13 +30,13 @@ TFile::~TFile() {
 int TFile::IsValid() const { return handle_ != kInvalidHandleValue && handle_ != nullptr; }
 
 int TFile::Set(const TFileLoc* loc) {
-  if (loc == nullptr) return NullArg("TFile::Set");
+  if (loc == nullptr) return NullArgument("TFile::Set");
   location_ = *loc;
   return 0;
 }
 
 int TFile::Create(const TFileLoc* loc, int mode) {
-  if (loc == nullptr) return NullArg("TFile::Create");
+  if (loc == nullptr) return NullArgument("TFile::Create");
   if (IsValid() && Close() != 0) Debug("fileio", kLineCreateClose);
   location_ = *loc;
   handle_ = UCreateFile(location_.Path().Text(), static_cast<unsigned>(mode), kFileShareRead,
@@ -49,7 +47,7 @@ int TFile::Create(const TFileLoc* loc, int mode) {
 }
 
 int TFile::Open(const TFileLoc* loc, int mode) {
-  if (loc == nullptr) return NullArg("TFile::Open");
+  if (loc == nullptr) return NullArgument("TFile::Open");
   if (IsValid() && Close() != 0) Debug("fileio", kLineOpenClose);
   location_ = *loc;
   const char16_t* path = location_.Path().Text();
@@ -74,7 +72,7 @@ int TFile::Close() {
 }
 
 int TFile::Read(unsigned* count, unsigned char* buffer) {
-  if (count == nullptr) return NullArg("TFile::Read");
+  if (count == nullptr) return NullArgument("TFile::Read");
   unsigned read = 0;
   if (!UReadFile(handle_, buffer, *count, &read)) {
     *count = read;
@@ -85,13 +83,13 @@ int TFile::Read(unsigned* count, unsigned char* buffer) {
 }
 
 int TFile::Read(unsigned* count, TMemory* block) {
-  if (count == nullptr || block == nullptr) return NullArg("TFile::Read");
+  if (count == nullptr || block == nullptr) return NullArgument("TFile::Read");
   if (*count > block->GetSize()) *count = block->GetSize();
   return Read(count, block->MemPtr());
 }
 
 int TFile::Read(unsigned* count, TString* text) {
-  if (count == nullptr || text == nullptr) return NullArg("TFile::Read");
+  if (count == nullptr || text == nullptr) return NullArgument("TFile::Read");
   if (*count == 0) {
     std::uint64_t size = 0;
     if (const int err = GetEOF(&size)) return err;
@@ -106,7 +104,7 @@ int TFile::Read(unsigned* count, TString* text) {
 }
 
 int TFile::Write(unsigned* count, const unsigned char* buffer) {
-  if (count == nullptr) return NullArg("TFile::Write");
+  if (count == nullptr) return NullArgument("TFile::Write");
   unsigned written = 0;
   if (!UWriteFile(handle_, buffer, *count, &written)) {
     *count = written;
@@ -117,13 +115,13 @@ int TFile::Write(unsigned* count, const unsigned char* buffer) {
 }
 
 int TFile::Write(unsigned* count, const TMemory* block) {
-  if (count == nullptr || block == nullptr) return NullArg("TFile::Write");
+  if (count == nullptr || block == nullptr) return NullArgument("TFile::Write");
   if (*count > block->GetSize()) *count = block->GetSize();
   return Write(count, block->MemPtr());
 }
 
 int TFile::Write(const TString* text) {
-  if (text == nullptr) return NullArg("TFile::Write");
+  if (text == nullptr) return NullArgument("TFile::Write");
   TString copy = *text;
   const char* bytes = copy.ReadBufferAnsi();
   unsigned count = static_cast<unsigned>(std::strlen(bytes));
@@ -133,7 +131,7 @@ int TFile::Write(const TString* text) {
 }
 
 int TFile::WriteUnicode(unsigned* count, const TString* text) {
-  if (count == nullptr || text == nullptr) return NullArg("TFile::WriteUnicode");
+  if (count == nullptr || text == nullptr) return NullArgument("TFile::WriteUnicode");
   const unsigned most = 2u * static_cast<unsigned>(text->Length()) + 2;  // the terminator at most
   if (*count == 0) *count = 2u * static_cast<unsigned>(text->Length());
   if (*count > most) *count = most;
@@ -141,7 +139,7 @@ int TFile::WriteUnicode(unsigned* count, const TString* text) {
 }
 
 int TFile::GetPosition(std::uint64_t* position) {
-  if (position == nullptr) return NullArg("TFile::GetPosition");
+  if (position == nullptr) return NullArgument("TFile::GetPosition");
   std::int32_t high = 0;
   const unsigned low = USetFilePointer(handle_, 0, &high, kFileCurrent);
   if (low == kInvalidSetFilePointer && UGetLastError() != 0)
@@ -172,7 +170,7 @@ int TFile::SetPosFromEnd(std::uint64_t offset) {
 }
 
 int TFile::GetEOF(std::uint64_t* size) {
-  if (size == nullptr) return NullArg("TFile::GetEOF");
+  if (size == nullptr) return NullArgument("TFile::GetEOF");
   std::uint64_t position = 0;
   if (const int err = GetPosition(&position)) return err;
   if (const int err = SetPosFromEnd(0)) return err;
@@ -212,7 +210,7 @@ int TFile::IsLocked() {
 }
 
 int TFile::GetInfo(VNativNodeInfo* info) {
-  if (info == nullptr) return NullArg("TFile::GetInfo");
+  if (info == nullptr) return NullArgument("TFile::GetInfo");
   if (const int err = location_.GetInfo(info)) return err;
   if (!IsValid()) return 0;
   UBY_HANDLE_FILE_INFORMATION h;
@@ -232,7 +230,7 @@ int TFile::GetInfo(VNativNodeInfo* info) {
 }
 
 int TFile::Copy(const TFileLoc* dest) {
-  if (dest == nullptr) return NullArg("TFile::Copy");
+  if (dest == nullptr) return NullArgument("TFile::Copy");
   if (!UCopyFile(location_.Path().Text(), dest->Path().Text(), 0))
     return MapAndLogErr(&location_.Path(), "TFile::Copy: UCopyFile failed", 0);
   return 0;
@@ -249,7 +247,7 @@ int TFile::RSame(const TFileLoc* loc) const {
 }
 
 int TFile::GetFileLoc(TFileLoc* loc) const {
-  if (loc == nullptr) return NullArg("TFile::GetFileLoc");
+  if (loc == nullptr) return NullArgument("TFile::GetFileLoc");
   *loc = location_;
   return 0;
 }

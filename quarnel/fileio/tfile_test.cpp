@@ -13,22 +13,8 @@
 
 namespace {
 
-TFileLoc File(const char16_t* path) {
-  TFileLoc f;
-  TString p(path);
-  f.SetPath(&p);
-  return f;
-}
-
 class Files : public DriveTest {
  protected:
-  // The lines logged at levels other than MapError's detail level.
-  std::vector<LogLine> Logged() const {
-    std::vector<LogLine> out;
-    for (const LogLine& l : Lines())
-      if (l.level != 519) out.push_back(l);
-    return out;
-  }
   const unsigned char* Bytes(const char* s) { return reinterpret_cast<const unsigned char*>(s); }
 };
 
@@ -36,7 +22,7 @@ class Files : public DriveTest {
 
 // Random writes, reads, moves and truncations checked against a byte vector.
 TEST_F(Files, ReadsWritesAndPositionsAgreeWithAModel) {
-  TFileLoc loc = File(u"C:\\model.bin");
+  TFileLoc loc = FileAt(u"C:\\model.bin");
   TFile f;
   ASSERT_EQ(f.Create(&loc, 0x3), 0);
   std::vector<unsigned char> model;
@@ -106,12 +92,12 @@ TEST_F(Files, ReadsWritesAndPositionsAgreeWithAModel) {
   ASSERT_EQ(f.Close(), 0);
   const std::string disk = ReadHost(Host(u"C:\\model.bin"));
   EXPECT_EQ(std::vector<unsigned char>(disk.begin(), disk.end()), model);
-  EXPECT_TRUE(Logged().empty());
+  EXPECT_TRUE(LoggedLines().empty());
 }
 
 TEST_F(Files, TextAndBlockReadsAndWrites) {
   WriteHost(Host(u"C:\\big.txt"), std::string(20000, 'a'));
-  TFileLoc big = File(u"C:\\big.txt");
+  TFileLoc big = FileAt(u"C:\\big.txt");
   TFile f;
   ASSERT_EQ(f.Open(&big, 0x1), 0);
   TString text;
@@ -128,9 +114,9 @@ TEST_F(Files, TextAndBlockReadsAndWrites) {
   n = 10;
   EXPECT_EQ(f.Read(&n, block.MemPtr()), kErrEndOfFile);
   EXPECT_EQ(n, 0u);
-  EXPECT_TRUE(Logged().empty());  // the end of the file is not logged
+  EXPECT_TRUE(LoggedLines().empty());  // the end of the file is not logged
   // Text out: the narrow text, and the 16-bit text without mark or terminator.
-  TFileLoc out = File(u"C:\\out.txt");
+  TFileLoc out = FileAt(u"C:\\out.txt");
   ASSERT_EQ(f.Create(&out, 0x2), 0);
   TString hello(u"Hello");
   EXPECT_EQ(f.Write(&hello), 0);
@@ -152,7 +138,7 @@ TEST_F(Files, TextAndBlockReadsAndWrites) {
 // through its retry sharing writing; a second writer is refused.
 TEST_F(Files, OpenRetriesPastAnotherProcessesWriter) {
   WriteHost(Host(u"C:\\log.txt"), "line\n");
-  TFileLoc loc = File(u"C:\\log.txt");
+  TFileLoc loc = FileAt(u"C:\\log.txt");
   UTestChild child;
   ASSERT_EQ(child.Start(
                 [](void* at) {
@@ -169,7 +155,7 @@ TEST_F(Files, OpenRetriesPastAnotherProcessesWriter) {
   ClearRecords();
   EXPECT_EQ(writer.Open(&loc, 0x3), kErrBusy);
   EXPECT_EQ(
-      Logged(),
+      LoggedLines(),
       (std::vector<LogLine>{
           {518, "", "TFile::Open: UCreateFile failed, C:\\log.txt, winerr 32, error -1020"}}));
   EXPECT_FALSE(writer.IsValid());
@@ -180,7 +166,7 @@ TEST_F(Files, OpenRetriesPastAnotherProcessesWriter) {
 // Faults at the n-th write, a failing flush, truncation and close: the
 // mapped code, the exact line, and the file as the calls before left it.
 TEST_F(Files, PlatformFaultsReachTheCaller) {
-  TFileLoc loc = File(u"C:\\f.bin");
+  TFileLoc loc = FileAt(u"C:\\f.bin");
   TFile f;
   ASSERT_EQ(f.Create(&loc, 0x3), 0);
   UFailCall(UCall::kWriteFile, 3, 112);
@@ -207,7 +193,7 @@ TEST_F(Files, PlatformFaultsReachTheCaller) {
   EXPECT_EQ(f.Close(), 0);
   EXPECT_EQ(ReadHost(Host(u"C:\\f.bin")), "abcdabcdabcd");
   EXPECT_EQ(
-      Logged(),
+      LoggedLines(),
       (std::vector<LogLine>{
           {518, "", "TFile::Write: WriteFile failed, C:\\f.bin, winerr 112, error -1115"},
           {514, "", "TFile::Flush: FlushFileBuffers failed, C:\\f.bin, winerr 29, error -1108"},
@@ -227,7 +213,7 @@ TEST_F(Files, PlatformFaultsReachTheCaller) {
 
 TEST_F(Files, LockAttributesInfoAndSameness) {
   WriteHost(Host(u"C:\\doc.txt"), "12345");
-  TFileLoc loc = File(u"C:\\doc.txt");
+  TFileLoc loc = FileAt(u"C:\\doc.txt");
   TFile f;
   f.Set(&loc);
   EXPECT_EQ(f.Lock(), 0);
@@ -262,17 +248,17 @@ TEST_F(Files, LockAttributesInfoAndSameness) {
   EXPECT_EQ(f.GetName(&name), 0);
   EXPECT_EQ(Utf8(name), "doc.txt");
   EXPECT_EQ(f.Close(), 0);
-  TFileLoc copy = File(u"D:\\copy.txt");
+  TFileLoc copy = FileAt(u"D:\\copy.txt");
   EXPECT_EQ(f.Copy(&copy), 0);
   EXPECT_EQ(ReadHost(Host(u"D:\\copy.txt")), "12345678");
   // Sameness: equal paths, or equal full paths; the case counts.
-  TFileLoc roundabout = File(u"C:\\x\\..\\doc.txt");
-  TFileLoc upper = File(u"C:\\DOC.TXT");
+  TFileLoc roundabout = FileAt(u"C:\\x\\..\\doc.txt");
+  TFileLoc upper = FileAt(u"C:\\DOC.TXT");
   EXPECT_TRUE(f.RSame(&loc));
   EXPECT_TRUE(f.RSame(&roundabout));
   EXPECT_FALSE(f.RSame(&upper));
   EXPECT_FALSE(f.RSame(&copy));
-  TFileLoc bad = File(u"C:\\a|b");
+  TFileLoc bad = FileAt(u"C:\\a|b");
   EXPECT_FALSE(f.RSame(&bad));
 }
 
@@ -296,12 +282,12 @@ TEST_F(Files, BadInputGivesCodesNotCrashes) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(Utf8(std::u16string(row.path)));
-    TFileLoc loc = File(row.path);
+    TFileLoc loc = FileAt(row.path);
     EXPECT_EQ(f.Create(&loc, 0x3), row.code);
     EXPECT_FALSE(f.IsValid());
   }
   // ".." at a root stays at the root: the file lands inside the drive.
-  TFileLoc up = File(u"C:\\..\\..\\..\\escape.txt");
+  TFileLoc up = FileAt(u"C:\\..\\..\\..\\escape.txt");
   ASSERT_EQ(f.Create(&up, 0x2), 0);
   EXPECT_EQ(f.Close(), 0);
   EXPECT_TRUE(HostExists(HostOf('C') + "/escape.txt"));

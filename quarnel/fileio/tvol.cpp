@@ -23,11 +23,6 @@ constexpr unsigned kIoctlScsiAddress = 0x41018;    // IOCTL_SCSI_GET_ADDRESS
 constexpr unsigned kFsctlLockVolume = 0x90018;     // FSCTL_LOCK_VOLUME
 constexpr unsigned kFsctlUnlockVolume = 0x9001C;   // FSCTL_UNLOCK_VOLUME
 
-int NullArg(const char* member) {
-  DebugLogf(kLogMisuse, "%s: null argument", member);
-  return kErrBadParameter;
-}
-
 unsigned FlagsOfDriveType(unsigned type) {
   switch (type) {
     case kDriveRemovable:
@@ -82,7 +77,7 @@ void TVol::ensureTrailing() {
 }
 
 int TVol::Set(const TString* path, int parse) {
-  if (path == nullptr) return NullArg("TVol::Set");
+  if (path == nullptr) return NullArgument("TVol::Set");
   const TString& p = *path;
   const short n = p.Length();
   if (!parse) {
@@ -135,17 +130,17 @@ int SetFromLocation(TVol* vol, const TString& locPath) {
 }  // namespace
 
 int TVol::Set(const TFileLoc* loc) {
-  if (loc == nullptr) return NullArg("TVol::Set");
+  if (loc == nullptr) return NullArgument("TVol::Set");
   return SetFromLocation(this, loc->Path());
 }
 
 int TVol::Set(const TFolderLoc* loc) {
-  if (loc == nullptr) return NullArg("TVol::Set");
+  if (loc == nullptr) return NullArgument("TVol::Set");
   return SetFromLocation(this, loc->Path());
 }
 
 int TVol::GetPath(TString* path) const {
-  if (path == nullptr) return NullArg("TVol::GetPath");
+  if (path == nullptr) return NullArgument("TVol::GetPath");
   *path = path_;
   return 0;
 }
@@ -190,7 +185,7 @@ int TVol::SetLabel(const TString* label) const {
 }
 
 int TVol::GetName(TString* label) const {
-  if (label == nullptr) return NullArg("TVol::GetName");
+  if (label == nullptr) return NullArgument("TVol::GetName");
   char16_t name[kMaxPath];
   if (!UGetVolumeInformation(path_.Text(), name, kMaxPath, nullptr, nullptr, nullptr, nullptr, 0))
     return MapAndLogErr(&path_, "TVol::GetName: UGetVolumeInformation failed", 0);
@@ -199,7 +194,7 @@ int TVol::GetName(TString* label) const {
 }
 
 int TVol::GetFSName(TString* fsName) const {
-  if (fsName == nullptr) return NullArg("TVol::GetFSName");
+  if (fsName == nullptr) return NullArgument("TVol::GetFSName");
   char16_t name[kMaxPath];
   if (!UGetVolumeInformation(path_.Text(), nullptr, 0, nullptr, nullptr, nullptr, name, kMaxPath))
     return MapAndLogErr(&path_, "TVol::GetFSName: UGetVolumeInformation failed", 0);
@@ -208,7 +203,7 @@ int TVol::GetFSName(TString* fsName) const {
 }
 
 int TVol::GetSerialNo(unsigned* serial) const {
-  if (serial == nullptr) return NullArg("TVol::GetSerialNo");
+  if (serial == nullptr) return NullArgument("TVol::GetSerialNo");
   if (!UGetVolumeInformation(path_.Text(), nullptr, 0, serial, nullptr, nullptr, nullptr, 0))
     return MapAndLogErr(&path_, "TVol::GetSerialNo: UGetVolumeInformation failed", 0);
   return 0;
@@ -232,7 +227,7 @@ int TVol::GetStats(std::uint64_t* total, std::uint64_t* used, std::uint64_t* fre
 }
 
 int TVol::GetFlags(unsigned* flags, int withFileSystemFlags) const {
-  if (flags == nullptr) return NullArg("TVol::GetFlags");
+  if (flags == nullptr) return NullArgument("TVol::GetFlags");
   *flags = 0;
   const unsigned type = UGetDriveType(path_.Text());
   if (type == kDriveNoRootDir) {
@@ -257,7 +252,7 @@ int TVol::GetDeviceNumber(unsigned* number) const {
 }
 
 int TVol::GetBlockSize(unsigned* size) const {
-  if (size == nullptr) return NullArg("TVol::GetBlockSize");
+  if (size == nullptr) return NullArgument("TVol::GetBlockSize");
   unsigned sectors = 0, bytes = 0;
   if (!UGetDiskFreeSpace(path_.Text(), &sectors, &bytes, nullptr, nullptr))
     return MapAndLogErr(&path_, "TVol::GetBlockSize: UGetDiskFreeSpace failed", 0);
@@ -266,7 +261,7 @@ int TVol::GetBlockSize(unsigned* size) const {
 }
 
 int TVol::GetInfo(NativVolInfo* info) const {
-  if (info == nullptr) return NullArg("TVol::GetInfo");
+  if (info == nullptr) return NullArgument("TVol::GetInfo");
   char16_t label[kMaxPath], fsName[kMaxPath];
   unsigned serial = 0, maxLen = 0, fsFlags = 0;
   if (!UGetVolumeInformation(path_.Text(), label, kMaxPath, &serial, &maxLen, &fsFlags, fsName,
@@ -308,7 +303,7 @@ int TVol::openAsNtDevice(void** handle) const {
 }
 
 int TVol::IsEmpty(int* empty) const {
-  if (empty == nullptr) return NullArg("TVol::IsEmpty");
+  if (empty == nullptr) return NullArgument("TVol::IsEmpty");
   const int ok =
       UGetVolumeInformation(path_.Text(), nullptr, 0, nullptr, nullptr, nullptr, nullptr, 0);
   *empty = !ok && UGetLastError() == kWinNotReady;
@@ -316,14 +311,14 @@ int TVol::IsEmpty(int* empty) const {
 }
 
 int TVol::IsEjectable(int* ejectable, unsigned) const {
-  if (ejectable == nullptr) return NullArg("TVol::IsEjectable");
+  if (ejectable == nullptr) return NullArgument("TVol::IsEjectable");
   const unsigned type = UGetDriveType(path_.Text());
   *ejectable = type == kDriveRemovable || type == kDriveCdrom;
   return 0;
 }
 
 int TVol::IsFloppy(int* floppy) const {
-  if (floppy == nullptr) return NullArg("TVol::IsFloppy");
+  if (floppy == nullptr) return NullArgument("TVol::IsFloppy");
   const char16_t letter = path_.IsEmpty() ? 0 : ToUpper(path_[0]);
   *floppy = (letter == u'A' || letter == u'B') && IsDriveForm(path_) &&
             UGetDriveType(path_.Text()) == kDriveRemovable;
@@ -331,7 +326,7 @@ int TVol::IsFloppy(int* floppy) const {
 }
 
 int TVol::IsLocked(int* locked) const {
-  if (locked == nullptr) return NullArg("TVol::IsLocked");
+  if (locked == nullptr) return NullArgument("TVol::IsLocked");
   *locked = 0;
   return 0;
 }
@@ -339,7 +334,7 @@ int TVol::IsLocked(int* locked) const {
 int TVol::IsBusy() const { return 0; }
 
 int TVol::Lock(void** handle, unsigned, unsigned) const {
-  if (handle == nullptr) return NullArg("TVol::Lock");
+  if (handle == nullptr) return NullArgument("TVol::Lock");
   if (const int err = openAsNtDevice(handle)) return err;
   unsigned returned = 0;
   if (UDeviceIoControl(*handle, kFsctlLockVolume, nullptr, 0, nullptr, 0, &returned)) return 0;
@@ -471,13 +466,13 @@ int TLocalVolEnum::AlreadyEnumed(const TString* path) const {
 }
 
 int TLocalVolEnum::AddEnumed(const TString* path) {
-  if (path == nullptr) return NullArg("TLocalVolEnum::AddEnumed");
+  if (path == nullptr) return NullArgument("TLocalVolEnum::AddEnumed");
   state_->enumed.push_back(*path);
   return 0;
 }
 
 int TLocalVolEnum::NextEnum(TVol* vol) {
-  if (vol == nullptr) return NullArg("TVol::NextEnum");
+  if (vol == nullptr) return NullArgument("TVol::NextEnum");
   for (;;) {
     while (!state_->queue.empty()) {
       TString path = state_->queue.front();

@@ -17,13 +17,6 @@
 
 namespace {
 
-TVol Vol(const char16_t* path, int parse = 1) {
-  TVol v;
-  TString p(path);
-  v.Set(&p, parse);
-  return v;
-}
-
 // A volume holding exactly `path` (Set would add a backslash): its
 // persisted form, assembled by hand and imported.
 std::vector<unsigned char> Record(const char16_t* path) {
@@ -41,15 +34,7 @@ TVol Exact(const char16_t* path) {
   return v;
 }
 
-class Volumes : public DriveTest {
- protected:
-  std::vector<LogLine> Logged() const {
-    std::vector<LogLine> out;
-    for (const LogLine& l : Lines())
-      if (l.level != 519) out.push_back(l);
-    return out;
-  }
-};
+using Volumes = DriveTest;
 
 }  // namespace
 
@@ -85,13 +70,13 @@ TEST_F(Volumes, SetFollowsTheNameRulesQuirksIncluded) {
     EXPECT_EQ(v.Set(&p, 1), row.result);
     EXPECT_EQ(Utf8(v.Path()), row.after);
     if (row.log) {
-      EXPECT_EQ(Logged(), (std::vector<LogLine>{{row.level, "", row.log}}));
+      EXPECT_EQ(LoggedLines(), (std::vector<LogLine>{{row.level, "", row.log}}));
     } else {
-      EXPECT_TRUE(Logged().empty());
+      EXPECT_TRUE(LoggedLines().empty());
     }
   }
-  EXPECT_EQ(Utf8(Vol(u"data", 0).Path()), "data\\");
-  EXPECT_EQ(Utf8(Vol(u"", 0).Path()), "\\");
+  EXPECT_EQ(Utf8(VolAt(u"data", 0).Path()), "data\\");
+  EXPECT_EQ(Utf8(VolAt(u"", 0).Path()), "\\");
   // Locations: the volume path the platform gives, through Set(path, 1);
   // without one (a share that is not there) the location's own path.
   TFolderLoc folder;
@@ -132,14 +117,14 @@ TEST_F(Volumes, IsValidAcceptsVolumeForms) {
     EXPECT_EQ(v.IsValid(0, 0), row.loose);
     EXPECT_EQ(v.IsValid(0, 1), row.strict);
   }
-  EXPECT_EQ(Vol(u"C:\\").IsValid(1), 1);  // a readable serial
-  EXPECT_EQ(Vol(u"Q:\\").IsValid(1), 0);  // an unmapped drive has none
-  EXPECT_EQ(Vol(u"Q:\\").IsValid(0), 1);
+  EXPECT_EQ(VolAt(u"C:\\").IsValid(1), 1);  // a readable serial
+  EXPECT_EQ(VolAt(u"Q:\\").IsValid(1), 0);  // an unmapped drive has none
+  EXPECT_EQ(VolAt(u"Q:\\").IsValid(0), 1);
 }
 
 TEST_F(Volumes, InformationComesFromTheDriveFolder) {
   SetVolumeIdentity('C', "Vello Data", 0x1234ABCD);
-  const TVol c = Vol(u"C:\\"), d = Vol(u"D:\\");
+  const TVol c = VolAt(u"C:\\"), d = VolAt(u"D:\\");
   TString label, fs;
   unsigned serial = 0;
   EXPECT_EQ(c.GetName(&label), 0);
@@ -200,21 +185,21 @@ TEST_F(Volumes, InformationComesFromTheDriveFolder) {
 }
 
 TEST_F(Volumes, FailuresAreMappedAndLogged) {
-  const TVol q = Vol(u"Q:\\");
+  const TVol q = VolAt(u"Q:\\");
   unsigned flags = 99;
   EXPECT_EQ(q.GetFlags(&flags, 1), kErrDeviceNotPresent);
   EXPECT_EQ(flags, 0u);
   NativVolInfo info;
   EXPECT_EQ(q.GetInfo(&info), kErrFileNotFound);
   UFailCall(UCall::kGetVolumeInformation, 1, 21);
-  const TVol c = Vol(u"C:\\");
+  const TVol c = VolAt(u"C:\\");
   EXPECT_EQ(c.GetFlags(&flags, 1), kErrDeviceNotReady);
   EXPECT_EQ(flags & kVolNoFileSystemFlags, kVolNoFileSystemFlags);
   EXPECT_NE(flags & 0x1Fu, 0u);  // the drive type is still there
   UFailCall(UCall::kGetDiskFreeSpace, 1, 21);
   EXPECT_EQ(c.GetStats(nullptr, nullptr, nullptr, nullptr), kErrDeviceNotReady);
   EXPECT_EQ(
-      Logged(),
+      LoggedLines(),
       (std::vector<LogLine>{
           {514, "", "TVol::GetFlags: UGetDriveType failed, Q:\\, winerr 15, error -1102"},
           {518, "", "TVol::GetInfo: UGetVolumeInformation failed, Q:\\, winerr 3, error -1101"},
@@ -223,7 +208,7 @@ TEST_F(Volumes, FailuresAreMappedAndLogged) {
   // A drive whose folder has gone has no medium.
   QuarnelSetDrive(u'E', (HostOf('C') + "/gone").c_str());
   int empty = 0;
-  EXPECT_EQ(Vol(u"E:\\").IsEmpty(&empty), 0);
+  EXPECT_EQ(VolAt(u"E:\\").IsEmpty(&empty), 0);
   EXPECT_EQ(empty, 1);
   EXPECT_EQ(c.IsEmpty(&empty), 0);
   EXPECT_EQ(empty, 0);
@@ -233,7 +218,7 @@ TEST_F(Volumes, FailuresAreMappedAndLogged) {
 // No drive of the map is ejected, locked or formatted: each request answers
 // "not supported" with its own line; flushing works.
 TEST_F(Volumes, MediaControlIsNotSupported) {
-  const TVol c = Vol(u"C:\\");
+  const TVol c = VolAt(u"C:\\");
   void* lock = nullptr;
   unsigned port = 9, path = 9, target = 9, lun = 9;
   EXPECT_EQ(c.Eject(), kErrNotSupported);
@@ -253,9 +238,9 @@ TEST_F(Volumes, MediaControlIsNotSupported) {
   EXPECT_EQ(c.IsLocked(&state), 0);
   EXPECT_EQ(state, 0);
   EXPECT_EQ(c.IsBusy(), 0);
-  EXPECT_EQ(Vol(u"Q:\\").Eject(), kErrDeviceNotPresent);
+  EXPECT_EQ(VolAt(u"Q:\\").Eject(), kErrDeviceNotPresent);
   EXPECT_EQ(
-      Logged(),
+      LoggedLines(),
       (std::vector<LogLine>{
           {518, "",
            "TVol::Eject: DeviceIoControl can't change media removal, C:\\, winerr 50, error -1012"},
@@ -269,7 +254,7 @@ TEST_F(Volumes, MediaControlIsNotSupported) {
 }
 
 TEST_F(Volumes, PersistedFormAndEquality) {
-  const TVol c = Vol(u"C:\\");
+  const TVol c = VolAt(u"C:\\");
   std::vector<unsigned char> golden = {'.', 'l', 'o', 'V', 0, 1, 0, 1};
   golden.resize(24, 0);
   const std::vector<unsigned char> str = {'.', 'r', 't', 'S', 0,   1, 0,    1, 3, 0, 0,
@@ -288,8 +273,8 @@ TEST_F(Volumes, PersistedFormAndEquality) {
   EXPECT_EQ(back.Import(out.data(), 23), kErrImportDataTooShort);
   out[0] = 'X';
   EXPECT_EQ(back.Import(out.data(), 56), kErrPersistWrongSignature);
-  EXPECT_TRUE(Vol(u"c:\\") == c);  // volumes compare ignoring case
-  EXPECT_TRUE(Vol(u"D:\\") != c);
+  EXPECT_TRUE(VolAt(u"c:\\") == c);  // volumes compare ignoring case
+  EXPECT_TRUE(VolAt(u"D:\\") != c);
 }
 
 TEST_F(Volumes, LocalVolumesAndSharesOnTheMap) {
@@ -321,7 +306,7 @@ TEST_F(Volumes, LocalVolumesAndSharesOnTheMap) {
   const std::string savedUnc = QuarnelGetUncRoot();
   QuarnelSetUncRoot(HostOf('D').c_str());
   MakeHostFolder(HostOf('D') + "/Srv/Share/dir");
-  const TVol share = Vol(u"\\\\srv\\SHARE\\dir");
+  const TVol share = VolAt(u"\\\\srv\\SHARE\\dir");
   EXPECT_EQ(Utf8(share.Path()), "\\\\srv\\SHARE\\");
   unsigned flags = 0;
   EXPECT_EQ(share.GetFlags(&flags, 0), 0);
@@ -335,15 +320,15 @@ TEST_F(Volumes, LocalVolumesAndSharesOnTheMap) {
   TVol fromLoc;
   EXPECT_EQ(fromLoc.Set(&dir), 0);
   EXPECT_EQ(Utf8(fromLoc.Path()), "\\");
-  EXPECT_EQ(Vol(u"\\\\srv\\nope").GetFlags(&flags, 0), kErrDeviceNotPresent);
+  EXPECT_EQ(VolAt(u"\\\\srv\\nope").GetFlags(&flags, 0), kErrDeviceNotPresent);
   QuarnelSetUncRoot(savedUnc.c_str());
   // Drives remapped at run time: E: now shows D:'s folder.
   WriteHost(HostOf('D') + "/seen.txt", "");
   QuarnelSetDrive(u'E', HostOf('D').c_str());
   EXPECT_NE(UGetFileAttributes(u"E:\\SEEN.TXT"), kInvalidFileAttributes);
   unsigned se = 0, sd = 0;
-  EXPECT_EQ(Vol(u"E:\\").GetSerialNo(&se), 0);
-  EXPECT_EQ(Vol(u"D:\\").GetSerialNo(&sd), 0);
+  EXPECT_EQ(VolAt(u"E:\\").GetSerialNo(&se), 0);
+  EXPECT_EQ(VolAt(u"D:\\").GetSerialNo(&sd), 0);
   EXPECT_EQ(se, sd);
   QuarnelSetDrive(u'E', nullptr);
   EXPECT_EQ(UGetFileAttributes(u"E:\\SEEN.TXT"), kInvalidFileAttributes);

@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -213,29 +214,37 @@ void MakeShortNames(FolderIndex* index) {
   index->shortNamesMade = true;
   std::vector<FolderEntry>& list = *index->listing;
   std::vector<bool> isShort(list.size());
-  std::unordered_set<std::u16string> taken;
+  std::vector<std::u16string> shortFolds;
+  shortFolds.reserve(list.size());  // `taken` points into it
+  std::unordered_set<std::u16string_view> taken;
   for (std::size_t i = 0; i < list.size(); ++i) {
     isShort[i] = IsShortName(list[i].name);
-    if (isShort[i]) taken.insert(FoldName(list[i].name));
+    if (isShort[i]) taken.insert(shortFolds.emplace_back(FoldName(list[i].name)));
   }
-  std::unordered_map<std::u16string, int> lastOfGroup, lastOfFamily;
+  // Where a group's or a shortened base's numbers stand, by a hash of its
+  // text: a clash of hashes only makes a name start further on.
+  const std::hash<std::u16string_view> hash;
+  auto key = [&](std::u16string_view base, std::u16string_view ext, std::size_t digits) {
+    return (hash(base) * 0x9E3779B97F4A7C15u) ^ hash(ext) ^ (digits << 56);
+  };
+  std::unordered_map<std::size_t, int> lastOfGroup, lastOfFamily;
   for (std::size_t i = 0; i < list.size(); ++i) {
     if (isShort[i]) continue;
     const ShortNameStem stem = ShortStemOf(list[i].name);
-    int& groupLast = lastOfGroup[stem.base.substr(0, 6) + u'.' + stem.ext];
+    const std::u16string_view base(stem.base), ext(stem.ext);
+    int& groupLast = lastOfGroup[key(base.substr(0, 6), ext, 0)];
     for (int n = groupLast + 1;; ++n) {
-      // The family: the names of this base cut for numbers of n's length.
-      int digits = 1;
+      std::size_t digits = 1;
       for (int v = n; v >= 10; v /= 10) ++digits;
-      int& familyLast = lastOfFamily[stem.base.substr(0, digits >= 7 ? 1 : 7 - digits) + u'~' +
-                                     static_cast<char16_t>(u'0' + digits) + stem.ext];
+      int& familyLast =
+          lastOfFamily[key(base.substr(0, digits >= 7 ? 1 : 7 - digits), ext, digits)];
       if (n <= familyLast) {
         n = familyLast;  // the loop's ++n goes past it
         continue;
       }
-      std::u16string alt = ShortNameFrom(stem, n);
+      std::u16string& alt = list[i].shortName;
+      alt = ShortNameFrom(stem, n);
       if (!taken.insert(alt).second) continue;
-      list[i].shortName = std::move(alt);
       groupLast = familyLast = n;
       break;
     }

@@ -225,89 +225,79 @@ UHANDLE UCreateFile(const char16_t* path, unsigned access, unsigned share, unsig
   return h;
 }
 
+namespace {
+
+// The open file of `handle` for a call on its data: null with the last error
+// set when the fault seam fails `call`, when the handle is not a file's (6),
+// names a folder or, unless `volumeToo`, a volume (1), or lacks `access` (5).
+UFileObject* DataFile(UHANDLE handle, UCall call, unsigned access, bool volumeToo = false) {
+  unsigned err = 0;
+  if (UShouldFail(call, &err)) {
+    USetLastError(err);
+    return nullptr;
+  }
+  UFileObject* f = FileOf(handle);
+  if (f == nullptr) return nullptr;
+  if (f->isFolder || (f->isVolume && !volumeToo)) {
+    USetLastError(kWinInvalidFunction);
+    return nullptr;
+  }
+  if (!f->isVolume && (f->access & access) != access) {
+    USetLastError(kWinAccessDenied);
+    return nullptr;
+  }
+  return f;
+}
+
+// Reads or writes `count` bytes, stopping early only at the end of the file
+// (reading) or on an error; *done is what was moved.
+int Transfer(UFileObject* f, char* buffer, unsigned count, unsigned* done, bool write) {
+  unsigned moved = 0;
+  while (moved < count) {
+    const ssize_t n = write ? ::write(f->fd, buffer + moved, count - moved)
+                            : ::read(f->fd, buffer + moved, count - moved);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 || (n == 0 && write)) {
+      if (done) *done = moved;
+      USetLastError(n == 0 ? 112u : UWinErrorFromErrno(errno));
+      return 0;
+    }
+    if (n == 0) break;
+    moved += static_cast<unsigned>(n);
+  }
+  if (done) *done = moved;
+  return 1;
+}
+
+}  // namespace
+
 int UReadFile(UHANDLE file, void* buffer, unsigned count, unsigned* read) {
   if (read) *read = 0;
-  unsigned err = 0;
-  if (UShouldFail(UCall::kReadFile, &err)) {
-    USetLastError(err);
-    return 0;
-  }
-  UFileObject* f = FileOf(file);
+  UFileObject* f = DataFile(file, UCall::kReadFile, kAccessRead);
   if (f == nullptr) return 0;
-  if (f->isFolder || f->isVolume) {
-    USetLastError(kWinInvalidFunction);
-    return 0;
-  }
-  if (!(f->access & kAccessRead)) {
-    USetLastError(kWinAccessDenied);
-    return 0;
-  }
   if (buffer == nullptr && count > 0) {
     USetLastError(998);
     return 0;
   }
-  unsigned done = 0;
-  while (done < count) {
-    const ssize_t n = ::read(f->fd, static_cast<char*>(buffer) + done, count - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      if (read) *read = done;
-      USetLastError(UWinErrorFromErrno(errno));
-      return 0;
-    }
-    if (n == 0) break;
-    done += static_cast<unsigned>(n);
-  }
-  if (read) *read = done;
-  return 1;
+  return Transfer(f, static_cast<char*>(buffer), count, read, false);
 }
 
 int UWriteFile(UHANDLE file, const void* buffer, unsigned count, unsigned* written) {
   if (written) *written = 0;
-  unsigned err = 0;
-  if (UShouldFail(UCall::kWriteFile, &err)) {
-    USetLastError(err);
-    return 0;
-  }
-  UFileObject* f = FileOf(file);
+  UFileObject* f = DataFile(file, UCall::kWriteFile, kAccessWrite);
   if (f == nullptr) return 0;
-  if (f->isFolder || f->isVolume) {
-    USetLastError(kWinInvalidFunction);
-    return 0;
-  }
-  if (!(f->access & kAccessWrite)) {
-    USetLastError(kWinAccessDenied);
-    return 0;
-  }
   if (buffer == nullptr && count > 0) {
     USetLastError(998);
     return 0;
   }
-  unsigned done = 0;
-  while (done < count) {
-    const ssize_t n = ::write(f->fd, static_cast<const char*>(buffer) + done, count - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      if (written) *written = done;
-      USetLastError(n == 0 ? 112u : UWinErrorFromErrno(errno));
-      return 0;
-    }
-    done += static_cast<unsigned>(n);
-  }
-  if (written) *written = done;
-  return 1;
+  return Transfer(f, static_cast<char*>(const_cast<void*>(buffer)), count, written, true);
 }
 
 unsigned USetFilePointer(UHANDLE file, std::int32_t low, std::int32_t* high, unsigned method) {
-  unsigned err = 0;
-  if (UShouldFail(UCall::kSetFilePointer, &err)) {
-    USetLastError(err);
-    return kInvalidSetFilePointer;
-  }
-  UFileObject* f = FileOf(file);
+  UFileObject* f = DataFile(file, UCall::kSetFilePointer, 0);
   if (f == nullptr) return kInvalidSetFilePointer;
-  if (f->isFolder || f->isVolume || method > kFileEnd) {
-    USetLastError(f->isFolder || f->isVolume ? kWinInvalidFunction : kWinInvalidParameter);
+  if (method > kFileEnd) {
+    USetLastError(kWinInvalidParameter);
     return kInvalidSetFilePointer;
   }
   const std::int64_t distance =
@@ -343,17 +333,8 @@ unsigned USetFilePointer(UHANDLE file, std::int32_t low, std::int32_t* high, uns
 }
 
 int USetEndOfFile(UHANDLE file) {
-  unsigned err = 0;
-  if (UShouldFail(UCall::kSetEndOfFile, &err)) {
-    USetLastError(err);
-    return 0;
-  }
-  UFileObject* f = FileOf(file);
+  UFileObject* f = DataFile(file, UCall::kSetEndOfFile, kAccessWrite);
   if (f == nullptr) return 0;
-  if (f->isFolder || f->isVolume || !(f->access & kAccessWrite)) {
-    USetLastError(f->isFolder || f->isVolume ? kWinInvalidFunction : kWinAccessDenied);
-    return 0;
-  }
   const off_t pos = lseek(f->fd, 0, SEEK_CUR);
   if (pos < 0 || ftruncate(f->fd, pos) != 0) {
     USetLastError(UWinErrorFromErrno(errno));
@@ -363,25 +344,9 @@ int USetEndOfFile(UHANDLE file) {
 }
 
 int UFlushFileBuffers(UHANDLE file) {
-  unsigned err = 0;
-  if (UShouldFail(UCall::kFlushFileBuffers, &err)) {
-    USetLastError(err);
-    return 0;
-  }
-  UFileObject* f = FileOf(file);
+  UFileObject* f = DataFile(file, UCall::kFlushFileBuffers, kAccessWrite, true);
   if (f == nullptr) return 0;
-  if (f->isVolume) {
-    if (syncfs(f->fd) != 0) {
-      USetLastError(UWinErrorFromErrno(errno));
-      return 0;
-    }
-    return 1;
-  }
-  if (f->isFolder || !(f->access & kAccessWrite)) {
-    USetLastError(f->isFolder ? kWinInvalidFunction : kWinAccessDenied);
-    return 0;
-  }
-  if (fdatasync(f->fd) != 0) {
+  if ((f->isVolume ? syncfs(f->fd) : fdatasync(f->fd)) != 0) {
     USetLastError(UWinErrorFromErrno(errno));
     return 0;
   }

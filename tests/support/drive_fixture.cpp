@@ -103,3 +103,37 @@ void DriveTest::SetVolumeIdentity(char drive, const std::string& label, unsigned
   std::snprintf(text, sizeof text, "%08X\n", serial);
   WriteHost(HostOf(drive) + "/.windows-serial", text);
 }
+
+std::vector<LogLine> DriveTest::LoggedLines() const {
+  std::vector<LogLine> out;
+  for (const LogLine& l : Lines())
+    if (l.level != 519) out.push_back(l);
+  return out;
+}
+
+bool DriveTest::Logged(unsigned level, const std::string& text) const {
+  for (const LogLine& l : Lines())
+    if (l.level == level && l.text == text) return true;
+  return false;
+}
+
+TFolderLoc FolderAt(const char16_t* path) {
+  TFolderLoc f;
+  TString p(path);
+  f.SetPath(&p);
+  return f;
+}
+
+TFileLoc FileAt(const char16_t* path) {
+  TFileLoc f;
+  TString p(path);
+  f.SetPath(&p);
+  return f;
+}
+
+TVol VolAt(const char16_t* path, int parse) {
+  TVol v;
+  TString p(path);
+  v.Set(&p, parse);
+  return v;
+}

@@ -12,7 +12,14 @@
 
 #include <string>
 
+#include "quarnel/fileio/location.h"
+#include "quarnel/fileio/tvol.h"
 #include "tests/support/recording_hooks.h"
+
+// Locations and volumes from a path, for tests.
+TFolderLoc FolderAt(const char16_t* path);
+TFileLoc FileAt(const char16_t* path);
+TVol VolAt(const char16_t* path, int parse = 1);
 
 class DriveTest : public RecordingTest {
  protected:
@@ -30,6 +37,11 @@ class DriveTest : public RecordingTest {
   static std::string ReadHost(const std::string& host);
   static bool HostExists(const std::string& host);
   static void MakeHostFolder(const std::string& host);
+  // The lines logged, without MapError's detail lines (level 519).
+  std::vector<LogLine> LoggedLines() const;
+  // True when a line of that level and text was logged.
+  bool Logged(unsigned level, const std::string& text) const;
+
   // Gives drive `drive` a volume label and serial (the files the volume calls read).
   void SetVolumeIdentity(char drive, const std::string& label, unsigned serial);
 

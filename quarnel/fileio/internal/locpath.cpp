@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/errors.h"
 #include "quarnel/foundation/marshall.h"
 
@@ -11,6 +12,11 @@ namespace {
 constexpr int kHeaderBytes = 24;  // persistence header + 16 zero bytes
 constexpr short kVersion = 256;
 }  // namespace
+
+int NullArgument(const char* member) {
+  DebugLogf(kLogMisuse, "%s: null argument", member);
+  return kErrBadParameter;
+}
 
 void JoinPath(TString* out, const TString& folder, const TString& name) {
   TString path = folder;

@@ -6,6 +6,9 @@
 
 namespace quarnel_internal {
 
+// Logs "<member>: null argument" at 515 and gives -1010.
+int NullArgument(const char* member);
+
 // out = folder + "\" (unless folder ends in one) + name.
 void JoinPath(TString* out, const TString& folder, const TString& name);
 // Drops one trailing backslash.
