@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <random>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "quarnel/platform/drivemap.h"
 #include "quarnel/platform/env.h"
@@ -557,4 +559,41 @@ TEST_F(FileApi, FaultSeamFailsEachCall) {
   EXPECT_FALSE(UCloseHandle(h));
   EXPECT_TRUE(UCloseHandle(h));  // the handle stayed open
   EXPECT_EQ(ReadHost(Host(u"C:\\f.txt")), "dataabcd");
+}
+
+// Threads share the drive map, the folder index and the handle table: each
+// writes, finds, renames and deletes its own files in one folder, by names in
+// other case, while the map is changed under them.
+TEST_F(FileApi, FilesFromManyThreadsShareTheIndex) {
+  MakeHostFolder(Host(u"C:\\Shared"));
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t, &failures] {
+      for (int i = 0; i < 50; ++i) {
+        const std::u16string name =
+            u"C:\\shared\\T" + Utf16(std::to_string(t * 1000 + i)) + u".txt";
+        const UHANDLE h = Open(name, kGenericWrite, 0, kCreateNew);
+        unsigned n = 0;
+        const bool wrote =
+            h != kInvalidHandleValue && UWriteFile(h, "abc", 3, &n) && UCloseHandle(h);
+        UWIN32_FIND_DATAW d;
+        const UHANDLE f = UFindFirstFile(
+            (u"C:\\SHARED\\t" + Utf16(std::to_string(t * 1000 + i)) + u".*").c_str(), &d);
+        const bool found = f != kInvalidHandleValue && d.nFileSizeLow == 3 && UFindClose(f);
+        const std::u16string renamed = name + u".old";
+        const bool gone = UMoveFile(name.c_str(), renamed.c_str()) && UDeleteFile(renamed.c_str());
+        if (!wrote || !found || !gone) ++failures;
+      }
+    });
+  }
+  threads.emplace_back([this] {
+    for (int i = 0; i < 200; ++i)
+      QuarnelSetDrive(u'E', (i % 2 ? HostOf('C') : HostOf('D')).c_str());
+    QuarnelSetDrive(u'E', nullptr);
+  });
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(failures.load(), 0);
+  UWIN32_FIND_DATAW d;
+  EXPECT_EQ(UFindFirstFile(u"C:\\Shared\\*.txt", &d), kInvalidHandleValue);
 }
