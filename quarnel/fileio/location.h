@@ -259,8 +259,8 @@ namespace quarnel_internal {
 // result is k characters too long the base is cut by k, or, when k reaches
 // the base's length, the whole name is cut by k and the suffix comes without
 // the extension. Returns 0, or -1 when no name fits.
-QUARNEL_API int AddSuffix(TString* out, const TString* name, char16_t separator, int number,
-                          int wholeBase, int limit);
+int AddSuffix(TString* out, const TString* name, char16_t separator, int number, int wholeBase,
+              int limit);
 
 }  // namespace quarnel_internal
 

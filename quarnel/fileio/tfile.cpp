@@ -19,6 +19,17 @@ constexpr unsigned kWinSharingViolation = 32;
 constexpr int kLineCreateClose = 2708;  // Create could not close the open file
 constexpr int kLineOpenClose = 2787;    // Open could not close the open file
 
+// Moves the file pointer by a 64-bit offset (its two halves) from the
+// method's origin; a failure is mapped and logged with `message`.
+int SetPos(UHANDLE handle, const TString& path, std::uint64_t offset, unsigned method,
+           const char* message) {
+  auto high = static_cast<std::int32_t>(static_cast<std::uint32_t>(offset >> 32));
+  const unsigned low = USetFilePointer(
+      handle, static_cast<std::int32_t>(static_cast<std::uint32_t>(offset)), &high, method);
+  if (low == kInvalidSetFilePointer && UGetLastError() != 0) return MapAndLogErr(&path, message, 0);
+  return 0;
+}
+
 }  // namespace
 
 TFile::TFile() : handle_(kInvalidHandleValue) {}
@@ -148,25 +159,19 @@ int TFile::GetPosition(std::uint64_t* position) {
   return 0;
 }
 
-int TFile::setPos(std::uint64_t offset, unsigned method, const char* message) {
-  auto high = static_cast<std::int32_t>(static_cast<std::uint32_t>(offset >> 32));
-  const unsigned low = USetFilePointer(
-      handle_, static_cast<std::int32_t>(static_cast<std::uint32_t>(offset)), &high, method);
-  if (low == kInvalidSetFilePointer && UGetLastError() != 0)
-    return MapAndLogErr(&location_.Path(), message, 0);
-  return 0;
-}
-
 int TFile::SetPosFromBegin(std::uint64_t offset) {
-  return setPos(offset, kFileBegin, "TFile::SetPosFromBegin: SetFilePointer failed");
+  return SetPos(handle_, location_.Path(), offset, kFileBegin,
+                "TFile::SetPosFromBegin: SetFilePointer failed");
 }
 
 int TFile::SetPosFromCurrent(std::uint64_t offset) {
-  return setPos(offset, kFileCurrent, "TFile::SetPosFromCurrent: SetFilePointer failed");
+  return SetPos(handle_, location_.Path(), offset, kFileCurrent,
+                "TFile::SetPosFromCurrent: SetFilePointer failed");
 }
 
 int TFile::SetPosFromEnd(std::uint64_t offset) {
-  return setPos(offset, kFileEnd, "TFile::SetPosFromEnd: SetFilePointer failed");
+  return SetPos(handle_, location_.Path(), offset, kFileEnd,
+                "TFile::SetPosFromEnd: SetFilePointer failed");
 }
 
 int TFile::GetEOF(std::uint64_t* size) {

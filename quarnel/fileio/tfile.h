@@ -99,8 +99,6 @@ class QUARNEL_API TFile {
   int GetVol(TVol* vol) const;
 
  private:
-  int setPos(std::uint64_t offset, unsigned method, const char* message);
-
   UHANDLE handle_;
   TFileLoc location_;
 };

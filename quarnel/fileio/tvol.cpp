@@ -40,6 +40,11 @@ unsigned FlagsOfDriveType(unsigned type) {
   }
 }
 
+void EnsureTrailing(TString* path) {
+  if (path->IsEmpty() || (*path)[static_cast<short>(path->Length() - 1)] != u'\\')
+    path->Append(u'\\');
+}
+
 bool IsDriveForm(const TString& p) { return p.Length() >= 2 && p[1] == u':' && UIsCharAlpha(p[0]); }
 
 }  // namespace
@@ -71,18 +76,13 @@ TVol& TVol::operator=(const TVol& other) {
   return *this;
 }
 
-void TVol::ensureTrailing() {
-  if (path_.IsEmpty() || path_[static_cast<short>(path_.Length() - 1)] != u'\\')
-    path_.Append(u'\\');
-}
-
 int TVol::Set(const TString* path, int parse) {
   if (path == nullptr) return NullArgument("TVol::Set");
   const TString& p = *path;
   const short n = p.Length();
   if (!parse) {
     path_ = p;
-    ensureTrailing();
+    EnsureTrailing(&path_);
     return 0;
   }
   if (n == 0 || p[0] != u'\\') {
@@ -97,7 +97,7 @@ int TVol::Set(const TString* path, int parse) {
       path_ = p.Left(3);
     }
     // Any other drive form keeps the old path (trailing backslash ensured).
-    ensureTrailing();
+    EnsureTrailing(&path_);
     return 0;
   }
   if (n < 2 || p[1] != u'\\') return kErrDeviceNotPresent;
@@ -113,7 +113,7 @@ int TVol::Set(const TString* path, int parse) {
     path_ = p.Left(static_cast<short>(fourth + 1));
   }
   // "\\srv\" and "\\srv\share\" exactly keep the old path.
-  ensureTrailing();
+  EnsureTrailing(&path_);
   return 0;
 }
 

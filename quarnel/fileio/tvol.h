@@ -136,7 +136,6 @@ class QUARNEL_API TVol {
  private:
   // Opens the drive as a device ("\\.\X:"); 0 and the handle, or the error.
   int openAsNtDevice(void** handle) const;
-  void ensureTrailing();
 
   TString path_;
 };

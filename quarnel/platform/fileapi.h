@@ -207,7 +207,7 @@ QUARNEL_API int UIsCharAlpha(char16_t ch);
 namespace quarnel_internal {
 // Handles open in this process (files, folders, volumes, finds), for tests
 // that check nothing was left open.
-QUARNEL_API int UOpenHandleCount();
+int UOpenHandleCount();
 }  // namespace quarnel_internal
 
 #endif  // QUARNEL_PLATFORM_FILEAPI_H_

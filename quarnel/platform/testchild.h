@@ -1,13 +1,12 @@
 // Test seam: a second process of this program, for tests of what one process
 // sees of the files another holds open. The child is a fork of the caller:
 // it runs `work`, reports the result, and then waits until Release, so that
-// whatever `work` opened stays open meanwhile.
+// whatever `work` opened stays open meanwhile. Not exported: tests link the
+// library's objects.
 #ifndef QUARNEL_PLATFORM_TESTCHILD_H_
 #define QUARNEL_PLATFORM_TESTCHILD_H_
 
-#include "quarnel/foundation/export.h"
-
-class QUARNEL_API UTestChild {
+class UTestChild {
  public:
   UTestChild() = default;
   ~UTestChild();  // Release
