@@ -116,3 +116,38 @@ TEST(SharedLibrary, AssertionsWriteTheCrashReport) {
   *QuarnelEnv() = saved;
   std::filesystem::remove_all(folder);
 }
+
+// The file subsystem through the shared object: a drive mapped to a fresh
+// folder, a file written and read back, the volume and the folder cleared.
+TEST(SharedLibrary, ExportsFilesFoldersAndVolumes) {
+  const std::filesystem::path root = std::filesystem::temp_directory_path() /
+                                     ("quarnel-shared-" + std::to_string(UGetTickCount()));
+  std::filesystem::create_directory(root);
+  const std::string saved = QuarnelGetDrive(u'Y');
+  ASSERT_EQ(QuarnelSetDrive(u'Y', root.c_str()), 1);
+  TFolderLoc folder;
+  TString path(u"Y:\\Data");
+  folder.SetPath(&path);
+  ASSERT_EQ(folder.Create(255), 0);
+  TFileLoc loc;
+  TString name(u"note.txt");
+  loc.Set(&folder, &name);
+  TFile file;
+  ASSERT_EQ(file.Create(&loc, 0x3), 0);
+  TString text(u"hello");
+  EXPECT_EQ(file.Write(&text), 0);
+  EXPECT_EQ(file.SetPosFromBegin(0), 0);
+  unsigned count = 0;
+  TString back;
+  EXPECT_EQ(file.Read(&count, &back), 0);
+  EXPECT_TRUE(back.Identical(u"hello"));
+  EXPECT_EQ(file.Close(), 0);
+  TVol vol;
+  EXPECT_EQ(folder.GetVol(&vol), 0);
+  NativVolInfo info;
+  EXPECT_EQ(vol.GetInfo(&info), 0);
+  EXPECT_EQ(folder.Delete(), 0);
+  QuarnelSetDrive(u'Y', saved.c_str());
+  EXPECT_TRUE(std::filesystem::is_empty(root));
+  std::filesystem::remove(root);
+}
