@@ -29,3 +29,6 @@ if(QUARNEL_BUILD_TESTS)
     set(GTest_FOUND TRUE)
   endif()
 endif()
+
+# The crash report opens files and lists threads through ntdll's own calls.
+string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -lntdll")

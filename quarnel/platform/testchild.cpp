@@ -47,3 +47,7 @@ void UTestChild::Release() {
   pid_ = -1;
   release_ = -1;
 }
+
+void UTestChild::SetRerunArguments(const char*) {}
+
+bool UTestChild::InChild() { return false; }

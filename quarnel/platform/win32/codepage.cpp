@@ -1,5 +1,7 @@
 #include "quarnel/platform/codepage.h"
 
+#include <cstring>
+
 #include "quarnel/platform/env.h"
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/lasterror.h"
@@ -48,3 +50,17 @@ int UIsDBCSLeadByteEx(unsigned codePage, unsigned char byte) {
 }
 
 int UIsDBCSLeadByte(unsigned char byte) { return UIsDBCSLeadByteEx(kCpAcp, byte); }
+
+int UGetCPInfo(unsigned codePage, UCPINFO* info) {
+  CPINFO cp;
+  if (info == nullptr || !::GetCPInfo(ResolveCodePage(codePage), &cp)) {
+    USetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  static_assert(sizeof cp.DefaultChar == sizeof info->DefaultChar &&
+                sizeof cp.LeadByte == sizeof info->LeadByte);
+  info->MaxCharSize = cp.MaxCharSize;
+  std::memcpy(info->DefaultChar, cp.DefaultChar, sizeof cp.DefaultChar);
+  std::memcpy(info->LeadByte, cp.LeadByte, sizeof cp.LeadByte);
+  return 1;
+}

@@ -63,6 +63,12 @@ int UHeapValidate() {
   return ::HeapValidate(::GetProcessHeap(), 0, nullptr) ? 1 : 0;
 }
 
+std::size_t quarnel_internal::HeapUsableSize(void* block) {
+  if (block == nullptr) return 0;
+  const SIZE_T n = ::HeapSize(::GetProcessHeap(), 0, block);
+  return n == static_cast<SIZE_T>(-1) ? 0 : n;
+}
+
 std::size_t UHeapCompact() { return ::HeapCompact(::GetProcessHeap(), 0); }
 
 void USetHeapFreeDeferred(int on) {

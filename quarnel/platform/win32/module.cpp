@@ -120,6 +120,15 @@ int UGetModuleFileName(HMODULE module, char16_t* buffer, int size) {
   return written;
 }
 
+void* UGetProcAddress(HMODULE module, const char* name) {
+  if (name == nullptr) {
+    USetLastError(ERROR_INVALID_HANDLE);
+    return nullptr;
+  }
+  const FARPROC address = ::GetProcAddress(module ? module : ::GetModuleHandleW(nullptr), name);
+  return reinterpret_cast<void*>(address);
+}
+
 // Windows numbers resources 1 to 65535; any other number names nothing.
 HRSRC UFindResource(HMODULE module, int id, unsigned type) {
   if (id < 1 || id > 0xFFFF) {

@@ -10,6 +10,9 @@
 #define NOMINMAX
 #endif
 #include <windows.h>
+// After windows.h, which they need: the loader's module list, ntdll's calls.
+#include <psapi.h>
+#include <winternl.h>
 
 #include <string>
 
