@@ -14,6 +14,7 @@
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/volapi.h"
 #include "tests/support/drive_fixture.h"
+#include "tests/support/platform_cases.h"
 
 namespace {
 
@@ -123,6 +124,7 @@ TEST_F(Volumes, IsValidAcceptsVolumeForms) {
 }
 
 TEST_F(Volumes, InformationComesFromTheDriveFolder) {
+  QUARNEL_LINUX_ONLY("a mapped drive's label and serial are kept in its folder");
   SetVolumeIdentity('C', "Vello Data", 0x1234ABCD);
   const TVol c = VolAt(u"C:\\"), d = VolAt(u"D:\\");
   TString label, fs;
@@ -205,7 +207,9 @@ TEST_F(Volumes, FailuresAreMappedAndLogged) {
           {518, "", "TVol::GetInfo: UGetVolumeInformation failed, Q:\\, winerr 3, error -1101"},
           {518, "", "TVol::GetFlags: UGetVolumeInformation failed, C:\\, winerr 21, error -1104"},
           {518, "", "TVol::GetStats: UGetDiskFreeSpaceEx failed, C:\\, winerr 21, error -1104"}}));
-  // A drive whose folder has gone has no medium.
+  // A drive whose folder has gone has no medium (on Linux; an aliased letter
+  // on Windows answers for the volume holding its folder).
+  if (kOnWindows) return;
   QuarnelSetDrive(u'E', (HostOf('C') + "/gone").c_str());
   int empty = 0;
   EXPECT_EQ(VolAt(u"E:\\").IsEmpty(&empty), 0);
@@ -230,7 +234,10 @@ TEST_F(Volumes, MediaControlIsNotSupported) {
   EXPECT_EQ(c.Unlock(nullptr), 0);
   TString label(u"X");
   EXPECT_EQ(c.Format(nullptr, &label), kErrNotSupported);
-  EXPECT_EQ(c.Flush(), 0);
+  const bool flushes = !WineDiffers("Wine cannot flush a volume");
+  if (flushes) {
+    EXPECT_EQ(c.Flush(), 0);
+  }
   int state = 9;
   EXPECT_EQ(c.IsEjectable(&state, 0), 0);
   EXPECT_EQ(c.IsFloppy(&state), 0);
@@ -239,6 +246,7 @@ TEST_F(Volumes, MediaControlIsNotSupported) {
   EXPECT_EQ(state, 0);
   EXPECT_EQ(c.IsBusy(), 0);
   EXPECT_EQ(VolAt(u"Q:\\").Eject(), kErrDeviceNotPresent);
+  if (!flushes) return;
   EXPECT_EQ(
       LoggedLines(),
       (std::vector<LogLine>{
@@ -278,6 +286,7 @@ TEST_F(Volumes, PersistedFormAndEquality) {
 }
 
 TEST_F(Volumes, LocalVolumesAndSharesOnTheMap) {
+  QUARNEL_LINUX_ONLY("the drive map's letters, its Z: root and its shares");
   TLocalVolEnum walk;
   ASSERT_EQ(walk.StartEnum(), 0);
   std::vector<std::string> seen;

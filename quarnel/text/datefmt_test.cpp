@@ -63,11 +63,14 @@ class DateFormatTest : public RecordingTest {
     saved_ = *QuarnelEnv();
     QuarnelEnv()->lcid = kLcidEnUs;
     QuarnelEnv()->acp = 65001;
+    quarnel_internal::TStringResetCodePages();  // the page is read once, and the system's may
+                                                // differ
     UseList({{"Nevr", "never"}});
   }
   void TearDown() override {
     RMAddHostKList(16000, nullptr, 0);
     QuarnelSetEnv(saved_);
+    quarnel_internal::TStringResetCodePages();
     RecordingTest::TearDown();
   }
   void UseList(const std::vector<std::pair<std::string, std::string>>& entries) {

@@ -63,12 +63,15 @@ class SprintfTest : public RecordingTest {
     saved_ = *QuarnelEnv();
     QuarnelEnv()->lcid = kLcidEnUs;
     QuarnelEnv()->acp = 65001;
+    quarnel_internal::TStringResetCodePages();  // the page is read once, and the system's may
+                                                // differ
     list_ = MakeList({{"KMkm", "KMGkmg"}, {"Zero", "Zero"}, {"Ords", kOrdinals}});
     RMAddHostKList(16000, list_.data(), static_cast<int>(list_.size()));
   }
   void TearDown() override {
     RMAddHostKList(16000, nullptr, 0);
     QuarnelSetEnv(saved_);
+    quarnel_internal::TStringResetCodePages();
     RecordingTest::TearDown();
   }
   void UseList(const std::vector<std::pair<const char*, std::string>>& entries) {

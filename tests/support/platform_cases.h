@@ -35,6 +35,10 @@ inline bool WineDiffers(const char* why) {
   return true;
 }
 
+// Wine keeps the read-only attribute as the file's permission bits, which do
+// not stop the superuser that runs the tests in CI.
+inline constexpr const char* kWineRootWritesReadOnly = "Wine run by root writes a read-only file";
+
 #if defined(_WIN32)
 // The C runtime's environment, under the POSIX names the tests use.
 inline int setenv(const char* name, const char* value, int overwrite) {
