@@ -97,7 +97,8 @@ TEST_F(FileApi, FailingCallsGiveWindowsErrorNumbers) {
              u"b",
              rd, kOpenExisting);
        }},
-      {": in name (create)", 0, [&] { return OpenError(u"C:\\a:b", wr, kCreateAlways); }},
+      {": in name (create)", 0, [&] { return OpenError(u"C:\\a:b", wr, kCreateAlways); },
+       "Wine makes a file named a:b where Windows makes the stream b of a file a"},
       {": in name (open missing)", 2, [&] { return OpenError(u"C:\\c:d", rd, kOpenExisting); }},
       // Windows refuses a 286-character component; the recording's 2 is its own.
       {"component over 255", 206,

@@ -16,11 +16,14 @@
 #include <iterator>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "quarnel/compress/memcomp.h"
 #include "quarnel/containers/elementspace.h"
 #include "quarnel/datetime/tdate.h"
+#include "quarnel/fileio/location.h"
+#include "quarnel/fileio/tvol.h"
 #include "quarnel/foundation/marshall.h"
 #include "quarnel/foundation/tmemory.h"
 #include "quarnel/resources/resmgr.h"
@@ -99,6 +102,39 @@ const TDate kEarliestDate(1601, 1, 1, 0, 0, 0, 0);
 const TDateStep kStep(1, 2, 3, 4, 5, 6, 7, 890);
 const TInterval kInterval(3, 4, 5, 6, 789);
 
+// ---- locations and volumes (their paths as written, nothing resolved) ----
+template <class T>
+T At(const char16_t* path) {
+  T value;
+  const TString p(path);
+  if constexpr (std::is_same_v<T, TVol>) {
+    value.Set(&p, 0);
+  } else {
+    value.SetPath(&p);
+  }
+  return value;
+}
+
+template <class T>
+Bytes Stored(const char16_t* path) {
+  const T value = At<T>(path);
+  return Exported(value, static_cast<int>(value.StoreSize()));
+}
+
+template <class T>
+std::string ReadStored(const Bytes& bytes, const char16_t* path) {
+  T got;
+  const int err = got.Import(bytes.data(), static_cast<int>(bytes.size()));
+  if (err < 0) return "Import failed with " + std::to_string(err);
+  return got.Path().Identical(path) ? "" : "Import gave another path";
+}
+
+const char16_t kFolderPath[] = u"C:\\Vellomarch\\Dokumente f\u00FCr 2024";
+const char16_t kSharePath[] = u"\\\\srv\\share\\Projekte";
+const char16_t kFilePath[] = u"D:\\Notes\\\u65E5\u672C.vmd";
+const char16_t kVolPath[] = u"C:\\";
+const char16_t kShareVolPath[] = u"\\\\srv\\share\\";
+
 // ---- element spaces ----
 Bytes MakeSpace() {
   ElementSpace space(256, 0);
@@ -173,6 +209,16 @@ const Row kRows[] = {
     {"tinterval.bin",
      [] { return Exported(kInterval, const_cast<TInterval&>(kInterval).StoreSize()); },
      [](const Bytes& b) { return ImportedEquals(b, kInterval); }},
+    {"folderloc.bin", [] { return Stored<TFolderLoc>(kFolderPath); },
+     [](const Bytes& b) { return ReadStored<TFolderLoc>(b, kFolderPath); }},
+    {"folderloc_share.bin", [] { return Stored<TFolderLoc>(kSharePath); },
+     [](const Bytes& b) { return ReadStored<TFolderLoc>(b, kSharePath); }},
+    {"fileloc.bin", [] { return Stored<TFileLoc>(kFilePath); },
+     [](const Bytes& b) { return ReadStored<TFileLoc>(b, kFilePath); }},
+    {"tvol.bin", [] { return Stored<TVol>(kVolPath); },
+     [](const Bytes& b) { return ReadStored<TVol>(b, kVolPath); }},
+    {"tvol_share.bin", [] { return Stored<TVol>(kShareVolPath); },
+     [](const Bytes& b) { return ReadStored<TVol>(b, kShareVolPath); }},
     {"elementspace.bin", MakeSpace, ReadSpace},
     {"memcomp_text.bin", [] { return Packed(Text()); },
      [](const Bytes& b) { return Unpacked(b, Text()); }},
