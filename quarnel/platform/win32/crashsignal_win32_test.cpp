@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -18,6 +19,7 @@
 #include "quarnel/platform/internal/pefile.h"
 #include "quarnel/platform/threadid.h"
 #include "quarnel/platform/win32/winapi.h"
+#include "quarnel/platform/wine.h"
 
 namespace {
 
@@ -174,6 +176,56 @@ TEST(CrashModule, MemoryMapTellsWhatMayBeRead) {
   EXPECT_FALSE(UInStackGuard(stack));
   EXPECT_FALSE(UInStackGuard(ro + page + 16));
   ::VirtualFree(region, 0, MEM_RELEASE);
+}
+
+// Faults in a child process: the handler hears each with its code, on behalf
+// of the faulting thread and with its registers; the process then ends with
+// the exception's code, as without a handler (under Wine, its debugger ends
+// it).
+std::atomic<unsigned> g_faulting{0};
+
+void OnFatal(const UFatalEvent& event) {
+  std::fprintf(stderr, "fatal %08X %s %s\n", event.code,
+               event.threadId == g_faulting ? "faulting-thread" : "other-thread",
+               event.context != nullptr && event.context->rip != 0 ? "registers" : "none");
+  std::fflush(stderr);
+}
+
+TEST(CrashSignalDeath, FaultsReachTheHandlerThenEndTheProcess) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  struct Case {
+    const char* name;
+    unsigned code;
+    void (*fault)();
+  } cases[] = {
+      // An address no process maps (Wine run by root may map page zero).
+      {"write to an unmapped address", 0xC0000005u,
+       [] {
+         int* volatile p = reinterpret_cast<int*>(0x100000000000ull);
+         *p = 1;
+       }},
+      {"divide by zero", 0xC0000094u,
+       [] {
+         volatile int zero = 0;
+         volatile int n = 7 / zero;
+         (void)n;
+       }},
+  };
+  const bool wine = URunsUnderWine() != 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    char expect[64];
+    std::snprintf(expect, sizeof expect, "fatal %08X faulting-thread registers", c.code);
+    const int code = static_cast<int>(c.code);
+    const auto ended = [wine, code](int status) { return wine || status == code; };
+    EXPECT_EXIT(
+        {
+          UInstallFatalSignalHandlers(OnFatal);
+          g_faulting = UGetCurrentThreadId();
+          c.fault();
+        },
+        ended, expect);
+  }
 }
 
 }  // namespace
