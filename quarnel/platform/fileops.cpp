@@ -203,6 +203,56 @@ int UMoveFile(const char16_t* from, const char16_t* to) {
   return 1;
 }
 
+namespace {
+
+// Flushes the folder that holds the entry `path` names.
+void SyncFolderOf(const char16_t* path) {
+  Resolved r;
+  if (ResolveLong(path, &r) != 0) return;
+  const int fd = ::open(r.parentHost.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  ::fsync(fd);
+  ::close(fd);
+}
+
+// UMoveFileEx with kMoveFileReplaceExisting.
+int MoveReplacing(const char16_t* from, const char16_t* to, bool copyAllowed) {
+  if (Faulted(UCall::kMoveFile)) return 0;
+  Resolved src, dst;
+  if (const unsigned err = ResolveLong(from, &src)) return Refuse(err);
+  if (!src.exists) return Refuse(MissingError(src));
+  if (src.isRoot) return Refuse(kWinAccessDenied);
+  if (const unsigned err = ResolveLong(to, &dst)) return Refuse(err);
+  if (dst.isRoot) return Refuse(kWinAccessDenied);
+  if (!dst.exists && !dst.parentExists) return Refuse(MissingError(dst));
+  const bool folder = S_ISDIR(src.st.st_mode);
+  std::string target = JoinHost(dst.parentHost, HostFromWide(dst.win.parts.back()));
+  if (dst.exists && dst.host != src.host) {
+    if (folder || S_ISDIR(dst.st.st_mode) || IsReadOnly(dst.st)) return Refuse(kWinAccessDenied);
+    if (DeleteDenied(dst.host)) return Refuse(kWinSharingViolation);
+    target = dst.host;
+  }
+  if (!folder && DeleteDenied(src.host)) return Refuse(kWinSharingViolation);
+  if (::rename(src.host.c_str(), target.c_str()) == 0) return 1;
+  if (errno != EXDEV) return Refuse(UWinErrorFromErrno(errno, true));
+  if (folder || !copyAllowed) return Refuse(kWinNotSameDevice);
+  if (const unsigned err = CopyResolved(from, to, src, 0)) return Refuse(err);
+  if (::unlink(src.host.c_str()) != 0) return Refuse(UWinErrorFromErrno(errno));
+  return 1;
+}
+
+}  // namespace
+
+int UMoveFileEx(const char16_t* from, const char16_t* to, unsigned flags) {
+  if ((flags & ~(kMoveFileReplaceExisting | kMoveFileCopyAllowed | kMoveFileWriteThrough)) != 0)
+    return Refuse(kWinInvalidParameter);
+  const int moved = (flags & kMoveFileReplaceExisting) != 0
+                        ? MoveReplacing(from, to, (flags & kMoveFileCopyAllowed) != 0)
+                        : UMoveFile(from, to);
+  if (moved && (flags & kMoveFileWriteThrough) != 0) SyncFolderOf(to);
+  return moved;
+}
+
 int UCreateDirectory(const char16_t* path) {
   if (Faulted(UCall::kCreateDirectory)) return 0;
   Resolved r;
