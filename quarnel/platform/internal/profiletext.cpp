@@ -114,7 +114,7 @@ bool FindValue(ProfileReader* reader, const char16_t* section, const char16_t* k
   const Name k(key, true);
   ProfileLine line;
   bool in = false;
-  while (reader->Next(&line)) {
+  while (reader->Next(&line, in)) {
     if (line.kind == ProfileLine::kSection) {
       if (in) return false;
       in = sec.Matches(line.name);
@@ -181,7 +181,7 @@ void ProfileReader::decode(std::size_t from, std::size_t to) {
   if (nul != std::u16string::npos) text_.resize(nul);
 }
 
-bool ProfileReader::Next(ProfileLine* line) {
+bool ProfileReader::Next(ProfileLine* line, bool text) {
   const std::size_t size = bytes_.size();
   if (pos_ + unit_ > size) return false;
   std::size_t p = pos_;
@@ -197,19 +197,30 @@ bool ProfileReader::Next(ProfileLine* line) {
   } else {
     contentEnd = end = p;  // the last line; an odd byte of a 16-bit file stays outside
   }
-  decode(pos_, p);
   line->start = pos_;
   line->contentEnd = contentEnd;
   line->end = end;
+  line->hasValue = false;
+  line->value = {};
+  line->name = {};
+  if (!text) {
+    // Only a header matters: its "[" is the first non-blank unit in every
+    // encoding (no lead byte is blank, and a trail byte follows its lead).
+    std::size_t q = pos_;
+    while (q < p && IsBlank(static_cast<char16_t>(unitAt(q)))) q += unit_;
+    if (q == p || unitAt(q) != '[') {
+      line->kind = q == p ? ProfileLine::kBlank : ProfileLine::kText;
+      pos_ = end;
+      return true;
+    }
+  }
+  decode(pos_, p);
   pos_ = end;
 
   std::u16string_view t(text_);
   while (!t.empty() && IsBlank(t.front())) t.remove_prefix(1);
-  line->hasValue = false;
-  line->value = {};
   if (t.empty()) {
     line->kind = ProfileLine::kBlank;
-    line->name = {};
     return true;
   }
   if (t[0] == u'[') {
@@ -277,7 +288,7 @@ unsigned ProfileGetString(std::string_view bytes, unsigned codePage, const char1
   ProfileLine line;
   if (section == nullptr) {
     ListWriter list(buffer, size);
-    while (reader.Next(&line))
+    while (reader.Next(&line, false))
       if (line.kind == ProfileLine::kSection && !line.name.empty()) list.Add(line.name);
     return list.Finish();
   }
@@ -287,7 +298,7 @@ unsigned ProfileGetString(std::string_view bytes, unsigned codePage, const char1
     const Name sec(section, false);
     ListWriter list(buffer, size);
     bool in = false, found = false;
-    while (reader.Next(&line)) {
+    while (reader.Next(&line, in)) {
       if (line.kind == ProfileLine::kSection) {
         if (in) break;
         in = found = sec.Matches(line.name);
@@ -312,7 +323,7 @@ unsigned ProfileGetSection(std::string_view bytes, unsigned codePage, const char
   ListWriter list(buffer, size);
   std::u16string item;
   bool in = false;
-  while (reader.Next(&line)) {
+  while (reader.Next(&line, in)) {
     if (line.kind == ProfileLine::kSection) {
       if (in) break;
       in = sec.Matches(line.name);
@@ -369,7 +380,7 @@ ProfileEdit ProfileWrite(std::string_view bytes, unsigned codePage, const char16
   std::size_t headerStart = 0, sectionEnd = bytes.size(), lastContentEnd = 0;
   ProfileLine line, keyLine;
   std::u16string keyName, keyValue;
-  while (reader.Next(&line)) {
+  while (reader.Next(&line, in)) {
     if (line.kind == ProfileLine::kSection) {
       if (in) {
         sectionEnd = line.start;

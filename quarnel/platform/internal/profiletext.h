@@ -52,8 +52,10 @@ class ProfileReader {
   ProfileEncoding Encoding() const { return encoding_; }
   std::size_t BodyStart() const { return bodyStart_; }
   // The next line; false after the last. The views in `line` stay valid
-  // until the next call.
-  bool Next(ProfileLine* line);
+  // until the next call. Without `text`, a line that is no section header
+  // is not decoded: its kind is kText (or kBlank when it holds only
+  // blanks), without name or value.
+  bool Next(ProfileLine* line, bool text = true);
   // The line end the file uses first, encoded ("\r\n" when there is none).
   std::string LineEnd() const;
   // `text` in the file's encoding.
