@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <tuple>
 #include <vector>
 
 #include "quarnel/fileio/tfile.h"
@@ -77,24 +78,22 @@ TEST_F(LocHandleTest, StoredFormIsTheDocumentedLayoutWithTheSecretScrambled) {
   again.SetMountInfo(&name, &secret);
   EXPECT_EQ(Bytes(again), want) << "SetMountInfo scrambles as stored";
 
-  // Refusals leave the handle as it was.
+  // Refusals leave the handle as it was: too short, a part cut, the other
+  // byte order's header, another tag.
   std::vector<unsigned char> swapped = want, other = want;
-  std::reverse(swapped.begin(),
-               swapped.begin() + 4);  // the header as the other byte order writes it
+  std::reverse(swapped.begin(), swapped.begin() + 4);
   std::swap(swapped[4], swapped[5]);
   std::swap(swapped[6], swapped[7]);
   other[0] = 'X';
-  const struct {
-    const std::vector<unsigned char>* bytes;
-    int size, code;
-  } refused[] = {{&want, 39, -696}, {&want, 60, -696}, {&swapped, 200, -690}, {&other, 200, -692}};
-  for (const auto& r : refused) {
+  for (const auto& [bytes, size, code] : {std::tuple(&want, 39, -696),
+                                          {&want, 60, -696},
+                                          {&swapped, 200, -690},
+                                          {&other, 200, -692}}) {
     TLocHandle copy = h;
-    EXPECT_EQ(copy.Import(r.bytes->data(), r.size), r.code);
+    EXPECT_EQ(copy.Import(bytes->data(), size), code);
     EXPECT_EQ(Bytes(copy), want);
   }
-  std::vector<unsigned char> small(want.size() - 1);
-  EXPECT_EQ(h.Export(small.data(), static_cast<int>(small.size())), -695);
+  EXPECT_EQ(h.Export(want.data(), static_cast<int>(want.size()) - 1), -695);
 }
 
 TEST_F(LocHandleTest, TokensStandForTheEnvironmentFoldersInTheirOrder) {
@@ -200,16 +199,12 @@ TEST_F(LocHandleTest, NetworkHandleKeepsTheRemotePathAndReconnects) {
   EXPECT_EQ(file.Open(&h, 0x1), 0);
 
   char16_t remote[64];
-  unsigned length = 5;
-  const struct {
-    const char16_t* local;
-    unsigned size, err;
-  } lookups[] = {
-      {u"N", 64, 1200}, {u"C:", 64, 2250}, {u"Q:", 64, 2250}, {u"n:", 5, 234}, {u"N:", 64, 0}};
-  for (const auto& l : lookups) {
-    length = l.size;
-    EXPECT_EQ(UNetGetConnection(l.local, remote, &length), l.err) << Utf8(l.local);
-  }
+  for (auto [local, length, err] : {std::tuple(u"N", 64u, 1200u),
+                                    {u"C:", 64u, 2250u},
+                                    {u"Q:", 64u, 2250u},
+                                    {u"n:", 5u, 234u},
+                                    {u"N:", 64u, 0u}})
+    EXPECT_EQ(UNetGetConnection(local, remote, &length), err) << Utf8(local);
   EXPECT_EQ(Utf8(remote), "\\\\srv\\share");
   seen.mount = false;
   EXPECT_EQ(UNetAddConnection(u"\\\\nobody\\share", nullptr, nullptr), 1326u)
