@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -323,6 +324,19 @@ TEST_F(ProfileTest, TwoProcessesWritingOneFileKeepEveryKey) {
       want.insert(
           Utf16("p" + std::to_string(id) + "k" + std::to_string(i) + "=" + std::to_string(i)));
   EXPECT_EQ(lines, want);
+}
+
+TEST_F(ProfileTest, ThreadsWritingOneFileKeepEveryKey) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([t] {
+      for (int i = 0; i < 25; ++i)
+        UWritePrivateProfileString(
+            u"T", Utf16("t" + std::to_string(t) + "k" + std::to_string(i)).c_str(), u"1", kFile);
+    });
+  for (auto& t : threads) t.join();
+  std::u16string keys = Get(u"T", nullptr, 8192);
+  EXPECT_EQ(std::count(keys.begin(), keys.end(), u'\0'), 100);
 }
 
 TEST_F(ProfileTest, MoveFileExReplacesOnlyWhatItMay) {
