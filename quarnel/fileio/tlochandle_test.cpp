@@ -78,17 +78,12 @@ TEST_F(LocHandleTest, StoredFormIsTheDocumentedLayoutWithTheSecretScrambled) {
   again.SetMountInfo(&name, &secret);
   EXPECT_EQ(Bytes(again), want) << "SetMountInfo scrambles as stored";
 
-  // Refusals leave the handle as it was: too short, a part cut, the other
-  // byte order's header, another tag.
-  std::vector<unsigned char> swapped = want, other = want;
-  std::reverse(swapped.begin(), swapped.begin() + 4);
-  std::swap(swapped[4], swapped[5]);
-  std::swap(swapped[6], swapped[7]);
+  // Refusals leave the handle as it was: too short, a part cut, another tag
+  // (the header's own checks answer for the rest).
+  std::vector<unsigned char> other = want;
   other[0] = 'X';
-  for (const auto& [bytes, size, code] : {std::tuple(&want, 39, -696),
-                                          {&want, 60, -696},
-                                          {&swapped, 200, -690},
-                                          {&other, 200, -692}}) {
+  for (const auto& [bytes, size, code] :
+       {std::tuple(&want, 39, -696), {&want, 60, -696}, {&other, 200, -692}}) {
     TLocHandle copy = h;
     EXPECT_EQ(copy.Import(bytes->data(), size), code);
     EXPECT_EQ(Bytes(copy), want);
@@ -107,6 +102,9 @@ TEST_F(LocHandleTest, TokensStandForTheEnvironmentFoldersInTheirOrder) {
   h.GetPath(&path);
   EXPECT_EQ(Utf8(path), "C:\\home\\work\\quarnel-moved\\x.txt")
       << "the folder's own spelling comes back";
+  const TLocHandle sibling = HandleOf(u"C:\\home\\work\\quarnel-moved\\y.txt");
+  EXPECT_FALSE(sibling == h);
+  EXPECT_TRUE(sibling.Equal(&h, 0)) << "same folder, once the tokens are expanded";
   // "?O" went first: the path follows the user's folder, not the work folder.
   QuarnelEnv()->workFolder = Host(u"C:\\elsewhere");
   QuarnelEnv()->userFolder = Host(u"C:\\moved");
@@ -189,6 +187,7 @@ TEST_F(LocHandleTest, NetworkHandleKeepsTheRemotePathAndReconnects) {
   EXPECT_EQ(seen.remote + " " + seen.user + " " + seen.password, "\\\\srv\\share bob s3cret");
   seen.mount = true;
   TFile file;
+  EXPECT_NE(file.Open(&h, 0x1), 0) << "the share is back, the file not yet";
   EXPECT_EQ(file.Create(&h, 0x3), 0);
   TLocHandle again;
   EXPECT_EQ(file.GetLocHandle(&again), 0);
@@ -206,28 +205,9 @@ TEST_F(LocHandleTest, NetworkHandleKeepsTheRemotePathAndReconnects) {
                                     {u"N:", 64u, 0u}})
     EXPECT_EQ(UNetGetConnection(local, remote, &length), err) << Utf8(local);
   EXPECT_EQ(Utf8(remote), "\\\\srv\\share");
-  seen.mount = false;
-  EXPECT_EQ(UNetAddConnection(u"\\\\nobody\\share", nullptr, nullptr), 1326u)
-      << "the connector's answer";
   QuarnelEnv()->netConnect = nullptr;
   EXPECT_EQ(UNetAddConnection(u"\\\\nobody\\share", nullptr, nullptr), 53u);
   EXPECT_EQ(UNetAddConnection(u"\\\\srv", nullptr, nullptr), 67u);
-}
-
-TEST_F(LocHandleTest, EqualityAndOpeningByHandle) {
-  MakeHostFolder(Host(u"C:\\d"));
-  WriteHost(Host(u"C:\\d\\a.txt"), "a");
-  const TLocHandle a = HandleOf(u"C:\\d\\a.txt"), b = HandleOf(u"C:\\d\\b.txt");
-  EXPECT_FALSE(a == b);
-  EXPECT_TRUE(a.Equal(&b, 0)) << "same folder";
-  TFile file;
-  EXPECT_NE(file.Open(&b, 0x1), 0) << "Open needs the file";
-  EXPECT_EQ(file.Create(&b, 0x2), 0);
-  TLocHandle fromFile;
-  EXPECT_EQ(file.GetLocHandle(&fromFile), 0);
-  EXPECT_TRUE(fromFile == b);
-  file.Close();
-  EXPECT_EQ(file.Open(&a, 0x1), 0);
 }
 
 }  // namespace
