@@ -137,6 +137,20 @@ std::u16string TempFolderText() {
   return loc;
 }
 
+// Resolves both ends of a move and the host name the moved entry takes: 0,
+// or the Windows error. A drive root as the target gives `rootTarget`.
+unsigned MoveEnds(const char16_t* from, const char16_t* to, unsigned rootTarget, Resolved* src,
+                  Resolved* dst, std::string* target) {
+  if (const unsigned err = ResolveLong(from, src)) return err;
+  if (!src->exists) return MissingError(*src);
+  if (src->isRoot) return kWinAccessDenied;
+  if (const unsigned err = ResolveLong(to, dst)) return err;
+  if (dst->isRoot) return rootTarget;
+  if (!dst->exists && !dst->parentExists) return MissingError(*dst);
+  *target = JoinHost(dst->parentHost, HostFromWide(dst->win.parts.back()));
+  return 0;
+}
+
 }  // namespace
 
 int UDeleteFile(const char16_t* path) {
@@ -172,13 +186,9 @@ int UCopyFile(const char16_t* from, const char16_t* to, int failIfExists) {
 int UMoveFile(const char16_t* from, const char16_t* to) {
   if (Faulted(UCall::kMoveFile)) return 0;
   Resolved src, dst;
-  if (const unsigned err = ResolveLong(from, &src)) return Refuse(err);
-  if (!src.exists) return Refuse(MissingError(src));
-  if (src.isRoot) return Refuse(kWinAccessDenied);
-  if (const unsigned err = ResolveLong(to, &dst)) return Refuse(err);
-  if (dst.isRoot) return Refuse(kWinAlreadyExists);
-  if (!dst.exists && !dst.parentExists) return Refuse(MissingError(dst));
-  const std::string target = JoinHost(dst.parentHost, HostFromWide(dst.win.parts.back()));
+  std::string target;
+  if (const unsigned err = MoveEnds(from, to, kWinAlreadyExists, &src, &dst, &target))
+    return Refuse(err);
   if (dst.exists) {
     // Only a new spelling of the source's own name may name an existing entry.
     if (dst.host != src.host) return Refuse(kWinAlreadyExists);
@@ -219,14 +229,10 @@ void SyncFolderOf(const char16_t* path) {
 int MoveReplacing(const char16_t* from, const char16_t* to, bool copyAllowed) {
   if (Faulted(UCall::kMoveFile)) return 0;
   Resolved src, dst;
-  if (const unsigned err = ResolveLong(from, &src)) return Refuse(err);
-  if (!src.exists) return Refuse(MissingError(src));
-  if (src.isRoot) return Refuse(kWinAccessDenied);
-  if (const unsigned err = ResolveLong(to, &dst)) return Refuse(err);
-  if (dst.isRoot) return Refuse(kWinAccessDenied);
-  if (!dst.exists && !dst.parentExists) return Refuse(MissingError(dst));
+  std::string target;
+  if (const unsigned err = MoveEnds(from, to, kWinAccessDenied, &src, &dst, &target))
+    return Refuse(err);
   const bool folder = S_ISDIR(src.st.st_mode);
-  std::string target = JoinHost(dst.parentHost, HostFromWide(dst.win.parts.back()));
   if (dst.exists && dst.host != src.host) {
     if (folder || S_ISDIR(dst.st.st_mode) || IsReadOnly(dst.st)) return Refuse(kWinAccessDenied);
     if (DeleteDenied(dst.host)) return Refuse(kWinSharingViolation);
