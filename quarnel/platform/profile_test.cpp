@@ -21,6 +21,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 constexpr const char16_t* kFile = u"C:\\p.ini";
 
 class ProfileTest : public DriveTest {
@@ -46,11 +48,6 @@ class ProfileTest : public DriveTest {
  private:
   unsigned savedAcp_ = 0;
 };
-
-template <std::size_t N>
-std::string B(const char (&s)[N]) {
-  return std::string(s, N - 1);
-}
 
 // The recording's escapes (\\ \t \r \n \0, \xNN a byte, \uFFFF that unit),
 // otherwise UTF-8; text fields are UTF-8 once unescaped.
@@ -151,8 +148,8 @@ TEST_F(ProfileTest, RandomEditsAgreeWithAModelInEveryEncoding) {
                                "; s\n\n",
                                "; s\r\r",
                                "\xEF\xBB\xBF; s\r\n\r\n",
-                               B("\xFF\xFE;\0 \0s\0\r\0\n\0\r\0\n\0"),
-                               B("\xFE\xFF\0;\0 \0s\0\n\0\n")};
+                               "\xFF\xFE;\0 \0s\0\r\0\n\0\r\0\n\0"s,
+                               "\xFE\xFF\0;\0 \0s\0\n\0\n"s};
   std::mt19937 rng(12);
   for (const std::string& bytes : files) {
     SCOPED_TRACE(bytes.size());
@@ -211,12 +208,12 @@ TEST_F(ProfileTest, BadFilesReadSafelyAndKeepTheirBytes) {
       {"10 MB line", "[S]\r\nk=" + std::string(10 << 20, 'x') + "\r\n", std::u16string(15, u'x'),
        ""},
       {"UTF-16 mark only", "\xFF\xFE", u"<none>",
-       B("\xFF\xFE[\0S\0]\0\r\0\n\0n\0=\0"
-         "1\0\r\0\n\0")},
+       "\xFF\xFE[\0S\0]\0\r\0\n\0n\0=\0"
+       "1\0\r\0\n\0"s},
       {"UTF-8 mark only", "\xEF\xBB\xBF", u"<none>", "\xEF\xBB\xBF[S]\r\nn=1\r\n"},
-      {"invalid UTF-16", B("\xFF\xFE[\0S\0]\0\n\0k\0=\0\x00\xD8\x01"), u"\xD800",
-       B("\xFF\xFE[\0S\0]\0\n\0k\0=\0\x00\xD8\n\0n\0=\0"
-         "1\0\x01")},
+      {"invalid UTF-16", "\xFF\xFE[\0S\0]\0\n\0k\0=\0\x00\xD8\x01"s, u"\xD800",
+       "\xFF\xFE[\0S\0]\0\n\0k\0=\0\x00\xD8\n\0n\0=\0"
+       "1\0\x01"s},
       {"unclosed header", "[S\r\nk=1\r\n[S]\r\nk=2", u"2", "[S\r\nk=1\r\n[S]\r\nk=2\r\nn=1"},
   };
   for (const auto& c : cases) {
