@@ -17,6 +17,7 @@
 #include "quarnel/platform/internal/fileops.h"
 #include "quarnel/platform/internal/handles.h"
 #include "quarnel/platform/lasterror.h"
+#include "quarnel/platform/netapi.h"
 
 using namespace quarnel_internal;
 
@@ -117,7 +118,7 @@ bool MountOf(const std::string& host, std::string* type, std::string* mountPoint
 }
 
 unsigned DriveTypeOf(const Volume& v) {
-  if (v.share) return kDriveRemote;
+  if (v.share || !RemoteNameOfHost(v.host).empty()) return kDriveRemote;
   std::string type, point;
   if (!MountOf(v.host, &type, &point)) return kDriveFixed;
   if (type == "tmpfs" || type == "ramfs") return kDriveRamdisk;
