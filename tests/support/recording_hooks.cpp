@@ -82,3 +82,18 @@ void RecordingTest::ClearRecords() {
   g_assertions.clear();
   g_debugger.clear();
 }
+
+std::string RecordingTest::Logged() const {
+  std::lock_guard<std::mutex> hold(g_lock);
+  std::string out;
+  for (const LogLine& l : g_lines) out += std::to_string(l.level) + " " + l.text + "\n";
+  return out;
+}
+
+std::string RecordingTest::Asserted() const {
+  std::lock_guard<std::mutex> hold(g_lock);
+  std::string out;
+  for (const AssertionSeen& a : g_assertions)
+    out += (out.empty() ? "" : " ") + a.module + "-" + std::to_string(a.line);
+  return out;
+}

@@ -44,6 +44,12 @@ class RecordingTest : public ::testing::Test {
   const std::vector<AssertionSeen>& Assertions() const;
   const std::string& DebuggerOutput() const;
   void ClearRecords();
+
+  // The same records as text, for compact expectations and table rows:
+  // Logged() gives one "level text" per line, each ended by a newline;
+  // Asserted() gives "module-line" per assertion, separated by blanks.
+  std::string Logged() const;
+  std::string Asserted() const;
 };
 
 #endif  // QUARNEL_TESTS_SUPPORT_RECORDING_HOOKS_H_
