@@ -487,17 +487,7 @@ TEST_F(SpaceTest, ValidNamesTheFirstBrokenRule) {
 
 // Model test: random operations against refnum -> bytes.
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr int kScale = 4;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr int kScale = 4;
-#else
-constexpr int kScale = 1;
-#endif
-#else
-constexpr int kScale = 1;
-#endif
+constexpr int kScale = kSanitizerScale;
 
 struct Element {
   std::string bytes;

@@ -14,6 +14,20 @@
 
 using Bytes = std::vector<unsigned char>;
 
+// A divisor for the work of the long model tests: 4 under AddressSanitizer,
+// whose builds run several times slower, else 1.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr int kSanitizerScale = 4;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+inline constexpr int kSanitizerScale = 4;
+#else
+inline constexpr int kSanitizerScale = 1;
+#endif
+#else
+inline constexpr int kSanitizerScale = 1;
+#endif
+
 // A four-letter key (list tag, resource type) as the library packs it: the
 // first letter in the high byte.
 constexpr unsigned Key(const char (&k)[5]) {
