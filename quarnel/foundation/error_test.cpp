@@ -136,7 +136,7 @@ TEST_F(ErrorTest, ZeroMeansTheLastError) {
   const TString detail(u"C:\\Data\\x.cfh");
   EXPECT_EQ(MapAndLogErr(&detail, "TFile::Write: WriteFile failed", 0), kErrDiskFull);
   EXPECT_EQ(Logged(),
-            Mapped("Windows", 112, kErrDiskFull) + Mapped("Windows", 112, kErrDiskFull) +
+            Mapped("Windows", 112, kErrDiskFull) +
                 "518 TFile::Write: WriteFile failed, C:\\Data\\x.cfh, winerr 112, error -1115\n");
   // Mapping does not change the last error; each thread maps its own.
   EXPECT_EQ(UGetLastError(), 112u);
