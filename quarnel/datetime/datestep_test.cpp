@@ -10,30 +10,12 @@
 #include "quarnel/datetime/tdate.h"
 #include "quarnel/foundation/errors.h"
 
+#include "tests/support/datefields.h"
 #include "tests/support/helpers.h"
 
 namespace {
 
 using namespace std::chrono;
-
-struct F {
-  int y, mo, d, h, mi, s, ms;
-  bool operator==(const F&) const = default;
-};
-std::ostream& operator<<(std::ostream& os, const F& f) {
-  return os << f.y << "-" << f.mo << "-" << f.d << " " << f.h << ":" << f.mi << ":" << f.s << "."
-            << f.ms;
-}
-F Of(const TDate& t) {
-  return F{t.GetYear(),   t.GetMonth(),  t.GetDay(),        t.GetHour(),
-           t.GetMinute(), t.GetSecond(), t.GetMillisecond()};
-}
-TDate Make(const F& f) {
-  return TDate(static_cast<unsigned short>(f.y), static_cast<unsigned short>(f.mo),
-               static_cast<unsigned short>(f.d), static_cast<unsigned short>(f.h),
-               static_cast<unsigned short>(f.mi), static_cast<unsigned short>(f.s),
-               static_cast<unsigned short>(f.ms));
-}
 
 // "Y-M-D h:m:s.ms" as the data file writes a date.
 F Parse(const std::string& text) {
