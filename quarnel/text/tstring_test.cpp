@@ -123,26 +123,6 @@ TEST_F(TStringTest, AssignAndAppendCopeWithTheirOwnText) {
 
 // ---- single units, substrings, comparing -------------------------------------
 
-TEST_F(TStringTest, FirstDiscrepancyAndIdentical) {
-  struct Row {
-    std::u16string a, b;
-    int first;
-  };
-  const Row rows[] = {
-      {u"", u"", -1},     {u"abc", u"abc", -1}, {u"abc", u"abd", 2}, {u"abc", u"ab", 2},
-      {u"ab", u"abc", 2}, {u"", u"x", 0},       {u"xbc", u"abc", 0}, {u"ABC", u"abc", 0},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(Utf8(r.a) + " / " + Utf8(r.b));
-    const TString a(r.a.c_str());
-    const TString b(r.b.c_str());
-    EXPECT_EQ(a.FirstDiscrepancy(b), r.first);
-    EXPECT_EQ(a.FirstDiscrepancy(r.b.c_str(), -1), r.first);
-    EXPECT_EQ(a.Identical(b), r.first == -1 ? 1 : 0);
-    EXPECT_EQ(a.Identical(r.b.c_str(), static_cast<short>(r.b.size())), r.first == -1 ? 1 : 0);
-  }
-}
-
 TEST_F(TStringTest, PositionsOutsideTheTextAssert) {
   const TString s(u"abc");
   std::u16string forward, backward;
@@ -211,60 +191,51 @@ TEST_F(TStringTest, FindFunctions) {
   EXPECT_EQ(Str(r), u"on__two_on_");
 }
 
-TEST_F(TStringTest, ReplaceSubstringTable) {
-  struct Row {
-    std::u16string text, from, to;
-    int caseSensitive;
-    short start, max;
-    int count;
-    std::u16string result;
-  };
-  const Row rows[] = {
-      {u"a-b-c", u"-", u"--", 1, 0, -1, 2, u"a--b--c"},
-      {u"a-b-c", u"-", u"", 1, 0, -1, 2, u"abc"},
-      {u"a-b-c", u"-", u"+", 1, 2, -1, 1, u"a-b+c"},
-      {u"a-b-c", u"-", u"+", 1, 0, 1, 1, u"a+b-c"},
-      {u"aaaa", u"aa", u"b", 1, 0, -1, 2, u"bb"},
-      {u"aaa", u"aa", u"b", 1, 0, -1, 1, u"ba"},
-      {u"Cat cat CAT", u"cat", u"dog", 0, 0, -1, 3, u"dog dog dog"},
-      {u"Cat cat CAT", u"cat", u"dog", 1, 0, -1, 1, u"Cat dog CAT"},
-      {u"abc", u"", u"x", 1, 0, -1, 0, u"abc"},
-      {u"abc", u"abcd", u"x", 1, 0, -1, 0, u"abc"},
-      {u"x", u"x", u"xx", 1, 0, -1, 1, u"xx"},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(Utf8(r.text) + " " + Utf8(r.from) + "->" + Utf8(r.to));
-    TString s(r.text.c_str());
-    const TString from(r.from.c_str());
-    const TString to(r.to.c_str());
-    EXPECT_EQ(s.ReplaceSubstring(&from, &to, r.caseSensitive, r.start, r.max), r.count);
-    EXPECT_EQ(Str(s), r.result);
+// Texts with \r and \n as the case file writes them.
+std::u16string Unescaped(std::string t) {
+  for (const auto& [from, to] : {std::pair{"\\r", "\r"}, {"\\n", "\n"}}) {
+    for (std::size_t at; (at = t.find(from)) != std::string::npos;) t.replace(at, 2, to);
   }
+  return Utf16(t);
 }
 
-TEST_F(TStringTest, ConvertNewlinesTable) {
-  const std::u16string text = u"a\rb\nc\r\nd";
-  struct Row {
-    int from, to;
-    std::u16string result;
-  };
-  const Row rows[] = {
-      {0, 1, u"a\nb\nc\n\nd"},
-      {0, 2, u"a\r\nb\nc\r\n\nd"},
-      {1, 0, u"a\rb\rc\r\rd"},
-      {1, 2, u"a\rb\r\nc\r\r\nd"},
-      {2, 0, u"a\rb\nc\rd"},
-      {2, 1, u"a\rb\nc\nd"},
-      {1, 1, text},
-      {3, 0, text},  // an unknown convention asserts
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(std::to_string(r.from) + " -> " + std::to_string(r.to));
+TEST_F(TStringTest, RowsOfTheCaseFile) {
+  const auto rows = ReadTsv("tstring.tsv");
+  ASSERT_EQ(rows.size(), 70u);
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r[0] + " " + r[1] + " " + r[2]);
     ClearRecords();
-    TString s(text.c_str());
-    s.ConvertNewlines(r.from, r.to);
-    EXPECT_EQ(Str(s), r.result);
-    EXPECT_EQ(Asserted(), r.from == 3 ? "tstring-130" : "");
+    TString s(Unescaped(r[1]).c_str());
+    if (r[0] == "R") {
+      const TString from(Unescaped(r[2]).c_str()), to(Unescaped(r[3]).c_str());
+      EXPECT_EQ(s.ReplaceSubstring(&from, &to, std::stoi(r[4]), static_cast<short>(std::stoi(r[5])),
+                                   static_cast<short>(std::stoi(r[6]))),
+                std::stoi(r[7]));
+      EXPECT_EQ(Str(s), Unescaped(r[8]));
+    } else if (r[0] == "N") {
+      TString out(u"old");
+      EXPECT_EQ(s.GetNthToken(&out, u',', static_cast<short>(std::stoi(r[2])),
+                              static_cast<short>(std::stoi(r[3]))),
+                std::stoi(r[4]));
+      EXPECT_EQ(Str(out), Unescaped(r[5]));
+    } else if (r[0] == "P") {
+      const TString text(Unescaped(r[2]).c_str());
+      EXPECT_EQ(text.MatchPattern(&s, std::stoi(r[3])), std::stoi(r[4]));
+    } else if (r[0] == "H") {
+      EXPECT_EQ(s.StripHotkey(), std::stoi(r[2]));
+      EXPECT_EQ(Str(s), Unescaped(r[3]));
+    } else if (r[0] == "C") {
+      s.Assign(u"a\rb\nc\r\nd");
+      s.ConvertNewlines(std::stoi(r[1]), std::stoi(r[2]));
+      EXPECT_EQ(Str(s), Unescaped(r[3]));
+      EXPECT_EQ(Asserted(), r[1] == "3" ? "tstring-130" : "");
+    } else {
+      const std::u16string b = Unescaped(r[2]);
+      const int first = std::stoi(r[3]);
+      EXPECT_EQ(s.FirstDiscrepancy(TString(b.c_str())), first);
+      EXPECT_EQ(s.FirstDiscrepancy(b.c_str(), -1), first);
+      EXPECT_EQ(s.Identical(b.c_str(), static_cast<short>(b.size())), first == -1 ? 1 : 0);
+    }
   }
 }
 
@@ -280,95 +251,11 @@ TEST_F(TStringTest, StripEndsAndStripHotkey) {
   EXPECT_EQ(s.StripEnds(&set, 0), 4);
   EXPECT_EQ(Str(s), u"x");
 
-  struct HotRow {
-    std::u16string text, result;
-    int stripped;
-  };
-  const HotRow hot[] = {
-      {u"Save &As", u"Save As", 1},    {u"R&&D", u"R&&D", 0},
-      {u"Fish &", u"Fish &", 0},       {u"&File", u"File", 1},
-      {u"a & b &c", u"a & b c", 1},    {u"&&&x", u"&&x", 1},
-      {u"no marker", u"no marker", 0}, {u"", u"", 0},
-  };
-  for (const HotRow& r : hot) {
-    SCOPED_TRACE(Utf8(r.text));
-    TString h(r.text.c_str());
-    EXPECT_EQ(h.StripHotkey(), r.stripped);
-    EXPECT_EQ(Str(h), r.result);
-  }
-
   TString c(u"abc XYZ \u00e9\u00c9 1");  // case folding is ASCII only
   c.MakeUpper();
   EXPECT_EQ(Str(c), u"ABC XYZ \u00e9\u00c9 1");
   c.MakeLower();
   EXPECT_EQ(Str(c), u"abc xyz \u00e9\u00c9 1");
-}
-
-TEST_F(TStringTest, GetNthTokenCountsFieldsFromEitherEnd) {
-  struct Row {
-    std::u16string text;
-    short n, dir;
-    int start;
-    std::u16string field;
-  };
-  const Row rows[] = {
-      {u"a,bb,,ccc", 1, 1, 0, u"a"},
-      {u"a,bb,,ccc", 2, 1, 2, u"bb"},
-      {u"a,bb,,ccc", 3, 1, 5, u""},
-      {u"a,bb,,ccc", 4, 1, 6, u"ccc"},
-      {u"a,bb,,ccc", 5, 1, -1, u""},
-      {u"a,bb,,ccc", 1, -1, 6, u"ccc"},
-      {u"a,bb,,ccc", 3, -1, 2, u"bb"},
-      {u"a,bb,,ccc", 4, -1, 0, u"a"},
-      {u"a,bb,,ccc", 5, -1, -1, u""},
-      {u"plain", 1, 1, 0, u"plain"},
-      {u"plain", 1, -1, 0, u"plain"},
-      {u"plain", 0, 1, -1, u""},
-      {u"", 1, 1, 0, u""},
-      {u"x,", 2, 1, 2, u""},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(Utf8(r.text) + " n=" + std::to_string(r.n) + " dir=" + std::to_string(r.dir));
-    TString out(u"old");
-    EXPECT_EQ(TString(r.text.c_str()).GetNthToken(&out, u',', r.n, r.dir), r.start);
-    EXPECT_EQ(Str(out), r.field);
-  }
-}
-
-TEST_F(TStringTest, MatchPatternTable) {
-  struct Row {
-    std::u16string pattern, text;
-    int caseSensitive;
-    int match;
-  };
-  const Row rows[] = {
-      {u"a?c", u"abc", 0, 1},
-      {u"a?c", u"ac", 0, 0},
-      {u"a?c", u"abc", 1, 0},
-      {u"a?c", u"a?c", 1, 1},
-      {u"a?c", u"A?C", 1, 0},
-      {u"ABC", u"abc", 0, 1},
-      {u"ab?", u"ab", 0, 0},
-      {u"*", u"", 1, 1},
-      {u"*", u"anything", 0, 1},
-      {u"*.txt", u"a.txt", 1, 1},
-      {u"*.txt", u"a.txt.bak", 1, 0},
-      {u"a*b*c", u"aXbYbZc", 1, 1},
-      {u"a*b*c", u"aXbYbZ", 1, 0},
-      {u"**x", u"abx", 1, 1},
-      {u"a*", u"a", 1, 1},
-      {u"", u"", 1, 1},
-      {u"", u"a", 1, 0},
-      {u"abc", u"ab", 1, 0},
-      {u"*?", u"", 0, 0},
-      {u"*?", u"z", 0, 1},
-      {u"*b", u"bbb", 1, 1},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(Utf8(r.pattern) + " ~ " + Utf8(r.text) + " cs=" + std::to_string(r.caseSensitive));
-    const TString pattern(r.pattern.c_str());
-    EXPECT_EQ(TString(r.text.c_str()).MatchPattern(&pattern, r.caseSensitive), r.match);
-  }
 }
 
 // ---- locks -------------------------------------------------------------------
@@ -569,46 +456,6 @@ TEST_F(LoadKStringTest, FindsTheTaggedEntry) {
   EXPECT_EQ(s.LoadKString(kListId, 0xFFFF), 1);
   ASSERT_EQ(Lines().size(), 2u);
   for (const LogLine& l : Lines()) EXPECT_EQ(std::to_string(l.level) + l.format, "515%y");
-}
-
-TEST_F(LoadKStringTest, MalformedListsAreLoggedAndYieldNothing) {
-  const std::string bad = "517 LoadKString: Bad resource looking for Name in ID 31000\n";
-  struct Row {
-    const char* name;
-    ListEntries entries;
-    bool terminate;
-    std::vector<unsigned char> tail;
-    std::string lines;
-  };
-  const Row rows[] = {
-      {"runs off the end", {{"Aaaa", "x"}}, false, {}, bad},
-      {"short entry", {{"Aaaa", "x"}}, false, {3, 0, 0x41, 0x41}, bad},
-      {"entry longer than the list", {{"Aaaa", "x"}}, false, {40, 0, 0x41, 0x41}, bad},
-      {"top bit in the next tag",
-       {{"Aaaa", "x"}, {"B\xe2zz", "y"}},
-       true,
-       {},
-       "517 LoadKString: Invalid signature (B\xc3\xa2zz) looking for Name in ID 31000\n"},
-      // A tag with no bit of 0x60 is as bad as one with a top bit.
-      {"control characters in the tag", {{"Aaaa", "x"}, {"\x01\x02\x03\x04", "y"}}, true, {}, ""},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.name);
-    ClearRecords();
-    Bytes bytes = StringList(r.entries, r.terminate);
-    bytes.insert(bytes.end(), r.tail.begin(), r.tail.end());
-    RMAddHostKList(kListId, bytes.data(), static_cast<int>(bytes.size()));
-    TString s(u"x");
-    EXPECT_EQ(s.LoadKString(kListId, Key("Name")), 0);
-    EXPECT_TRUE(s.IsEmpty());
-    ASSERT_EQ(Lines().size(), 1u);
-    if (!r.lines.empty()) {
-      EXPECT_EQ(Logged(), r.lines);
-    }
-    if (r.terminate) {
-      EXPECT_EQ(Lines()[0].format, "LoadKString: Invalid signature (%Y) looking for %Y in ID %~d");
-    }
-  }
 }
 
 // ---- the stored record -----------------------------------------------------------
