@@ -13,7 +13,7 @@
 #include "quarnel/platform/msgbox.h"
 #include "quarnel/platform/threadid.h"
 #include "quarnel/platform/vmem.h"
-#include "tests/support/recording_hooks.h"
+#include "tests/support/helpers.h"
 
 namespace {
 
@@ -136,76 +136,35 @@ TEST_F(AlertTest, LogSettingHooksPassTheirArgumentThrough) {
   EXPECT_EQ(DebugLogGet(big), 0);
 }
 
-TEST_F(AlertTest, MessagePrefixChoosesIconAndIsRemoved) {
-  struct Row {
-    const char16_t* format;
-    unsigned icon;
-    const char* shown;
-  };
-  const Row rows[] = {{u"!#Disk full", 0x30, "Disk full"},  // 0x30 | 0x10
-                      {u"+Careful", 0x30, "Careful"},
-                      {u"#Stop", 0x10, "Stop"},
-                      {u"*Note", 0x40, "Note"},
-                      {u"?Sure", 0x20, "Sure"},
-                      {u"*?Both", 0x60, "Both"},
-                      {u"<>?Bracketed", 0x20, "Bracketed"},
-                      {u"/a/bb//d/e/Tagged", 0, "Tagged"},
-                      {u"!/1/2/3/4/5/#Tag between", 0x30, "Tag between"},
-                      {u"Plain! text", 0, "Plain! text"},
-                      {u" !Space first", 0, " !Space first"},
-                      {u"", 0, ""}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(Utf8(std::u16string(row.format)));
+TEST_F(AlertTest, PrefixesAndStyleWordsOfTheCaseFile) {
+  const auto rows = ReadTsv("alert.tsv");
+  ASSERT_EQ(rows.size(), 28u);
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r[0] + " " + r[1]);
     g_boxes.clear();
-    const TString format(row.format);
-    Alertf(&format);
+    const unsigned style = static_cast<unsigned>(std::stoul(r[2], nullptr, 16));
+    const TString format(Utf16(r[0] == "P" ? r[1] : "*Question").c_str());
+    if (r[0] == "P") {
+      Alertf(&format);
+      TString parsed(format);
+      EXPECT_EQ(AlertParse(&parsed), static_cast<int>(style));
+      EXPECT_EQ(Utf8(parsed), r[3]);
+    } else {
+      const int word = std::stoi(r[1], nullptr, 16);
+      EXPECT_EQ(quarnel_internal::AlertButtonStyle(word), style);
+      Queryf(word, &format);
+    }
     ASSERT_EQ(g_boxes.size(), 1u);
-    EXPECT_EQ(g_boxes[0].text, row.shown);
-    EXPECT_EQ(g_boxes[0].style, row.icon | 0x50000u);
-
-    TString parsed(row.format);
-    EXPECT_EQ(AlertParse(&parsed), static_cast<int>(row.icon));
-    EXPECT_EQ(Utf8(parsed), row.shown);
+    EXPECT_EQ(g_boxes[0].text, r[0] == "P" ? r[3] : "Question");
+    EXPECT_EQ(g_boxes[0].style, style | (r[0] == "P" ? 0u : 0x40u) | 0x50000u);
   }
-  EXPECT_TRUE(Assertions().empty());
+  EXPECT_EQ(Asserted(), "");
 
   // A text that ends inside the tag asserts; all of it is the prefix.
   TString open(u"!/a/b/c/d");
   EXPECT_EQ(AlertParse(&open), 0x30);
   EXPECT_EQ(Utf8(open), "");
   EXPECT_EQ(Asserted(), "alert-452");
-}
-
-TEST_F(AlertTest, StyleWordChoosesButtons) {
-  struct Row {
-    int style;
-    unsigned box;
-  };
-  const Row rows[] = {{0x000, kMbOk},
-                      {0x002, kMbOkCancel},
-                      {0x100, kMbRetryCancel},
-                      {0x103, kMbAbortRetryIgnore},
-                      {0x102, kMbRetryCancel},
-                      {0x200, kMbYesNoCancel},
-                      {0x202, kMbYesNo},
-                      {0x300, kMbYesNoCancel},
-                      {0x302, kMbYesNo},
-                      {0x400, kMbOk},
-                      {0x402, kMbOkCancel},
-                      {0x010, kMbOk},
-                      {0x020, kMbOk | kMbDefButton2},
-                      {0x232, kMbYesNo | kMbDefButton3},
-                      {0x143, kMbAbortRetryIgnore | kMbDefButton4},
-                      {0x050, kMbOk}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(testing::Message() << std::hex << row.style);
-    EXPECT_EQ(quarnel_internal::AlertButtonStyle(row.style), row.box);
-    g_boxes.clear();
-    const TString format(u"*Question");
-    Queryf(row.style, &format);
-    ASSERT_EQ(g_boxes.size(), 1u);
-    EXPECT_EQ(g_boxes[0].style, row.box | 0x40u | 0x50000u);
-  }
 }
 
 TEST_F(AlertTest, ButtonsMapToAnswers) {
