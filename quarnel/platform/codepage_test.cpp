@@ -197,31 +197,6 @@ TEST_F(CodePageTest, LengthsSizeQueriesAndShortBuffers) {
   }
 }
 
-TEST_F(CodePageTest, ShortBufferNeverSplitsACharacter) {
-  char out[8];
-  std::fill(std::begin(out), std::end(out), '#');
-  // "a" + U+3042 (82 A0 in 932, E3 81 82 in UTF-8) into 2 bytes.
-  EXPECT_EQ(UWideCharToMultiByte(kCp932, 0, u"a\u3042", 2, out, 2, nullptr, nullptr), 0);
-  EXPECT_EQ(std::string(out, 2), "a#");
-  std::fill(std::begin(out), std::end(out), '#');
-  EXPECT_EQ(UWideCharToMultiByte(kCpUtf8, 0, u"a\u3042", 2, out, 3, nullptr, nullptr), 0);
-  EXPECT_EQ(std::string(out, 3), "a##");
-  // Runs of ASCII stop exactly at the end of the room.
-  std::fill(std::begin(out), std::end(out), '#');
-  EXPECT_EQ(UWideCharToMultiByte(kCpUtf8, 0, u"abcdef", 6, out, 3, nullptr, nullptr), 0);
-  EXPECT_EQ(std::string(out, 4), "abc#");
-  char16_t run[4] = {u'#', u'#', u'#', u'#'};
-  EXPECT_EQ(UMultiByteToWideChar(kCpUtf8, 0, "abcdef", 6, run, 3), 0);
-  EXPECT_EQ(UGetLastError(), 122u);
-  EXPECT_EQ(std::u16string(run, 4), u"abc#");
-  EXPECT_EQ(UMultiByteToWideChar(kCpUtf8, 0, "abc\xC3\xA9", 5, run, 4), 4);
-  EXPECT_EQ(std::u16string(run, 4), u"abc\u00E9");
-  char16_t wide[4] = {u'#', u'#', u'#', u'#'};
-  EXPECT_EQ(UMultiByteToWideChar(kCpUtf8, 0, "a\xF0\x9F\x98\x80", 5, wide, 2), 0);
-  EXPECT_EQ(UGetLastError(), 122u);
-  EXPECT_EQ(std::u16string(wide, 2), u"a#");
-}
-
 TEST_F(CodePageTest, BadParametersAndFlags) {
   char16_t wide[8];
   char narrow[8];
@@ -349,25 +324,6 @@ TEST_F(CodePageTest, Utf8RoundTripsRandomText) {
         UMultiByteToWideChar(kCpUtf8, kMbErrInvalidChars, utf8.data(), bytes, back.data(), units),
         units);
     ASSERT_EQ(back, text);
-  }
-}
-
-// Model test: random bytes through the single-byte pages convert to exactly
-// one unit each and come back unchanged.
-TEST_F(CodePageTest, SingleBytePagesRoundTripRandomBytes) {
-  std::mt19937 rng(7);
-  for (unsigned cp : {kCp1252, kCpMacRoman, kCpMacCp}) {
-    for (int trial = 0; trial < 200; ++trial) {
-      std::string bytes;
-      const int len = 1 + static_cast<int>(rng() % 64);
-      for (int i = 0; i < len; ++i) bytes += static_cast<char>(rng() % 256);
-      SCOPED_TRACE(std::to_string(cp) + ": " + Hex(bytes));
-      const std::u16string wide = ToWide(cp, bytes);
-      ASSERT_EQ(wide.size(), bytes.size());
-      int used = -1;
-      ASSERT_EQ(ToBytes(cp, wide, &used), bytes);
-      ASSERT_EQ(used, 0);
-    }
   }
 }
 

@@ -408,26 +408,6 @@ TEST(CompareString, IsAConsistentTotalOrderOnRandomStrings) {
   }
 }
 
-TEST(CompareString, CaseFoldingOfLatinLettersMakesThemEqual) {
-  // Upper and lower case of every Latin-1 and Latin Extended-A pair are equal
-  // without case and ordered lower first with it.
-  std::vector<std::pair<char16_t, char16_t>> pairs;  // {upper, lower}
-  for (char16_t u = 0xC0; u <= 0xDE; ++u) {
-    if (u != 0xD7) pairs.push_back({u, static_cast<char16_t>(u + 0x20)});
-  }
-  const std::pair<char16_t, char16_t> runs[] = {
-      {0x100, 0x12F}, {0x132, 0x137}, {0x139, 0x148}, {0x14A, 0x177}, {0x179, 0x17E}};
-  for (const auto& [first, last] : runs) {
-    for (char16_t u = first; u < last; u += 2) pairs.push_back({u, static_cast<char16_t>(u + 1)});
-  }
-  pairs.push_back({0x178, 0xFF});
-  for (const auto& [upper, lower] : pairs) {
-    SCOPED_TRACE(testing::Message() << std::hex << static_cast<unsigned>(upper));
-    EXPECT_EQ(UCompareStringW(0x0409, 0x1001, &lower, 1, &upper, 1), 2);
-    EXPECT_EQ(UCompareStringW(0x0409, 0x1000, &lower, 1, &upper, 1), 1);
-  }
-}
-
 // ---- the text layer's comparison --------------------------------------------
 
 class UCompareStringTest : public RecordingTest {};
