@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <fstream>
@@ -68,18 +69,16 @@ USYSTEMTIME Make(unsigned y, unsigned mo, unsigned d, unsigned h = 0, unsigned m
 
 // The fields in the order of the recorded columns: year month weekday day
 // hour minute second ms.
-std::string Fields(const USYSTEMTIME& st) {
-  std::string out;
-  for (unsigned v : {st.wYear, st.wMonth, st.wDayOfWeek, st.wDay, st.wHour, st.wMinute, st.wSecond,
-                     st.wMilliseconds})
-    out += std::to_string(v) + " ";
-  return out;
+using Fields8 = std::array<unsigned, 8>;
+Fields8 Fields(const USYSTEMTIME& st) {
+  return {st.wYear, st.wMonth,  st.wDayOfWeek, st.wDay,
+          st.wHour, st.wMinute, st.wSecond,    st.wMilliseconds};
 }
 
-// The eight SYSTEMTIME columns starting at cells[i], as Fields() gives them.
-std::string Columns(const std::vector<std::string>& c, std::size_t i) {
-  std::string out;
-  for (std::size_t k = i; k < i + 8; ++k) out += std::to_string(Num(c[k])) + " ";
+// The eight SYSTEMTIME columns starting at cells[i].
+Fields8 Columns(const std::vector<std::string>& c, std::size_t i) {
+  Fields8 out;
+  for (std::size_t k = 0; k < 8; ++k) out[k] = Num(c[i + k]);
   return out;
 }
 
@@ -413,7 +412,7 @@ TEST_F(WinTimeTest, GetLocalTimeReadsTheOverriddenClockInTheProcessZone) {
   USetClockOverride(&now);
   USYSTEMTIME st = Filled();
   UGetLocalTime(&st);
-  EXPECT_EQ(Fields(st), "2024 3 2 5 14 7 9 42 ");
+  EXPECT_EQ(Fields(st), (Fields8{2024, 3, 2, 5, 14, 7, 9, 42}));
   UFILETIME sys = UMakeFileTime(0);
   UGetSystemTimeAsFileTime(&sys);
   EXPECT_EQ(UFileTimeTicks(sys), UFileTimeTicks(now));
@@ -422,7 +421,7 @@ TEST_F(WinTimeTest, GetLocalTimeReadsTheOverriddenClockInTheProcessZone) {
   const UFILETIME late = UMakeFileTime(ChronoTicks(2023, 12, 31, 22 * 3600000ull));
   USetClockOverride(&late);
   UGetLocalTime(&st);
-  EXPECT_EQ(Fields(st), "2024 1 1 1 1 0 0 0 ");
+  EXPECT_EQ(Fields(st), (Fields8{2024, 1, 1, 1, 1, 0, 0, 0}));
 
   // Back on the system clock: a present-day date.
   USetClockOverride(nullptr);
@@ -457,7 +456,7 @@ TEST_F(WinTimeTest, SetLocalTimeChecksItsInputAndFailsWithoutThePrivilege) {
             ChronoTicks(2025, 6, 1, (7 * 3600 + 30 * 60 + 15) * 1000ull + 500));
   USYSTEMTIME got = Filled();
   UGetLocalTime(&got);
-  EXPECT_EQ(Fields(got), "2025 6 0 1 10 30 15 500 ");  // a Sunday
+  EXPECT_EQ(Fields(got), (Fields8{2025, 6, 0, 1, 10, 30, 15, 500}));  // a Sunday
 }
 
 }  // namespace
