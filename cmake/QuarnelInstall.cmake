@@ -37,6 +37,23 @@ install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/quarnelConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/quarnel)
 
+# The pkg-config file finds the prefix from its own place (${pcfiledir}), so
+# that `cmake --install --prefix` anywhere gives a working file. Folders given
+# as absolute paths stay absolute.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(QUARNEL_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+  set(QUARNEL_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+else()
+  file(RELATIVE_PATH _qn_up "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+  string(REGEX REPLACE "/$" "" _qn_up "${_qn_up}")
+  set(QUARNEL_PC_PREFIX "\${pcfiledir}/${_qn_up}")
+  set(QUARNEL_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+endif()
+if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+  set(QUARNEL_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
+else()
+  set(QUARNEL_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+endif()
 configure_file(cmake/quarnel.pc.in ${CMAKE_CURRENT_BINARY_DIR}/quarnel.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/quarnel.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

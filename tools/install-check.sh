@@ -1,14 +1,19 @@
 #!/usr/bin/env bash
-# Installs the library into a temporary prefix and builds a consumer against
-# it twice: through find_package(quarnel) and through pkg-config.
+# Installs the library into a temporary prefix other than the one it was
+# configured with (as `cmake --install --prefix` does) and builds a consumer
+# against it twice: through find_package(quarnel) and through pkg-config.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cmake -S . -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DQUARNEL_BUILD_TESTS=OFF \
-  -DQUARNEL_BUILD_EXAMPLES=OFF -DCMAKE_INSTALL_PREFIX="$work/prefix" >/dev/null
+  -DQUARNEL_BUILD_EXAMPLES=OFF -DCMAKE_INSTALL_PREFIX="$work/configured" >/dev/null
 cmake --build "$work/build" -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
-cmake --install "$work/build" >/dev/null
+cmake --install "$work/build" --prefix "$work/prefix" >/dev/null
+if [ -e "$work/configured" ]; then
+  echo "install: something went to the configured prefix instead of --prefix" >&2
+  exit 1
+fi
 
 # Only public headers are installed, and each finds what it includes there.
 inc="$work/prefix/include"

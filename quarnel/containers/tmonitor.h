@@ -45,7 +45,7 @@ class QUARNEL_API TMonitor {
 
   // Mutable: the lock is no part of the value of what it guards, so that
   // const queries of a list may hold it.
-  mutable std::recursive_mutex lock_;
+  mutable std::mutex lock_;  // held from the first entry to the last exit
   mutable std::atomic<const void*> owner_{
       nullptr};  // the holding thread, by its list pointer's address
   mutable int count_;

@@ -226,6 +226,11 @@ QUARNEL_API int ProcessScriptErr(int a, int b, TString* c, TString* d, TString* 
                                  TString* g, TString* h);
 // Without a hook: 1.
 QUARNEL_API int GetThreadCount();
+namespace quarnel_internal {
+// True when the host installed an EnumThreads hook (the crash report then
+// lists the host's threads instead of the system's).
+bool HasEnumThreadsHook();
+}  // namespace quarnel_internal
 // Without a hook: resets `thread`, stores the calling thread's id and handle
 // in it and returns 1.
 QUARNEL_API int EnumThreads(int index, TThdDescriptor* thread);

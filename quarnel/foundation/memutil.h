@@ -8,6 +8,8 @@
 //
 // The block utilities are the library's names for copy, fill and compare.
 // BlockMove takes the source first, deliberately the reverse of memmove.
+// A null pointer with a count above 0 asserts (module memutil) and nothing is
+// touched; EqualBlock then answers 0.
 #ifndef QUARNEL_FOUNDATION_MEMUTIL_H_
 #define QUARNEL_FOUNDATION_MEMUTIL_H_
 

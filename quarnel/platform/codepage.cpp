@@ -147,12 +147,38 @@ class Iconv {
     return r == static_cast<std::size_t>(-1) ? errno : 0;
   }
   void Flush(char** out, std::size_t* outLen) { iconv(cd_, nullptr, nullptr, out, outLen); }
+  iconv_t raw() const { return cd_; }
 
  private:
   iconv_t cd_;
 };
 
-std::string IconvName(unsigned codePage) { return "CP" + std::to_string(codePage); }
+std::string IconvName(unsigned codePage) {
+  return codePage == kCpUtf7 ? "UTF-7" : "CP" + std::to_string(codePage);
+}
+
+// Whether iconv converts the page both ways.
+bool IconvKnows(unsigned codePage) {
+  const std::string name = IconvName(codePage);
+  return Iconv(NativeUtf16(), name.c_str()).ok() && Iconv(name.c_str(), NativeUtf16()).ok();
+}
+
+// Whether every byte of an iconv page is a character of its own (or no
+// character): no byte waits for a follower.
+bool IconvSingleByte(unsigned codePage) {
+  Iconv cd(NativeUtf16(), IconvName(codePage).c_str());
+  for (unsigned b = 0; b < 256; ++b) {
+    const char in = static_cast<char>(b);
+    const char* ip = &in;
+    std::size_t il = 1;
+    char16_t out[4];
+    char* op = reinterpret_cast<char*>(out);
+    std::size_t ol = sizeof out;
+    iconv(cd.raw(), nullptr, nullptr, nullptr, nullptr);
+    if (cd.Step(&ip, &il, &op, &ol) == EINVAL) return false;
+  }
+  return true;
+}
 
 // Pages whose WideCharToMultiByte refuses a default character or a
 // usedDefault flag (87), as Windows does for the stateful and the
@@ -603,6 +629,42 @@ int UWideCharToMultiByte(unsigned codePage, unsigned flags, const char16_t* src,
     return WideTo932(*t, src, srcLen, dst, dstLen, flags, def, usedDefault);
   }
   return WideToIconv(cp, src, srcLen, dst, dstLen, def, usedDefault);
+}
+
+int UGetCPInfo(unsigned codePage, UCPINFO* info) {
+  if (info == nullptr) return Fail(kErrInvalidParameter);
+  const unsigned cp = ResolveCodePage(codePage);
+  unsigned size = 0;
+  if (cp == kCpUtf8) {
+    size = 4;
+  } else if (cp == kCpUtf7) {
+    size = IconvKnows(cp) ? 5 : 0;
+  } else if (TableFor(cp) != nullptr) {
+    size = 1;
+  } else if (cp == kCp932) {
+    size = Cp932Tables() != nullptr ? 2 : 0;
+  } else if (IconvKnows(cp)) {
+    if (IsDbcsLead(cp, 0x81)) {
+      size = 2;
+    } else if (IconvSingleByte(cp)) {
+      size = 1;
+    }  // other multi-byte pages are not described
+  }
+  if (size == 0) return Fail(kErrInvalidParameter);
+  *info = UCPINFO{};
+  info->MaxCharSize = size;
+  info->DefaultChar[0] = kDefaultByte;
+  // Lead bytes as ranges (first, last), ended by a pair of zeros.
+  unsigned n = 0;
+  for (unsigned b = 0; b < 256 && n + 2 < sizeof info->LeadByte; ++b) {
+    if (!IsDbcsLead(cp, static_cast<unsigned char>(b))) continue;
+    unsigned last = b;
+    while (last < 255 && IsDbcsLead(cp, static_cast<unsigned char>(last + 1))) ++last;
+    info->LeadByte[n++] = static_cast<unsigned char>(b);
+    info->LeadByte[n++] = static_cast<unsigned char>(last);
+    b = last;
+  }
+  return 1;
 }
 
 int UIsDBCSLeadByteEx(unsigned codePage, unsigned char byte) {

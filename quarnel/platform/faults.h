@@ -33,6 +33,20 @@ enum class UCall : int {
   kLoadLibrary,   // ULoadLibrary and ULoadLibraryEx
   kFreeLibrary,   // UFreeLibrary
   kLoadResource,  // ULoadResource
+  kCloseHandle,   // UCloseHandle, UFindClose (the handle stays open)
+  kGetFileInformationByHandle,
+  kDeleteFile,
+  kCopyFile,
+  kMoveFile,
+  kCreateDirectory,
+  kRemoveDirectory,
+  kGetFileAttributes,
+  kSetFileAttributes,
+  kFindFirstFile,
+  kFindNextFile,
+  kGetTempFileName,
+  kGetVolumeInformation,  // UGetVolumeInformation, USetVolumeLabel
+  kGetDiskFreeSpace,      // UGetDiskFreeSpace and UGetDiskFreeSpaceEx
   kCount
 };
 

@@ -29,4 +29,10 @@ QUARNEL_API std::size_t UHeapCompact();
 // of the same block under AddressSanitizer.
 void USetHeapFreeDeferred(int on);
 
+namespace quarnel_internal {
+// The bytes of a heap block that may be used: at least what was asked for,
+// often a little more (the allocator's rounding). 0 for null.
+std::size_t HeapUsableSize(void* block);
+}  // namespace quarnel_internal
+
 #endif  // QUARNEL_PLATFORM_HEAP_H_

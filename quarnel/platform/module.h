@@ -70,6 +70,10 @@ QUARNEL_API HMODULE UGetModuleHandle(const char16_t* name);
 // The module's file path (the host executable's for null), cut to size - 1
 // units and terminated. Returns the units written, 0 on failure.
 QUARNEL_API int UGetModuleFileName(HMODULE module, char16_t* buffer, int size);
+// The address of the exported symbol `name` of a shared object (the host
+// executable's for null). Null when there is none (127) or the handle is not a
+// loaded shared object (6).
+QUARNEL_API void* UGetProcAddress(HMODULE module, const char* name);
 
 QUARNEL_API HRSRC UFindResource(HMODULE module, int id, unsigned type);
 QUARNEL_API HRSRC UFindResourceNamed(HMODULE module, const char16_t* name, int length,

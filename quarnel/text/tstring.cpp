@@ -227,6 +227,16 @@ void TString::Append(const char16_t* text, short len) {
     text_[length_] = 0;
     return;
   }
+  const int total = length_ + len;
+  if (total <= kMaxLength && (text < text_ || text >= text_ + capacityUnits())) {
+    // A source apart from this string: grow, then copy it once.
+    checkUnlocked(kLineLocked);
+    setBufferSize(total * 2);
+    std::memcpy(text_ + length_, text, static_cast<std::size_t>(len) * 2);
+    length_ = static_cast<short>(total);
+    text_[total] = 0;
+    return;
+  }
   concatAssign(text_, length_, text, len);
 }
 

@@ -53,6 +53,8 @@ std::ostream& operator<<(std::ostream& os, const AssertionSeen& a) {
 
 std::string Utf8(const std::u16string& s) { return Utf16ToUtf8(s); }
 
+std::string Utf8(const char16_t* s) { return Utf8(std::u16string(s ? s : u"")); }
+
 std::string Utf8(const TString& s) { return s.ToUtf8(); }
 
 std::u16string Utf16(const std::string& utf8) { return Utf8ToUtf16(utf8); }

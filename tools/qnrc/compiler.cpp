@@ -91,6 +91,16 @@ std::string Describe(const Resource& r) {
   return out + " name \"" + name + "\"";
 }
 
+// The container's order: numbered resources first, by type and id, then the
+// named ones by type and name.
+bool ResourceLess(const Resource& a, const Resource& b) {
+  const bool an = !a.name.empty();
+  const bool bn = !b.name.empty();
+  if (an != bn) return !an;
+  if (a.type != b.type) return a.type < b.type;
+  return an ? NameLess(a.name, b.name) : a.id < b.id;
+}
+
 class Compiler {
  public:
   Compiler(const std::string& script, const std::string& folder, const FileReader& reader)
@@ -101,13 +111,7 @@ class Compiler {
       *error = error_;
       return false;
     }
-    std::sort(resources_.begin(), resources_.end(), [](const Resource& a, const Resource& b) {
-      const bool an = !a.name.empty();
-      const bool bn = !b.name.empty();
-      if (an != bn) return !an;  // numbered resources first
-      if (a.type != b.type) return a.type < b.type;
-      return an ? NameLess(a.name, b.name) : a.id < b.id;
-    });
+    std::sort(resources_.begin(), resources_.end(), ResourceLess);
     *out = std::move(resources_);
     return true;
   }
@@ -690,6 +694,13 @@ bool Compile(const std::string& script, const std::string& folder, const FileRea
              std::vector<Resource>* resources, Error* error) {
   Compiler c(script, folder, reader);
   return c.Run(resources, error);
+}
+
+bool AddResource(std::vector<Resource>* resources, Resource resource) {
+  const auto at = std::lower_bound(resources->begin(), resources->end(), resource, ResourceLess);
+  if (at != resources->end() && !ResourceLess(resource, *at)) return false;
+  resources->insert(at, std::move(resource));
+  return true;
 }
 
 std::vector<unsigned char> BuildBlob(const std::vector<Resource>& resources) {
