@@ -42,4 +42,8 @@ if [ "$detail" = 1 ]; then
   gcovr "${args[@]}" --branches --sort-percentage
   gcovr "${args[@]}" --sort-percentage
 fi
-gcovr "${args[@]}" --print-summary --output /dev/null 2>/dev/null | grep -E '^(lines|branches):'
+# The text report goes to a file of our own: gcovr removes and rewrites its
+# output, which must never be a device such as /dev/null.
+report=$(mktemp)
+trap 'rm -f "$report"' EXIT
+gcovr "${args[@]}" --print-summary --output "$report" 2>/dev/null | grep -E '^(lines|branches):'
