@@ -269,32 +269,6 @@ TEST(SegmentCoder, MatchesReferenceOnGeneratedSegments) {
   EXPECT_GT(full, 30 / kSample);
 }
 
-// Whole segments of the kinds that are slow for the reference, where the
-// library's search takes its other paths (runs, long chains).
-TEST(SegmentCoder, MatchesReferenceOnLongSegmentsOfRunsAndFewSymbols) {
-  const OwnedCoder coder;
-  std::mt19937 rng(4242);
-  Bytes mine;
-  Bytes ref;
-  const DataKind kinds[] = {DataKind::kRuns, DataKind::kSparse, DataKind::kLowEntropy};
-  for (int round = 0; round < 240 / kSample; ++round) {
-    const DataKind kind = kinds[round % 3];
-    const int n = 2048 + static_cast<int>(rng() % 2049);
-    const Bytes seg = Generate(kind, static_cast<std::size_t>(n), rng);
-    const bool ok = coder.Code(seg, &mine);
-    ASSERT_EQ(ok, quarnel_reference::CodeSegment(seg.data(), n, &ref)) << "round " << round;
-    if (ok) {
-      ASSERT_EQ(mine, ref) << "round " << round << " kind " << static_cast<int>(kind);
-    }
-  }
-  // Long runs of one byte, alone and two after another.
-  for (const Bytes& seg : {Bytes(2500, 0), Concat({Bytes(1500, 0xFF), Bytes(1500, 0)})}) {
-    ASSERT_TRUE(coder.Code(seg, &mine));
-    ASSERT_TRUE(quarnel_reference::CodeSegment(seg.data(), static_cast<int>(seg.size()), &ref));
-    EXPECT_EQ(mine, ref);
-  }
-}
-
 // ---------------------------------------------------------------------------
 // The decoder and its checker against random token streams
 
@@ -507,18 +481,6 @@ TEST(PackBlock, IncompressibleSegmentsAreRawAndTheSizeWordNegative) {
   EXPECT_EQ(plan.room, 14096 + plan.margin);
 }
 
-TEST(PackBlock, SegmentsAreCodedAloneWithPositionsInsideTheSegment) {
-  // Two identical segments: the second cannot refer to the first.
-  std::mt19937 rng(8);
-  const Bytes seg = Generate(DataKind::kText, 4096, rng);
-  Bytes block;
-  ASSERT_EQ(Pack(Concat({seg, seg}), &block).kind, PackOutcome::kPacked);
-  Bytes one;
-  ASSERT_TRUE(quarnel_reference::CodeSegment(seg.data(), 4096, &one));
-  EXPECT_EQ(block, Concat({Header(8192), one, Trailer(static_cast<unsigned>(one.size())), one,
-                           Trailer(static_cast<unsigned>(one.size()))}));
-}
-
 int CountingPoll(void* arg) {
   auto* calls = static_cast<std::vector<int>*>(arg);
   const int answer = (*calls)[0] == static_cast<int>(calls->size()) ? -1234 : 0;
@@ -546,8 +508,9 @@ TEST(PackBlock, PollRunsBeforeEachSegmentAndStopsThePacking) {
 }
 
 // The in-place packer writes exactly what the reference writes into a
-// separate buffer, for blocks of every kind and many sizes; each unpacks to
-// its original in a buffer of exactly the room it asks for.
+// separate buffer (each segment coded alone, positions inside the segment),
+// for blocks of every kind and many sizes; each unpacks to its original in a
+// buffer of exactly the room it asks for.
 TEST(PackBlock, MatchesReferenceAndRoundTrips) {
   std::mt19937 rng(31);
   Bytes block;
