@@ -47,13 +47,6 @@ class MemCompTest : public RecordingTest {
     env_->lcid = 0x0409;
     UFreezeTickCount(1);  // every span measures 0 ms unless a test moves the clock
   }
-  void TearDown() override {
-    UClearFaults();
-    USetVirtualReserveLimit(0);
-    UFreezeTickCount(0);
-    USetTickOffset(0);
-    RecordingTest::TearDown();
-  }
 
   static void Fill(TMemory* m, const Bytes& data) {
     ASSERT_EQ(m->SetSize(static_cast<unsigned>(data.size())), 0);

@@ -22,10 +22,6 @@ const std::string kZeroElement = "databuffer-30", kTooLarge = "databuffer-45",
 
 class DataBufferTest : public RecordingTest {
  protected:
-  void TearDown() override {
-    UClearFaults();
-    RecordingTest::TearDown();
-  }
   // The module's own assertions, separated by blanks.
   std::string OwnAssertions() const {
     std::string own;

@@ -40,15 +40,7 @@ Bytes ExportBytes(const TDate& d) {
   return b;
 }
 
-class TDateTest : public RecordingTest {
- protected:
-  void TearDown() override {
-    USetClockOverride(nullptr);
-    USetTimeZone(nullptr);
-    UClearFaults();
-    RecordingTest::TearDown();
-  }
-};
+using TDateTest = RecordingTest;
 
 // ---- day numbers -------------------------------------------------------------------------------
 

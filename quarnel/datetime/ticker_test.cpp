@@ -39,8 +39,6 @@ class TickerTest : public RecordingTest {
     UFreezeTickCount(1);
   }
   void TearDown() override {
-    UFreezeTickCount(0);
-    USetTickOffset(0);
     EXPECT_EQ(TTickerTimerActive(), 0u);
     RecordingTest::TearDown();
   }

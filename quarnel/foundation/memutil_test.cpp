@@ -28,13 +28,6 @@ class MemTest : public RecordingTest {
     blocks0_ = MemBlockCount();
     bytes0_ = MemByteCount();
   }
-  void TearDown() override {
-    UClearFaults();
-    USetVirtualReserveLimit(0);
-    USetGlobalMemoryStatusOverride(nullptr);
-    USetHeapFreeDeferred(0);
-    RecordingTest::TearDown();
-  }
   int Blocks() const { return MemBlockCount() - blocks0_; }
   int Bytes() const { return MemByteCount() - bytes0_; }
 

@@ -109,10 +109,7 @@ class TMemoryTest : public RecordingTest {
     ClearRecords();
   }
   void TearDown() override {
-    UClearFaults();
-    USetVirtualReserveLimit(0);
     EXPECT_EQ(Of(tmemGetStats()), base_) << "blocks left behind";
-    USetGlobalMemoryStatusOverride(nullptr);
     RecordingTest::TearDown();
   }
 

@@ -51,10 +51,6 @@ std::string ToBytes(unsigned cp, const std::u16string& units, int* used = nullpt
 
 class CodePageTest : public RecordingTest {
  protected:
-  void TearDown() override {
-    UClearFaults();
-    RecordingTest::TearDown();
-  }
   ScopedEnv env_;
 };
 

@@ -100,15 +100,7 @@ std::uint64_t ChronoTicks(int y, unsigned m, unsigned d, std::uint64_t msOfDay) 
          msOfDay * kTicksPerMs;
 }
 
-class WinTimeTest : public RecordingTest {
- protected:
-  void TearDown() override {
-    USetClockOverride(nullptr);
-    USetTimeZone(nullptr);
-    UClearFaults();
-    RecordingTest::TearDown();
-  }
-};
+using WinTimeTest = RecordingTest;
 
 // ---- the recorded answers ---------------------------------------------------------------
 

@@ -55,7 +55,6 @@ class ResmgrTest : public RecordingTest {
     savedApp_ = QuarnelEnv()->appFolder;
   }
   void TearDown() override {
-    UClearFaults();
     for (auto it = names_.rbegin(); it != names_.rend(); ++it) {
       TString name = T(*it);
       while (UGetModuleHandle(name.Text()) != nullptr) DLUnloadLib(&name);

@@ -33,7 +33,6 @@ class TStringTest : public RecordingTest {
  protected:
   void TearDown() override {
     TStringResetCodePages();
-    UClearFaults();
     RecordingTest::TearDown();
   }
 };

@@ -5,7 +5,12 @@
 
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/platform/debugout.h"
+#include "quarnel/platform/faults.h"
+#include "quarnel/platform/heap.h"
+#include "quarnel/platform/tick.h"
 #include "quarnel/platform/utf8.h"
+#include "quarnel/platform/vmem.h"
+#include "quarnel/platform/wintime.h"
 #include "quarnel/text/tstring.h"
 
 namespace {
@@ -72,6 +77,14 @@ void RecordingTest::TearDown() {
   HookDebugLogf(nullptr);
   SetAssertionObserver(nullptr);
   USetDebugOutputSink(nullptr);
+  UClearFaults();
+  USetVirtualReserveLimit(0);
+  USetGlobalMemoryStatusOverride(nullptr);
+  USetHeapFreeDeferred(0);
+  USetClockOverride(nullptr);
+  USetTimeZone(nullptr);
+  UFreezeTickCount(0);
+  USetTickOffset(0);
 }
 
 const std::vector<LogLine>& RecordingTest::Lines() const { return g_lines; }
