@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <fstream>
 #include <iterator>
 #include <optional>
 #include <random>
@@ -20,15 +19,6 @@
 #include "tests/support/helpers.h"
 
 namespace {
-
-std::vector<std::string> Split(const std::string& line) {
-  std::vector<std::string> fields;
-  std::stringstream in(line);
-  std::string f;
-  while (std::getline(in, f, '\t')) fields.push_back(f);
-  if (!line.empty() && line.back() == '\t') fields.push_back("");
-  return fields;
-}
 
 std::vector<unsigned> Hex(const std::string& text) {
   std::vector<unsigned> values;
@@ -49,11 +39,8 @@ struct InfoRow {
 
 std::vector<InfoRow> LoadInfoRows() {
   std::vector<InfoRow> rows;
-  std::ifstream in(QUARNEL_TEST_DATA_DIR "/locale_info.tsv");
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.rfind("INFO\t", 0) != 0) continue;
-    const auto f = Split(line);
+  for (const auto& f : ReadTsv("locale_info.tsv")) {
+    if (f[0] != "INFO") continue;
     InfoRow row{static_cast<unsigned>(std::stoul(f[1], nullptr, 16)),
                 f[2],
                 static_cast<unsigned>(std::stoul(f[3], nullptr, 16)),
@@ -61,8 +48,8 @@ std::vector<InfoRow> LoadInfoRows() {
                 {}};
     for (unsigned u : Hex(f[7])) row.wide.push_back(static_cast<char16_t>(u));
     for (unsigned b : Hex(f[10])) row.ansi.push_back(static_cast<char>(b));
-    EXPECT_EQ(std::stoi(f[4]), static_cast<int>(row.wide.size()) + 1) << line;
-    EXPECT_EQ(std::stoi(f[8]), static_cast<int>(row.ansi.size()) + 1) << line;
+    EXPECT_EQ(std::stoi(f[4]), static_cast<int>(row.wide.size()) + 1) << f[1] << " " << f[3];
+    EXPECT_EQ(std::stoi(f[8]), static_cast<int>(row.ansi.size()) + 1) << f[1] << " " << f[3];
     rows.push_back(row);
   }
   return rows;
@@ -271,11 +258,7 @@ struct CollateData {
 
 CollateData LoadCollateData() {
   CollateData data;
-  std::ifstream in(QUARNEL_TEST_DATA_DIR "/collate_pairs.tsv");
-  std::string line;
-  while (std::getline(in, line)) {
-    const auto f = Split(line);
-    if (f.empty()) continue;
+  for (const auto& f : ReadTsv("collate_pairs.tsv")) {
     if (f[0] == "S") {
       std::u16string s;
       for (unsigned u : Hex(f.size() > 2 ? f[2] : "")) s.push_back(static_cast<char16_t>(u));

@@ -5,15 +5,13 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/lasterror.h"
-#include "tests/support/recording_hooks.h"
+#include "tests/support/helpers.h"
 
 namespace {
 
@@ -28,23 +26,10 @@ constexpr std::uint64_t kTicksPerMs = 10000;
 // 1601-01-01 as a count of days of the standard library's calendar.
 const sys_days kEpoch1601 = sys_days(std::chrono::year(1601) / 1 / 1);
 
-std::vector<std::string> Split(const std::string& line) {
-  std::vector<std::string> out;
-  std::string cell;
-  std::istringstream in(line);
-  while (std::getline(in, cell, '\t')) out.push_back(cell);
-  return out;
-}
-
 std::vector<std::vector<std::string>> RecordedRows(const std::string& kind) {
-  std::ifstream in(QUARNEL_TEST_DATA_DIR "/time.tsv");
-  EXPECT_TRUE(in.good()) << "time.tsv missing";
   std::vector<std::vector<std::string>> rows;
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::vector<std::string> cells = Split(line);
-    if (cells[0] == kind) rows.push_back(cells);
+  for (auto& cells : ReadTsv("time.tsv")) {
+    if (cells[0] == kind) rows.push_back(std::move(cells));
   }
   return rows;
 }
