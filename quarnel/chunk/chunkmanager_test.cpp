@@ -1,0 +1,545 @@
+#include "quarnel/chunk/chunkmanager.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "quarnel/compress/memcomp.h"
+#include "quarnel/fileio/tfile.h"
+#include "quarnel/foundation/error.h"
+#include "quarnel/foundation/errors.h"
+#include "quarnel/foundation/tmemory.h"
+#include "quarnel/platform/faults.h"
+#include "tests/support/drive_fixture.h"
+
+namespace {
+
+using Key = std::pair<int, int>;
+using Content = std::map<Key, std::string>;
+constexpr int kA = 0x41414141, kB = 0x42424242, kC = 0x43434343;
+
+TMemory* Block(const std::string& s) {
+  auto* h = new TMemory(1);
+  h->SetSize(static_cast<unsigned>(s.size()));
+  if (!s.empty()) std::memcpy(h->MemPtr(), s.data(), s.size());
+  return h;
+}
+
+void Set(TMemory* h, const std::string& s) {
+  h->SetSize(static_cast<unsigned>(s.size()));
+  if (!s.empty()) std::memcpy(h->MemPtr(), s.data(), s.size());
+}
+
+// The bytes a handle stands for: unpacked when the host packed them.
+std::string Plain(const TMemory* h) {
+  TMemory copy(*h);
+  MemUncomp(&copy);
+  return std::string(reinterpret_cast<const char*>(copy.MemPtr()), copy.GetSize());
+}
+
+// Random chunk contents: empty, random bytes, or repetitive text (packed
+// into the handle by Fill half of the time).
+std::string Bytes(std::mt19937& rng) {
+  const unsigned kind = rng() % 10;
+  if (kind == 0) return "";
+  std::string s(rng() % (kind < 8 ? 600 : 5000), '\0');
+  for (char& c : s) c = static_cast<char>(kind < 6 ? rng() : 'a' + rng() % 3);
+  return s;
+}
+
+void Fill(std::mt19937& rng, TMemory* h, const std::string& s) {
+  Set(h, s);
+  if (s.size() > 1000 && rng() % 2) MemComp(h);
+}
+
+// Every chunk the manager lists, fetched (and so registered).
+Content Read(ChunkManager* m) {
+  Content c;
+  for (int t = 1; t <= m->CHCountTypes(); ++t) {
+    const int type = m->CHEnumType(t);
+    for (int n = 1; n <= m->CHCountChunks(type); ++n) {
+      const int id = m->CHEnumChunk(type, n);
+      TMemory* h = nullptr;
+      EXPECT_EQ(m->CHGetChunk(type, id, &h), 0) << type << " " << id;
+      if (h) c[{type, id}] = Plain(h);
+    }
+  }
+  return c;
+}
+
+class Chunks : public DriveTest {
+ protected:
+  TFileLoc loc_ = FileAt(u"C:\\store.chk");
+  void SetUp() override {
+    DriveTest::SetUp();
+    WriteHost(Host(u"C:\\store.chk"), "");
+  }
+  // The store as another manager reads it from the file.
+  // Read-only beside an open manager; a crashed file opens writable, so
+  // that its journal can be rolled back.
+  Content Reopened(const char16_t* path = u"C:\\store.chk", int* rc = nullptr) {
+    ChunkManager r;
+    TFileLoc at = FileAt(path);
+    const int err = r.CHOpen(&at, rc ? 3 : 1);
+    if (rc) *rc = err;
+    EXPECT_EQ(err, 0);
+    EXPECT_EQ(r.CHVerify(), 0);
+    return Read(&r);
+  }
+  void Add(ChunkManager* m, Key k, const std::string& s, Content* model) {
+    ASSERT_EQ(m->CHAddChunk(Block(s), k.first, k.second), 0);
+    (*model)[k] = s;
+  }
+  TMemory* Get(ChunkManager* m, Key k) {
+    TMemory* h = nullptr;
+    EXPECT_EQ(m->CHGetChunk(k.first, k.second, &h), 0);
+    return h;
+  }
+  // A saved store A, then changes of every kind that make B.
+  void Scripted(ChunkManager* m, Content* a, Content* b) {
+    std::mt19937 rng(13);
+    ASSERT_EQ(m->CHOpen(&loc_, 3), 0);
+    for (int i = 0; i < 30; ++i) Add(m, {i % 3 ? kA : kB, i}, Bytes(rng), a);
+    ASSERT_EQ(m->CHSave(), 0);
+    *b = *a;
+    for (int i = 0; i < 6; ++i) {  // changed, in place or elsewhere
+      const Key k{i % 3 ? kA : kB, i};
+      TMemory* h = Get(m, k);
+      const std::string s = i % 2 ? std::string(h->GetSize(), 'c') : Bytes(rng);
+      Set(h, s);
+      ASSERT_EQ(m->CHChangedChunk(h), 0);
+      (*b)[k] = s;
+    }
+    for (int i = 10; i < 14; ++i) {
+      ASSERT_EQ(m->CHRemoveChunk(Get(m, {i % 3 ? kA : kB, i})), 0);  // gives the handle back
+      b->erase({i % 3 ? kA : kB, i});
+    }
+    for (int i = 0; i < 4; ++i) Add(m, {kC, i}, Bytes(rng), b);
+    TMemory* now = Get(m, {kA, 16});
+    Set(now, "stored at once");
+    ASSERT_EQ(m->CHStoreChunk(now), 0);
+    (*b)[{kA, 16}] = "stored at once";
+    ASSERT_EQ(m->CHDuplicate(kA, 17, 99), 0);
+    ASSERT_EQ(m->CHDuplicate(kA, 1, 98), 0);  // a dirty source
+    (*b)[{kA, 99}] = (*b)[{kA, 17}];
+    (*b)[{kA, 98}] = (*b)[{kA, 1}];
+    ASSERT_EQ(m->CHSetInfo(Get(m, {kA, 20}), kC, 20), 0);
+    (*b)[{kC, 20}] = (*b)[{kA, 20}];
+    b->erase({kA, 20});
+  }
+};
+
+}  // namespace
+
+// Random operations against a map of (type, id) to bytes: every answer, and
+// after each save the map check and what another manager reads from the
+// file. Dirty duplicates, empty chunks and detaching dirty chunks are drawn
+// among the rest.
+TEST_F(Chunks, RandomOperationsAgreeWithAModel) {
+  std::mt19937 rng(20);
+  ChunkManager m;
+  ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
+  Content cur, saved;
+  const int types[] = {kA, kB, kC};
+  const auto pick = [&] {
+    auto it = cur.begin();
+    std::advance(it, static_cast<long>(rng() % cur.size()));
+    return it->first;
+  };
+  const auto fresh = [&](int type) {
+    Key k;
+    do k = {type, static_cast<int>(rng() % 10000) - 5};
+    while (cur.count(k));
+    return k;
+  };
+  const auto change = [&](Key k) {
+    TMemory* h = Get(&m, k);
+    const std::string s = rng() % 4 ? Bytes(rng) : std::string(h->GetSize(), 'z');
+    Fill(rng, h, s);
+    EXPECT_EQ(m.CHChangedChunk(h), 0);
+    cur[k] = s;
+    return h;
+  };
+  std::size_t most = 0;
+  int saves = 0;
+  for (int step = 0; step < 6000; ++step) {
+    SCOPED_TRACE(step);
+    const unsigned op = rng() % 100;
+    if (cur.empty() || op < 40) {
+      const Key k = fresh(types[rng() % 3]);
+      const std::string s = Bytes(rng);
+      TMemory* h = new TMemory(1);
+      Fill(rng, h, s);
+      ASSERT_EQ(m.CHAddChunk(h, k.first, k.second), 0);
+      cur[k] = s;
+    } else if (op < 46) {
+      change(pick());
+    } else if (op < 50) {
+      const Key k = pick();
+      TMemory* h = Get(&m, k);
+      Set(h, Bytes(rng));
+      cur[k] = Plain(h);
+      ASSERT_EQ(m.CHStoreChunk(h), 0);
+    } else if (op < 54) {
+      const Key k = pick();
+      TMemory* h = Get(&m, k);
+      ASSERT_EQ(m.CHRemoveChunk(h), 0);
+      delete h;
+      cur.erase(k);
+    } else if (op < 59) {
+      const Key k = pick(), to = fresh(types[rng() % 3]);
+      ASSERT_EQ(m.CHSetInfo(Get(&m, k), to.first, to.second), 0);
+      cur[to] = cur[k];
+      cur.erase(k);
+    } else if (op < 64) {
+      const Key k = pick(), to = fresh(k.first);
+      if (rng() % 2) change(k);
+      ASSERT_EQ(m.CHDuplicate(k.first, k.second, to.second), 0);
+      cur[to] = cur[k];
+    } else if (op < 69) {
+      const Key k = pick();
+      TMemory* h = rng() % 2 ? change(k) : Get(&m, k);
+      ASSERT_EQ(m.CHDetachChunk(h), 0);
+      delete h;
+    } else if (op < 90) {
+      const Key k = pick();
+      TMemory* h = Get(&m, k);
+      ASSERT_NE(h, nullptr);
+      ASSERT_EQ(Plain(h), cur[k]);
+    } else if (op < 96) {
+      ASSERT_EQ(op < 93 ? m.CHSave() : m.CHQuickSave(), 0);
+      ASSERT_EQ(m.CHVerify(), 0);
+      saved = cur;
+      ++saves;
+      if (saves % 4 == 0) {
+        ASSERT_EQ(Reopened(), saved);
+      }
+    } else if (op < 98) {
+      ASSERT_EQ(m.CHRevert(), 0);
+      cur = saved;
+    } else {
+      m.CHClose();
+      ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
+      cur = saved;
+      ASSERT_EQ(Read(&m), cur);
+    }
+    most = std::max(most, cur.size());
+  }
+  EXPECT_EQ(Read(&m), cur);
+  EXPECT_GT(most, 1500u);
+  EXPECT_GT(saves, 100);
+}
+
+// The paths where the documented algorithms lose a document, each a short
+// sequence of calls: the safe result, its line, and every chunk's exact
+// bytes after a save and a reopen.
+TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
+  struct Row {
+    const char* name;
+    std::function<void(ChunkManager&, Content&)> run;
+  };
+  const std::vector<Row> rows = {
+      {"duplicate of a dirty chunk",
+       [&](ChunkManager& m, Content& c) {
+         TMemory* h = Get(&m, {kA, 1});
+         Set(h, "changed in memory");
+         ASSERT_EQ(m.CHChangedChunk(h), 0);
+         EXPECT_EQ(m.CHDuplicate(kA, 1, 9), 0);
+         EXPECT_TRUE(Logged(519, "CHDuplicateChunk: source is dirty, copying its handle"));
+         c[{kA, 1}] = c[{kA, 9}] = "changed in memory";
+       }},
+      {"empty dirty chunk",
+       [&](ChunkManager& m, Content& c) {
+         TMemory* h = new TMemory(1);
+         ASSERT_EQ(m.CHAddChunk(h, kA, 3), 0);
+         EXPECT_EQ(Get(&m, {kA, 3}), h);
+         EXPECT_EQ(h->GetSize(), 0u);
+         EXPECT_TRUE(Logged(519, "CHLoadChunk: chunk is dirty, its handle holds its contents"));
+         c[{kA, 3}] = "";
+       }},
+      {"detaching a dirty chunk",
+       [&](ChunkManager& m, Content& c) {
+         TMemory* h = Get(&m, {kA, 2});
+         Set(h, "TWO");
+         ASSERT_EQ(m.CHChangedChunk(h), 0);
+         EXPECT_EQ(m.CHDetachChunk(h), 0);
+         delete h;
+         EXPECT_TRUE(Logged(519, "CHDetachChunk: stored dirty chunk before detaching"));
+         EXPECT_EQ(Plain(Get(&m, {kA, 2})), "TWO");
+         c[{kA, 2}] = "TWO";
+       }},
+      {"a save that fails part-way",
+       [&](ChunkManager& m, Content& c) {
+         const Content before = c;
+         TMemory* h = Get(&m, {kA, 1});
+         h->SetSize(0);  // everything after it moves down
+         ASSERT_EQ(m.CHChangedChunk(h), 0);
+         Add(&m, {kA, 5}, std::string(3000, 'f'), &c);
+         c[{kA, 1}] = "";
+         UFailCall(UCall::kWriteFile, 6, 112);
+         EXPECT_EQ(m.CHSave(), kErrDiskFull);
+         EXPECT_TRUE(Logged(517, "CHSave: save failed, file rolled back, "));
+         EXPECT_EQ(Reopened(), before);
+       }},
+      {"free space is not a chunk",
+       [&](ChunkManager& m, Content& c) {
+         TMemory* h = Get(&m, {kA, 2});
+         ASSERT_EQ(m.CHRemoveChunk(h), 0);
+         delete h;
+         c.erase({kA, 2});
+         for (const int type : {-1, 0}) {
+           TMemory* got = nullptr;
+           EXPECT_EQ(m.CHGetChunk(type, 48, &got), kErrChunkDuplicate);
+           EXPECT_EQ(got, nullptr);
+           EXPECT_EQ(m.CHCountChunks(type), 0);
+         }
+         EXPECT_TRUE(Logged(515, "CHGetChunk: invalid type \xC3\xBF\xC3\xBF\xC3\xBF\xC3\xBF"));
+       }},
+      {"the last id",
+       [&](ChunkManager& m, Content& c) {
+         Add(&m, {kA, INT_MAX}, "max", &c);
+         EXPECT_EQ(m.CHUniqueID(kA, INT_MAX), 0);
+         EXPECT_TRUE(Logged(515, "CHUniqueID: no free id at or above 2,147,483,647"));
+         EXPECT_EQ(m.CHUniqueID(kA, 1), 3);
+         Add(&m, {kA, -1}, "minus one", &c);
+         EXPECT_EQ(m.CHUniqueID(kA, -1), 0);
+       }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    WriteHost(Host(u"C:\\store.chk"), "");
+    Content c;
+    {
+      ChunkManager m;
+      ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
+      Add(&m, {kA, 1}, "one", &c);
+      Add(&m, {kA, 2}, std::string(500, '2'), &c);
+      Add(&m, {kB, 7}, "seven", &c);
+      ASSERT_EQ(m.CHSave(), 0);
+      ClearRecords();
+      row.run(m, c);
+      EXPECT_EQ(m.CHSave(), 0);
+      EXPECT_EQ(m.CHVerify(), 0);
+    }
+    EXPECT_EQ(Reopened(), c);
+  }
+}
+
+// Hand-made files whose header or map is wrong where its hash is right:
+// refused at open with the line of what is wrong.
+TEST_F(Chunks, DamagedHeadersAndMapsAreRefusedAtOpen) {
+  Content a;
+  {
+    ChunkManager m;
+    ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
+    Add(&m, {kA, 1}, "one", &a);
+    Add(&m, {kA, 2}, "two", &a);
+    ASSERT_EQ(m.CHSave(), 0);  // chunks at 512 and 580, the map at 648
+  }
+  const std::string good = ReadHost(Host(u"C:\\store.chk"));
+  const auto put = [](std::string* s, std::size_t at, long long v, int n) {
+    std::memcpy(&(*s)[at], &v, static_cast<std::size_t>(n));
+  };
+  // Patches map entry `e`'s field at `field` and puts the map's hash right.
+  const auto entry = [&](int e, int field, long long v, int n) {
+    std::string s = good;
+    put(&s, 648 + 64 + 48 * e + field, v, n);
+    const unsigned h = chHashBlock(reinterpret_cast<const unsigned char*>(&s[712]), 3 * 48);
+    put(&s, 648 + 48, h, 4);
+    return s;
+  };
+  const std::string invalid = "chDoOpen: invalid file, ";
+  struct Case {
+    std::string bytes;
+    int code;
+    std::string line;
+  };
+  const auto header = [&](int at, long long v, int n) {
+    std::string s = good;
+    put(&s, static_cast<std::size_t>(at), v, n);
+    return s;
+  };
+  const std::vector<Case> cases = {
+      {header(36, 3, 4), kErrChunkInvalidFile, invalid},
+      {header(36, 0, 4), kErrChunkInvalidFile, invalid},
+      {header(36, 1024, 4), kErrChunkInvalidFile, invalid},
+      {header(0, 0x2E666843, 4), kErrChunkInvalidFile, invalid},  // only byte-swapped
+      {header(32, 0x42616421, 4), kErrChunkNotSaved, "chDoOpen: file was not fully saved"},
+      {header(16, 40, 8), kErrChunkBadMap, "chReadMap: bad map"},   // map smaller than a header
+      {header(8, 4096, 8), kErrChunkBadMap, "chReadMap: bad map"},  // map beyond the file
+      {header(16, 0x80000000LL, 8), kErrChunkBadMap, "chReadMap: bad map"},
+      {entry(1, 24, 200, 8), kErrChunkBadMap, "chReadMap: bad map"},  // slack beyond the extent
+      {entry(0, 0, 0, 4), kErrChunkMapCheck, "chMapCheck: invalid type sequence"},
+      {entry(0, 8, 1, 8), kErrChunkMapCheck, "chMapCheck: invalid type sequence"},
+      {entry(0, 8, 3, 8), kErrChunkMapCheck, "chMapCheck: invalid map termination"},
+      {entry(2, 16, 4000, 8), kErrChunkMapCheck, "chMapCheck: invalid address"},
+      {good.substr(0, 100), kErrChunkInvalidFile, invalid},
+  };
+  for (std::size_t k = 0; k < cases.size(); ++k) {
+    SCOPED_TRACE(k);
+    WriteHost(Host(u"C:\\bad.chk"), cases[k].bytes);
+    ClearRecords();
+    ChunkManager m;
+    TFileLoc bad = FileAt(u"C:\\bad.chk");
+    EXPECT_EQ(m.CHOpen(&bad, 3), cases[k].code);
+    EXPECT_TRUE(Logged(517, cases[k].line));
+  }
+}
+
+// Every bit of the header sector and of the map flipped, and random bytes:
+// open and verify answer with codes, fetching gives the data or a code,
+// never a crash or a read outside the buffers.
+TEST_F(Chunks, CorruptFilesGiveCodes) {
+  Content a;
+  {
+    ChunkManager m;
+    ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
+    Add(&m, {kA, 1}, "one", &a);
+    Add(&m, {kA, 2}, std::string(300, 't'), &a);
+    Add(&m, {kB, 3}, "three", &a);
+    ASSERT_EQ(m.CHSave(), 0);
+  }
+  const std::string good = ReadHost(Host(u"C:\\store.chk"));
+  // Bit flips are made in place: rewriting a whole file each time is slow.
+  const std::string badHost = Host(u"C:\\bad.chk");
+  WriteHost(badHost, good);
+  const auto flip = [&](std::size_t bit) {
+    std::FILE* f = std::fopen(badHost.c_str(), "r+b");
+    std::fseek(f, static_cast<long>(bit / 8), SEEK_SET);
+    const int c = std::fgetc(f);
+    std::fseek(f, static_cast<long>(bit / 8), SEEK_SET);
+    std::fputc(c ^ (1 << (bit % 8)), f);
+    std::fclose(f);
+  };
+  const auto attempt = [&](std::size_t bit) {
+    ChunkManager m;
+    TFileLoc bad = FileAt(u"C:\\bad.chk");
+    const int rc = m.CHOpen(&bad, 1);
+    if (bit < 512 * 8) {
+      const std::size_t at = bit / 8;
+      if (at >= 48) {
+        EXPECT_EQ(rc, 0) << bit;  // the reserved words and the sector's rest
+      } else if (at >= 32 && at < 36) {
+        EXPECT_EQ(rc, kErrChunkNotSaved) << bit;
+      }
+    } else if (bit != SIZE_MAX && bit >= (good.size() - 3 * 48 - 64 + 48) * 8 &&
+               bit < (good.size() - 3 * 48 - 64 + 52) * 8) {
+      EXPECT_EQ(rc, kErrChunkHash) << bit;  // the map's own hash
+    }
+    if (rc != 0) return;
+    EXPECT_TRUE(m.CHVerify() == 0 || m.CHVerify() == kErrChunkMapCheck);
+    for (int t = 1; t <= m.CHCountTypes(); ++t) {
+      for (int n = 1; n <= m.CHCountChunks(m.CHEnumType(t)); ++n) {
+        TMemory* h = nullptr;
+        const int r = m.CHGetChunk(m.CHEnumType(t), m.CHEnumChunk(m.CHEnumType(t), n), &h);
+        EXPECT_TRUE(r == 0 || r == kErrChunkHash || r == kErrInvalidData) << r;
+      }
+    }
+  };
+  const std::size_t mapAt = good.size() - 4 * 48 - 64;  // the map: 4 entries
+  for (std::size_t bit = 0; bit < good.size() * 8; ++bit) {
+    if (bit >= 512 * 8 && bit < mapAt * 8) continue;
+    flip(bit);
+    attempt(bit);
+    flip(bit);
+  }
+  std::mt19937 rng(5);
+  for (int i = 0; i < 300; ++i) {
+    std::string s(rng() % 2000, '\0');
+    for (char& c : s) c = static_cast<char>(rng());
+    if (i % 2) s.replace(0, std::min<std::size_t>(s.size(), 48), good, 0, 48);
+    std::remove(badHost.c_str());
+    WriteHost(badHost, s);
+    attempt(SIZE_MAX);
+  }
+}
+
+// A full disk or an I/O error at each call of a save: the code reaches the
+// caller, the file still holds the last saved state, the store keeps its
+// changes and a save without the fault then writes them.
+TEST_F(Chunks, FaultsDuringASaveLeaveTheLastSavedState) {
+  struct Fault {
+    UCall call;
+    unsigned winerr;
+  };
+  const Fault faults[] = {{UCall::kWriteFile, 112},         {UCall::kWriteFile, 1117},
+                          {UCall::kReadFile, 23},           {UCall::kSetEndOfFile, 112},
+                          {UCall::kFlushFileBuffers, 1117}, {UCall::kCreateFile, 5},
+                          {UCall::kDeleteFile, 32}};
+  for (const bool quick : {false, true}) {
+    for (const Fault& f : faults) {
+      for (int nth = 1;; ++nth) {
+        SCOPED_TRACE(testing::Message() << quick << " " << static_cast<int>(f.call) << " " << nth);
+        WriteHost(Host(u"C:\\store.chk"), "");
+        Content a, b;
+        ChunkManager m;
+        Scripted(&m, &a, &b);
+        UFailCall(f.call, nth, f.winerr);
+        const int rc = quick ? m.CHQuickSave() : m.CHSave();
+        UClearFaults();
+        if (rc == 0) {
+          EXPECT_EQ(Reopened(), b);
+          break;
+        }
+        EXPECT_EQ(rc, MapWindowsError(f.winerr));
+        EXPECT_EQ(Reopened(), a);
+        ASSERT_EQ(quick ? m.CHQuickSave() : m.CHSave(), 0);
+        ASSERT_EQ(Reopened(), b);
+      }
+    }
+  }
+}
+
+// A crash at every I/O of a save, of a quick save and of a save that fails
+// part-way (and rolls back): every file a crash can leave there opens in
+// exactly the old saved state or exactly the new one.
+TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
+  struct Mode {
+    const char* name;
+    bool quick;
+    int failAt;  // the WriteFile that fails, 0 for none
+  };
+  int points = 0, images = 0;
+  for (const Mode& mode : {Mode{"CHSave", false, 0}, Mode{"CHQuickSave", true, 0},
+                           Mode{"a failing CHSave", false, 14}}) {
+    SCOPED_TRACE(mode.name);
+    WriteHost(Host(u"C:\\store.chk"), "");
+    Content a, b;
+    ChunkManager m;
+    Scripted(&m, &a, &b);
+    ASSERT_EQ(UDiskRecord(u"C:\\"), 1);
+    if (mode.failAt) UFailCall(UCall::kWriteFile, mode.failAt, 112);
+    const int rc = mode.quick ? m.CHQuickSave() : m.CHSave();
+    UClearFaults();
+    ASSERT_EQ(UDiskRecord(nullptr), 1);
+    ASSERT_EQ(rc, mode.failAt ? kErrDiskFull : 0);
+    const int count = UDiskIoCount();
+    bool sawNew = false;
+    for (int io = 0; io <= count; ++io) {
+      ++points;
+      for (int image = 0; image < UDiskCrashImages(io); ++image) {
+        SCOPED_TRACE(testing::Message() << "io " << io << " image " << image);
+        ++images;
+        ASSERT_EQ(UDiskBuildCrash(io, image, u"D:\\"), 1);
+        int opened = 0;
+        const Content c = Reopened(u"D:\\store.chk", &opened);
+        ASSERT_EQ(opened, 0);
+        ASSERT_TRUE(c == a || (c == b && !mode.failAt));
+        sawNew = sawNew || (c == b && io == count);
+      }
+    }
+    EXPECT_EQ(sawNew, !mode.failAt);
+    m.CHClose();
+  }
+  UDiskReset();
+  std::printf("crash points %d, images %d\n", points, images);
+  RecordProperty("crash_points", points);
+  RecordProperty("crash_images", images);
+}
