@@ -582,3 +582,70 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
   RecordProperty("crash_points", points);
   RecordProperty("crash_images", images);
 }
+
+// CHTruncate writes the store compacted into another file, every chunk with
+// a fresh header from its map entry; CHAppend writes the same image after
+// the file's own bytes, from its end rounded up to 512, with every address
+// an offset in that file.
+TEST_F(Chunks, TruncateAndAppendCopyTheStore) {
+  Content a, b;
+  ChunkManager m;
+  Scripted(&m, &a, &b);
+  ASSERT_EQ(m.CHQuickSave(), 0);  // keeps free space, which the copies leave out
+  WriteHost(Host(u"C:\\copy.chk"), "left over");
+  WriteHost(Host(u"C:\\host.bin"), std::string(700, 'j'));
+  TFileLoc copyAt = FileAt(u"C:\\copy.chk"), hostAt = FileAt(u"C:\\host.bin");
+  TFile copy, host;
+  ASSERT_EQ(copy.Open(&copyAt, 3), 0);
+  ASSERT_EQ(host.Open(&hostAt, 3), 0);
+  ASSERT_EQ(m.CHTruncate(&copy), 0);
+  ASSERT_EQ(m.CHAppend(&host), 0);
+  copy.Close();
+  host.Close();
+  EXPECT_EQ(Reopened(u"C:\\copy.chk"), b);
+  const std::string image = ReadHost(Host(u"C:\\copy.chk"));
+  {
+    ChunkManager r;
+    ASSERT_EQ(r.CHOpen(&copyAt, 1), 0);
+    std::map<std::int64_t, std::int64_t> extents;
+    for (int n = 0; n < r.CHCountEntries(); ++n) {
+      CHEntryInfo info;
+      ASSERT_EQ(r.CHGetEntry(n, &info), 0);
+      ASSERT_NE(info.entry.type, kChunkFreeType);
+      if (info.head) continue;
+      extents[info.entry.address] = info.extent;
+      CHChunkHeader h;
+      chGetChunkHeader(reinterpret_cast<const unsigned char*>(&image[info.entry.address]), 0, &h);
+      EXPECT_EQ(h.type, info.entry.type);
+      EXPECT_EQ(h.id, info.entry.id);
+      EXPECT_EQ(h.size, info.extent);
+      EXPECT_EQ(h.slack, info.entry.slack);
+    }
+    std::int64_t at = 512;  // back to back
+    for (const auto& [address, extent] : extents) {
+      EXPECT_EQ(address, at);
+      at += extent;
+    }
+  }
+  // The appended image, its addresses taken back by 1024, is the copy.
+  std::string appended = ReadHost(Host(u"C:\\host.bin"));
+  EXPECT_EQ(appended.substr(0, 1024), std::string(700, 'j') + std::string(324, '\0'));
+  appended.erase(0, 1024);
+  ASSERT_EQ(appended.size(), image.size());
+  CHFileHeader fh;
+  std::memcpy(&fh, appended.data(), sizeof fh);
+  fh.mapAddress -= 1024;
+  fh.endOfData -= 1024;
+  fh.firstChunk -= 1024;
+  std::memcpy(&appended[0], &fh, sizeof fh);
+  const auto count = static_cast<int>((fh.mapSize - 64) / 48);
+  std::vector<CHMapEntry> map(static_cast<std::size_t>(count));
+  auto* entries = reinterpret_cast<unsigned char*>(&appended[fh.mapAddress + 64]);
+  chGetMapEntries(entries, count, 0, map.data());
+  for (CHMapEntry& e : map)
+    if (e.address != -1) e.address -= 1024;
+  chPutMapEntries(map.data(), count, 0, entries);
+  const unsigned hash = chHashBlock(entries, count * 48);
+  std::memcpy(&appended[fh.mapAddress + 48], &hash, 4);
+  EXPECT_EQ(appended, image);
+}
