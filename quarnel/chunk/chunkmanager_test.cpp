@@ -649,3 +649,56 @@ TEST_F(Chunks, TruncateAndAppendCopyTheStore) {
   std::memcpy(&appended[fh.mapAddress + 48], &hash, 4);
   EXPECT_EQ(appended, image);
 }
+
+// Misuse by the caller: each call refused with its code and its line at 515,
+// the store unchanged.
+TEST_F(Chunks, MisuseGetsItsCodeAndLine) {
+  Content c;
+  ChunkManager m;
+  ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
+  Add(&m, {kA, 0x31313131}, "one", &c);
+  Add(&m, {kA, 0x32323232}, "two", &c);
+  ASSERT_EQ(m.CHSave(), 0);
+  TMemory* dirty = Block("new");
+  ASSERT_EQ(m.CHAddChunk(dirty, kB, 0x33333333), 0);
+  c[{kB, 0x33333333}] = "new";
+  TMemory stray(1);
+  std::int64_t offset = 0, size = 0;
+  const std::string notAChunk = "handle doesn't refer to a chunk";
+  struct Row {
+    std::function<int()> call;
+    int code;
+    std::string line;
+  };
+  const std::vector<Row> rows = {
+      {[&] { return m.CHLoadChunk(&stray); }, -647, "CHLoadChunk: " + notAChunk + ", "},
+      {[&] { return m.CHDetachChunk(&stray); }, -647, "CHDetachChunk: " + notAChunk + ", "},
+      {[&] { return m.CHGetInfo(&stray, nullptr, nullptr); }, -647,
+       "CHGetInfo: " + notAChunk + ", "},
+      {[&] { return m.CHSetInfo(&stray, kA, 5); }, -647, "CHSetInfo: " + notAChunk},
+      {[&] { return m.CHRemoveChunk(&stray); }, -649, "CHRemoveChunk: " + notAChunk},
+      {[&] { return m.CHChangedChunk(&stray); }, -647, "CHChangedChunk: " + notAChunk},
+      {[&] { return m.CHStoreChunk(&stray); }, -647, "CHStoreChunk: " + notAChunk},
+      {[&] { return static_cast<int>(m.CHChunkSize(kA, 5)); }, -647,
+       "CHChunkSize: can't find type/id"},
+      {[&] { return m.CHPhysInfo(kA, 5, &offset, &size); }, -647, "CHPhysInfo: can't find type/id"},
+      {[&] { return m.CHPhysInfo(kB, 0x33333333, &offset, &size); }, -648,
+       "CHPhysInfo: chunk is dirty"},
+      {[&] { return m.CHDuplicate(kA, 5, 6); }, -647, "CHDuplicateChunk: can't find type/id"},
+      {[&] { return m.CHDuplicate(kA, 0x31313131, 0x32323232); }, -646,
+       "chMapInsert: duplicate ID, type AAAA, id = 2222"},
+      {[&] { return m.CHSetInfo(dirty, kA, 0x31313131); }, -646,
+       "chMapInsert: duplicate ID, type AAAA, id = 1111"},
+      {[&] { return m.CHSetInfo(dirty, 0, 1); }, -646, "CHSetInfo: can't set negative type, 7777"},
+      {[&] { return m.CHAddChunk(dirty, kC, 9); }, -646,
+       "CHAddChunk: invalid type CCCC or handle already refers to a chunk"},
+  };
+  for (std::size_t k = 0; k < rows.size(); ++k) {
+    SCOPED_TRACE(k);
+    ClearRecords();
+    EXPECT_EQ(rows[k].call(), rows[k].code);
+    EXPECT_EQ(LoggedLines(), (std::vector<LogLine>{{515, "", rows[k].line}}));
+  }
+  ASSERT_EQ(m.CHSave(), 0);
+  EXPECT_EQ(Reopened(), c);
+}
