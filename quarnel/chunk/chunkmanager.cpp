@@ -27,6 +27,13 @@ int ChunkManager::Impl::SlotOf(const TMemory* h) const {
 }
 
 int ChunkManager::Impl::Register(TMemory* h, int index) {
+  try {
+    handles.reserve(handles.size() + 1);
+    slotOf.reserve(slotOf.size() + 1);
+  } catch (const std::bad_alloc&) {
+    DebugLogf(kLogInternalData, "chAddHandle: not enough memory, %E", kErrMemNotObtained);
+    return kErrMemNotObtained;
+  }
   handles.push_back(Pair{h, index});
   const int slot = static_cast<int>(handles.size() - 1);
   slotOf[h] = slot;
@@ -571,9 +578,10 @@ int ChunkManager::CHAddChunk(TMemory* h, int type, int id) {
   if (const int err = m.MapLoad()) return err;
   int i = 0;
   if (const int err = m.MapInsert(static_cast<std::uint32_t>(type), Widen(id), &i)) return err;
-  m.Register(h, i);
-  if (const int err = m.Allocate(i, static_cast<std::int64_t>(size) + m.hdrSize, false)) {
+  int err = m.Register(h, i);
+  if (err == 0 && (err = m.Allocate(i, static_cast<std::int64_t>(size) + m.hdrSize, false)) != 0)
     m.Unregister(m.SlotOf(h));
+  if (err != 0) {
     m.SetAddress(i, 0);
     m.MapDelete(i);
     return err;
