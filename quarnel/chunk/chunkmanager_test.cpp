@@ -210,8 +210,12 @@ TEST_F(Chunks, RandomOperationsAgreeWithAModel) {
       delete h;
     } else if (op < 90) {
       const Key k = pick();
+      const bool lazy = rng() % 4 == 0;  // fetched empty, then loaded
+      m.CHSetLoad(!lazy);
       TMemory* h = Get(&m, k);
+      m.CHSetLoad(1);
       ASSERT_NE(h, nullptr);
+      ASSERT_EQ(lazy ? m.CHLoadChunk(h) : 0, 0);
       ASSERT_EQ(Plain(h), cur[k]);
     } else if (op < 96) {
       ASSERT_EQ(op < 93 ? m.CHSave() : m.CHQuickSave(), 0);
