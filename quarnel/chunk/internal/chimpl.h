@@ -58,9 +58,8 @@ struct FileRange {
 // A journal being written for one save (chjournal.cpp).
 struct Journal;
 
-}  // namespace quarnel_internal
-
-struct ChunkManager::Impl {
+// The state behind a ChunkManager.
+struct ChunkStore {
   struct Pair {
     TMemory* handle;
     int index;
@@ -145,5 +144,7 @@ struct ChunkManager::Impl {
   int Save(bool quick, const char* member);
   int Copy(TFile* dest, bool append, const char* member);
 };
+
+}  // namespace quarnel_internal
 
 #endif  // QUARNEL_CHUNK_INTERNAL_CHIMPL_H_
