@@ -271,10 +271,17 @@ void ChunkStore::Close() {
   file = nullptr;
 }
 
-bool ChunkStore::ValidType(int type, const char* member) {
-  if (type != 0 && type != -1) return true;
-  DebugLogf(kLogMisuse, member, static_cast<std::uint32_t>(type));
-  return false;
+int ChunkStore::Lookup(int type, int id, const char* member, bool logMissing, int* index) {
+  if (type == 0 || type == -1) {
+    DebugLogf(kLogMisuse, "%s: invalid type %Y", member, static_cast<std::uint32_t>(type));
+    return kErrChunkDuplicate;
+  }
+  if (file == nullptr) return kErrChunkInvalidFile;
+  if (const int err = MapLoad()) return err;
+  *index = Find(static_cast<std::uint32_t>(type), Widen(id), nullptr);
+  if (*index >= 0) return 0;
+  if (logMissing) DebugLogf(kLogMisuse, "%s: can't find type/id", member);
+  return kErrChunkNotFound;
 }
 
 // ---- Members ----
@@ -410,27 +417,15 @@ int ChunkManager::CHUniqueID(int type, int id) {
 
 std::int64_t ChunkManager::CHChunkSize(int type, int id) {
   ChunkStore& m = *impl_;
-  if (!m.ValidType(type, "CHChunkSize: invalid type %Y")) return kErrChunkDuplicate;
-  if (m.file == nullptr) return kErrChunkInvalidFile;
-  if (const int err = m.MapLoad()) return err;
-  const int i = m.Find(static_cast<std::uint32_t>(type), Widen(id), nullptr);
-  if (i < 0) {
-    DebugLogf(kLogMisuse, "CHChunkSize: can't find type/id");
-    return kErrChunkNotFound;
-  }
+  int i = 0;
+  if (const int err = m.Lookup(type, id, "CHChunkSize", true, &i)) return err;
   return m.Extent(i) - m.At(i).slack - m.hdrSize;
 }
 
 int ChunkManager::CHPhysInfo(int type, int id, std::int64_t* offset, std::int64_t* size) {
   ChunkStore& m = *impl_;
-  if (!m.ValidType(type, "CHPhysInfo: invalid type %Y")) return kErrChunkDuplicate;
-  if (m.file == nullptr) return kErrChunkInvalidFile;
-  if (const int err = m.MapLoad()) return err;
-  const int i = m.Find(static_cast<std::uint32_t>(type), Widen(id), nullptr);
-  if (i < 0) {
-    DebugLogf(kLogMisuse, "CHPhysInfo: can't find type/id");
-    return kErrChunkNotFound;
-  }
+  int i = 0;
+  if (const int err = m.Lookup(type, id, "CHPhysInfo", true, &i)) return err;
   if (m.At(i).flags & kMapEntryDirty) {
     DebugLogf(kLogMisuse, "CHPhysInfo: chunk is dirty");
     return kErrChunkDirty;
@@ -444,11 +439,8 @@ int ChunkManager::CHGetChunk(int type, int id, TMemory** h) {
   ChunkStore& m = *impl_;
   if (h == nullptr) return kErrBadParameter;
   *h = nullptr;
-  if (!m.ValidType(type, "CHGetChunk: invalid type %Y")) return kErrChunkDuplicate;
-  if (m.file == nullptr) return kErrChunkInvalidFile;
-  if (const int err = m.MapLoad()) return err;
-  const int i = m.Find(static_cast<std::uint32_t>(type), Widen(id), nullptr);
-  if (i < 0) return kErrChunkNotFound;
+  int i = 0;
+  if (const int err = m.Lookup(type, id, "CHGetChunk", false, &i)) return err;
   if (const int slot = m.slots[static_cast<std::size_t>(i)]) {
     TMemory* held = m.handles[static_cast<std::size_t>(slot)].handle;
     const int err = m.load ? CHLoadChunk(held) : 0;
@@ -627,15 +619,9 @@ int ChunkManager::CHStoreChunk(TMemory* h) {
 
 int ChunkManager::CHDuplicate(int type, int id, int newId) {
   ChunkStore& m = *impl_;
-  if (!m.ValidType(type, "CHDuplicateChunk: invalid type %Y")) return kErrChunkDuplicate;
-  if (m.file == nullptr) return kErrChunkInvalidFile;
-  if (const int err = m.MapLoad()) return err;
+  int source = 0;
+  if (const int err = m.Lookup(type, id, "CHDuplicateChunk", true, &source)) return err;
   const auto t = static_cast<std::uint32_t>(type);
-  int source = m.Find(t, Widen(id), nullptr);
-  if (source < 0) {
-    DebugLogf(kLogMisuse, "CHDuplicateChunk: can't find type/id");
-    return kErrChunkNotFound;
-  }
   const std::int64_t used = m.Extent(source) - m.At(source).slack;
   int copy = 0;
   if (const int err = m.MapInsert(t, Widen(newId), &copy)) return err;

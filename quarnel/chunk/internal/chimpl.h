@@ -138,7 +138,10 @@ struct ChunkStore {
   int MoveBytes(std::int64_t from, std::int64_t to, std::int64_t length, TMemory* buffer,
                 unsigned piece);
   void Close();
-  bool ValidType(int type, const char* member);
+  // The map index of chunk (type, id) in *index, loading the map first. Types
+  // 0 and -1 are refused (-646, "<member>: invalid type %Y" at 515); a missing
+  // chunk is -647, with "<member>: can't find type/id" at 515 if `logMissing`.
+  int Lookup(int type, int id, const char* member, bool logMissing, int* index);
 
   // Saving (chsave.cpp).
   int Save(bool quick, const char* member);
