@@ -15,6 +15,7 @@
 #include "quarnel/platform/fileapi.h"
 #include "quarnel/platform/internal/fileops.h"
 #include "quarnel/platform/internal/handles.h"
+#include "quarnel/platform/internal/simdisk.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/tick.h"
 
@@ -160,7 +161,9 @@ int UDeleteFile(const char16_t* path) {
   if (!r.exists) return Refuse(MissingError(r));
   if (S_ISDIR(r.st.st_mode) || IsReadOnly(r.st)) return Refuse(kWinAccessDenied);
   if (DeleteDenied(r.host)) return Refuse(kWinSharingViolation);
+  DiskTouch(r.host);
   if (::unlink(r.host.c_str()) != 0) return Refuse(UWinErrorFromErrno(errno));
+  DiskNoteDelete(r.host);
   return 1;
 }
 
@@ -179,7 +182,9 @@ int UCopyFile(const char16_t* from, const char16_t* to, int failIfExists) {
   } else if (!dst.parentExists) {
     return Refuse(MissingError(dst));
   }
+  DiskTouch(dst.host);
   if (const unsigned err = CopyResolved(from, to, src, failIfExists)) return Refuse(err);
+  DiskNoteWhole(dst.host);
   return 1;
 }
 
@@ -196,6 +201,17 @@ int UMoveFile(const char16_t* from, const char16_t* to) {
   }
   const bool folder = S_ISDIR(src.st.st_mode);
   if (!folder && DeleteDenied(src.host)) return Refuse(kWinSharingViolation);
+  if (!folder) {
+    DiskTouch(src.host);
+    DiskTouch(target);
+  }
+  // A moved file reaches the simulated disk as its source deleted and its
+  // target written whole.
+  const auto noteMove = [&] {
+    if (folder) return;
+    DiskNoteWhole(target);
+    DiskNoteDelete(src.host);
+  };
   int rc = renameat2(AT_FDCWD, src.host.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
   if (rc != 0 && errno == EINVAL) {
     // A file system without no-replace renames.
@@ -203,13 +219,17 @@ int UMoveFile(const char16_t* from, const char16_t* to) {
     if (target != src.host && lstat(target.c_str(), &st) == 0) return Refuse(kWinAlreadyExists);
     rc = ::rename(src.host.c_str(), target.c_str());
   }
-  if (rc == 0) return 1;
+  if (rc == 0) {
+    noteMove();
+    return 1;
+  }
   if (errno == EEXIST || errno == ENOTEMPTY) return Refuse(kWinAlreadyExists);
   if (errno != EXDEV) return Refuse(UWinErrorFromErrno(errno, true));
   if (folder) return Refuse(kWinNotSameDevice);
   // A file moves to another volume as a copy and a delete.
   if (const unsigned err = CopyResolved(from, to, src, 1)) return Refuse(err);
   if (::unlink(src.host.c_str()) != 0) return Refuse(UWinErrorFromErrno(errno));
+  noteMove();
   return 1;
 }
 

@@ -16,6 +16,7 @@
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/internal/fileops.h"
 #include "quarnel/platform/internal/handles.h"
+#include "quarnel/platform/internal/simdisk.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/netapi.h"
 
@@ -259,8 +260,10 @@ int USetVolumeLabel(const char16_t* root, const char16_t* label) {
   const std::u16string text = label ? std::u16string(label) : std::u16string();
   if (text.size() > kMaxLabel) return Refuse(kWinLabelTooLong);
   const std::string file = JoinHost(v.host, ".windows-label");
+  DiskTouch(file);
   if (text.empty()) {
     if (::unlink(file.c_str()) != 0 && errno != ENOENT) return Refuse(UWinErrorFromErrno(errno));
+    DiskNoteDelete(file);
     return 1;
   }
   std::FILE* f = std::fopen(file.c_str(), "w");
@@ -268,6 +271,7 @@ int USetVolumeLabel(const char16_t* root, const char16_t* label) {
   const std::string bytes = HostFromWide(text) + "\n";
   const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
   if (std::fclose(f) != 0 || !ok) return Refuse(UWinErrorFromErrno(errno));
+  DiskNoteWhole(file);
   return 1;
 }
 
