@@ -304,9 +304,11 @@ int Verify(const Words& args) {
   }
   Store s;
   if ((err = s.Open(path, false, false)) != 0) {
-    const int r = OpenFailure(path, err);
-    if (r == kExitDamaged) std::printf("damaged\n");
-    return r;
+    if (err > kErrChunkFirst || err < kErrChunkLast) return Fail(path, err);
+    std::printf("file: %s (%d)\n", ErrText(err).c_str(), err);
+    if (!LastLogLine().empty()) std::printf("file: the library said: %s\n", LastLogLine().c_str());
+    std::printf("damaged\n");
+    return kExitDamaged;
   }
   if ((err = s.m.CHVerify()) != 0) {
     std::printf("map: %s\ndamaged\n", LastLogLine().c_str());
