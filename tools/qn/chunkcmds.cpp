@@ -37,6 +37,20 @@ struct Store {
     }
     err = file.Open(&loc, write ? kModeRead | kModeWrite : kModeRead);
     if (err == kErrFileNotFound && create) err = file.Create(&loc, kModeRead | kModeWrite);
+    // An empty file becomes a new store only where one is being made.
+    std::uint64_t length = 0;
+    if (err == 0 && !create && file.GetEOF(&length) == 0 && length == 0) err = kErrChunkInvalidFile;
+    // A map size no chunk can have is refused here: the store treats it as
+    // its caller's mistake (an assertion), not as a damaged file.
+    CHFileHeader h{};
+    unsigned count = sizeof h;
+    if (err == 0 && file.Read(&count, reinterpret_cast<unsigned char*>(&h)) == 0 &&
+        count == sizeof h && h.persist.signature == kChunkFileSignature &&
+        (h.mapSize < 0 || h.mapSize > 0x7FFFFFFE)) {
+      Note("the header claims a map of " + std::to_string(h.mapSize) + " bytes");
+      err = kErrChunkBadMap;
+    }
+    if (err == 0) err = file.SetPosFromBegin(0);
     if (err == 0) err = m.CHOpenRef(&file);
     return err;
   }
@@ -306,7 +320,7 @@ int Verify(const Words& args) {
   if ((err = s.Open(path, false, false)) != 0) {
     if (err > kErrChunkFirst || err < kErrChunkLast) return Fail(path, err);
     std::printf("file: %s (%d)\n", ErrText(err).c_str(), err);
-    if (!LastLogLine().empty()) std::printf("file: the library said: %s\n", LastLogLine().c_str());
+    if (!LastLogLine().empty()) std::printf("file: %s\n", LastLogLine().c_str());
     std::printf("damaged\n");
     return kExitDamaged;
   }

@@ -54,13 +54,14 @@ std::string ErrText(int err) {
 }
 
 void ClearLog() { lastLogLine.clear(); }
+void Note(const std::string& line) { lastLogLine = line; }
 std::string LastLogLine() { return lastLogLine; }
 
 int Fail(const std::string& what, int err) {
   const std::string text = ErrText(err);
   std::fprintf(stderr, "qn: %s: %s (%d)\n", what.c_str(), text.empty() ? "error" : text.c_str(),
                err);
-  if (!lastLogLine.empty()) std::fprintf(stderr, "qn: the library said: %s\n", lastLogLine.c_str());
+  if (!lastLogLine.empty()) std::fprintf(stderr, "qn: %s\n", lastLogLine.c_str());
   ClearLog();
   return kExitFailed;
 }

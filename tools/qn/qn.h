@@ -31,13 +31,15 @@ struct Command {
 };
 
 // "qn: <what>: <message text> (<code>)" on standard error; returns kExitFailed.
-// The last log line the library wrote at level 515 or above since the
-// previous failure is printed under it, when there is one.
+// The last line the library logged at level 515 or above (519 excluded)
+// since the previous failure, or the line given to Note, is printed under it.
 int Fail(const std::string& what, int err);
 // "qn: <what>" on standard error; returns `status`.
 int Say(const std::string& what, int status);
 // The library's message text of `err` (empty when no module holds one).
 std::string ErrText(int err);
+// Sets the line Fail prints under its message, as if the library had logged it.
+void Note(const std::string& line);
 // Forgets the log lines collected so far.
 void ClearLog();
 // The last log line collected at level 515 or above, or "".
