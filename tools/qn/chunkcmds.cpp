@@ -214,20 +214,15 @@ int Info(const Words& args) {
         resources ? "resource module (qn res lists it)" : "shared object without resources");
     return resources ? kExitOk : kExitDamaged;
   }
-  if (count >= 8 && IsPersistSignature(persist.signature) && persist.version >= 1 &&
-      persist.compatibleVersion >= 1 && persist.compatibleVersion <= persist.version) {
-    std::printf("%s: persisted record %s, version 0x%04X, oldest reader 0x%04X, %llu bytes\n",
-                path.c_str(), TypeText(persist.signature).c_str(),
-                static_cast<unsigned short>(persist.version),
-                static_cast<unsigned short>(persist.compatibleVersion),
-                static_cast<unsigned long long>(length));
-    return kExitOk;
-  }
-  // A profile file: text whose first non-blank character opens a section.
+  // A profile file: text (no control characters but tab and line ends) whose
+  // first non-blank character opens a section.
   std::size_t i = count >= 3 && std::memcmp(head, "\xEF\xBB\xBF", 3) == 0 ? 3 : 0;
   while (i < count && (head[i] == ' ' || head[i] == '\t' || head[i] == '\r' || head[i] == '\n'))
     ++i;
-  if (i < count && head[i] == '[') {
+  bool text = true;
+  for (unsigned k = 0; k < count; ++k)
+    text = text && (head[k] >= 0x20 || head[k] == '\t' || head[k] == '\r' || head[k] == '\n');
+  if (text && i < count && head[i] == '[') {
     TMemory text;
     if ((err = ReadWhole(path, &text)) != 0) return Fail(path, err);
     int sections = 0, keys = 0;
@@ -239,6 +234,15 @@ int Info(const Words& args) {
       lineStart = c == '\n';
     }
     std::printf("%s: profile file, %d sections, %d keys\n", path.c_str(), sections, keys);
+    return kExitOk;
+  }
+  if (count >= 8 && IsPersistSignature(persist.signature) && persist.version >= 1 &&
+      persist.compatibleVersion >= 1 && persist.compatibleVersion <= persist.version) {
+    std::printf("%s: persisted record %s, version 0x%04X, oldest reader 0x%04X, %llu bytes\n",
+                path.c_str(), TypeText(persist.signature).c_str(),
+                static_cast<unsigned short>(persist.version),
+                static_cast<unsigned short>(persist.compatibleVersion),
+                static_cast<unsigned long long>(length));
     return kExitOk;
   }
   std::printf("%s: not a stored form qn knows (%llu bytes)\n", path.c_str(),

@@ -17,6 +17,7 @@
 #include "quarnel/chunk/chunkmanager.h"
 #include "quarnel/compress/memcomp.h"
 #include "quarnel/fileio/tfile.h"
+#include "quarnel/foundation/marshall.h"
 #include "quarnel/foundation/tmemory.h"
 #include "quarnel/platform/faults.h"
 #include "tests/support/drive_fixture.h"
@@ -156,6 +157,35 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
     ASSERT_EQ(m.CHQuickSave(), 0);
   }
 
+  WriteHost(Host(u"C:\\rdi.ini"), "[Device]\nname=scanner\nport=2\n");
+  {
+    unsigned char record[12] = {};
+    _initpersist(reinterpret_cast<PersistHeader*>(record), 0x44656D6F, 1, 2);  // 'Demo'
+    WriteHost(Host(u"C:\\rec.bin"), std::string(reinterpret_cast<char*>(record), sizeof record));
+  }
+  {
+    // A save crashed halfway: the file and its journal as a crash leaves them.
+    TFileLoc loc = FileAt(u"C:\\work.chk");
+    ChunkManager m;
+    TMemory* h = nullptr;
+    ASSERT_EQ(m.CHOpen(&loc, 3), 0);
+    ASSERT_EQ(m.CHGetChunk(kText, 1, &h), 0);
+    h->SetSize(3000);
+    ASSERT_EQ(m.CHChangedChunk(h), 0);
+    ASSERT_EQ(UDiskRecord(u"C:\\"), 1);
+    ASSERT_EQ(m.CHSave(), 0);
+    ASSERT_EQ(UDiskRecord(nullptr), 1);
+    m.CHRevert();
+    int io = UDiskIoCount() / 2;
+    while (io < UDiskIoCount() && !(UDiskBuildCrash(io, UDiskCrashImages(io) - 1, u"D:\\") &&
+                                    HostExists(Host(u"D:\\work.chk-journal"))))
+      ++io;
+    UDiskReset();
+    MakeHostFolder(Host(u"C:\\crash"));
+    for (const char* name : {"/work.chk", "/work.chk-journal"})
+      WriteHost(Host(u"C:\\crash") + name, ReadHost(HostOf('D') + name));
+    WriteHost(Host(u"C:\\work.chk"), store);
+  }
   const char* const kList =
       "type                id       size     offset form\n"
       "Nums                -5         64        576 plain\n"
@@ -190,6 +220,15 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
        "  map 400 bytes at 1124, end of data 1124, granule 4, file 1524 bytes\n"
        "  4 chunks in 3 types, free 0 bytes in 0 extents\n",
        ""},
+      {"info rdi.ini", 0, "rdi.ini: profile file, 1 sections, 2 keys\n", ""},
+      {"info rec.bin", 0,
+       "rec.bin: persisted record Demo, version 0x0002, oldest reader 0x0001, 12 bytes\n", ""},
+      {"res vellores.dll", 0, "~string list 16000: ", ""},
+      {"info crash/work.chk | grep journal", 0, "~  journal: complete, ", ""},
+      {"verify crash/work.chk", 1, "~damaged: qn verify --recover rolls the journal back\n", ""},
+      {"ls crash/work.chk", 1, "", "not fully saved (-645)"},
+      {"verify --recover crash/work.chk", 0, "~journal: rolled back\nmap: sound, 4 chunks", ""},
+      {"cat crash/work.chk Text 1 && ls crash", 0, "Dear reader,work.chk\n", ""},
       {"info empty.bin", 1, "empty.bin: empty file\n", ""},
       {"info random.bin", 1, "random.bin: not a stored form qn knows (5000 bytes)\n", ""},
       {"ls store.chk", 0, kList, ""},
