@@ -367,11 +367,13 @@ int Verify(const Words& args) {
         problem = "its data does not match its hash";
     }
     if (problem) {
+      progress.Clear();
       ++damaged;
       std::printf("chunk %s at %lld: %s\n", Key(c.type, c.id).c_str(),
                   static_cast<long long>(c.address), problem);
     }
   }
+  progress.Clear();
   std::printf("chunks: %zu checked, %d damaged\n%s\n", chunks.size(), damaged,
               damaged ? "damaged" : "sound");
   return damaged ? kExitDamaged : kExitOk;

@@ -148,8 +148,11 @@ bool ParseType(const std::string& text, unsigned* type) {
 Progress::Progress(const char* what, std::uint64_t total)
     : what_(what), total_(total), on_(UStdIsConsole(kStdError) == 1 && total > 0) {}
 
-Progress::~Progress() {
+Progress::~Progress() { Clear(); }
+
+void Progress::Clear() {
   if (on_ && shown_ >= 0) std::fprintf(stderr, "\r%*s\r", 40, "");
+  shown_ = -1;
 }
 
 void Progress::Step(std::uint64_t done) {

@@ -66,6 +66,8 @@ class Progress {
   Progress(const char* what, std::uint64_t total);
   ~Progress();
   void Step(std::uint64_t done);
+  // Takes the line away (before other output); the next step shows it again.
+  void Clear();
 
  private:
   const char* what_;

@@ -55,6 +55,16 @@ class Qn : public DriveTest {
     }
   }
 
+  // A new chunk file at `path` holding `c` (larger chunks packed), saved;
+  // `m` stays open on it.
+  void Saved(const char16_t* path, const Content& c, ChunkManager* m) {
+    TFileLoc loc = FileAt(path);
+    WriteHost(Host(path), "");
+    ASSERT_EQ(m->CHOpen(&loc, 3), 0);
+    Store(m, c, true);
+    ASSERT_EQ(m->CHSave(), 0);
+  }
+
   // Every chunk of the chunk file, expanded; empty when it does not open.
   static Content Read(const char16_t* path) {
     Content c;
@@ -128,12 +138,8 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
                {{kPict, 1}, std::string(20000, '#')}};
   for (int i = 0; i < 64; ++i) c[{kNums, -5}] += static_cast<char>(i * i % 251);
   {
-    WriteHost(Host(u"C:\\store.chk"), "");
-    TFileLoc loc = FileAt(u"C:\\store.chk");
     ChunkManager m;
-    ASSERT_EQ(m.CHOpen(&loc, 3), 0);
-    Store(&m, c, true);
-    ASSERT_EQ(m.CHSave(), 0);
+    Saved(u"C:\\store.chk", c, &m);
   }
   const std::string store = ReadHost(Host(u"C:\\store.chk"));
   WriteHost(Host(u"C:\\work.chk"), store);
@@ -304,12 +310,8 @@ TEST_F(Qn, SalvageRecoversWhatSurvived) {
     for (char& ch : s) ch = static_cast<char>(rng() % (s.size() > 3000 ? 3 : 256));
     before[{types[rng() % 3], static_cast<int>(rng() % 101) - 50}] = s;
   }
-  WriteHost(Host(u"C:\\s.chk"), "");
-  TFileLoc loc = FileAt(u"C:\\s.chk");
   ChunkManager m;
-  ASSERT_EQ(m.CHOpen(&loc, 3), 0);
-  Store(&m, before, true);
-  ASSERT_EQ(m.CHSave(), 0);
+  Saved(u"C:\\s.chk", before, &m);
   const std::string saved = ReadHost(Host(u"C:\\s.chk"));
   // Offsets and stored sizes, for the truncated files.
   std::map<Key, std::int64_t> ends;

@@ -249,6 +249,7 @@ int Salvage(const Words& args) {
     }
     p = next;
   }
+  progress.Clear();
   if ((err = out.Save()) != 0) return Fail(cmd.words[1], err);
 
   std::vector<Key> lost;
