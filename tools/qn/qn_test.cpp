@@ -14,6 +14,7 @@
 #include <sstream>
 #include <string>
 
+#include "quarnel/chunk/chunkfile.h"
 #include "quarnel/chunk/chunkmanager.h"
 #include "quarnel/compress/memcomp.h"
 #include "quarnel/fileio/tfile.h"
@@ -150,6 +151,51 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
   std::string flipped = store;
   flipped[store.find("a second text")] ^= 1;
   WriteHost(Host(u"C:\\flipped.chk"), flipped);
+  std::string marked = store;  // the old library's half-saved file: marker set, map intact
+  std::memcpy(&marked[32], "!daB", 4);
+  WriteHost(Host(u"C:\\marked.chk"), marked);
+  {
+    // A map whose Text ids are out of order, with its hash made right.
+    std::string unordered = store;
+    CHFileHeader h;
+    std::memcpy(&h, store.data(), sizeof h);
+    unsigned char* map = reinterpret_cast<unsigned char*>(&unordered[h.mapAddress]);
+    map[kChunkHeaderSize + 5 * kMapEntrySize + 8] = 3;  // Text 1 becomes Text 3, before Text 2
+    const unsigned hash =
+        chHashBlock(map + kChunkHeaderSize, static_cast<int>(h.mapSize) - kChunkHeaderSize);
+    std::memcpy(map + 48, &hash, 4);
+    WriteHost(Host(u"C:\\unordered.chk"), unordered);
+  }
+  {
+    // A file of the older generation: 56-byte chunk headers, 44-byte entries.
+    std::string old(720, '\0');
+    CHFileHeader h{};
+    _initpersist(&h.persist, kChunkFileSignature, kChunkVersion0100, kChunkVersion0100);
+    h.mapAddress = h.endOfData = 576;
+    h.mapSize = kChunkHeaderSize0100 + 2 * kMapEntrySize0100;
+    h.granule = 4;
+    h.firstChunk = 512;
+    std::memcpy(&old[0], &h, sizeof h);
+    auto* bytes = reinterpret_cast<unsigned char*>(&old[0]);
+    std::memcpy(bytes + 512 + kChunkHeaderSize0100, "old data", 8);
+    const CHChunkHeader text{kText, 0, 1, 64, 0, 0, 0, 0, chHashBlock(bytes + 568, 8)};
+    chPutChunkHeader(&text, 1, bytes + 512);
+    const CHMapEntry entries[2] = {{kText, 0, 1, -1, 0, 0, 0, 0}, {kText, 0, 1, 512, 0, 0, 0, 0}};
+    chPutMapEntries(entries, 2, 1, bytes + 576 + kChunkHeaderSize0100);
+    const CHChunkHeader map{kChunkMapType,
+                            0,
+                            0,
+                            2 * kMapEntrySize0100,
+                            0,
+                            0,
+                            0,
+                            0,
+                            chHashBlock(bytes + 632, 2 * kMapEntrySize0100)};
+    chPutChunkHeader(&map, 1, bytes + 576);
+    WriteHost(Host(u"C:\\old.chk"), old);
+    std::memset(bytes, 0xEE, 112);
+    WriteHost(Host(u"C:\\oldhead.chk"), old);
+  }
   {
     // Free space in the map: a chunk removed, then a quick save.
     WriteHost(Host(u"C:\\quick.chk"), store);
@@ -253,6 +299,10 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
        "Text                 9          9       1112 plain\n",
        ""},
       {"ls quick.chk | tail -1", 0, "free 76 bytes in 1 extents\n", ""},
+      {"salvage quick.chk out.chk", 0,
+       "header: intact; map: intact, 3 chunks\nfound 4 intact chunk copies, 1 not in the map "
+       "(stale, skipped)\nrecovered 3 chunks into out.chk\n",
+       ""},
       {"compact quick.chk", 0, "compacted: 1572 bytes before, 1400 after, 1 free extents dropped\n",
        ""},
       {"compact quick.chk", 0, "nothing to compact: 1400 bytes\n", ""},
@@ -267,6 +317,20 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
        ""},
       {"ls random.bin", 1, "", "qn: random.bin: Invalid or short chunk file (-643)"},
       {"verify missing.chk", 2, "", "qn: missing.chk: "},
+      {"verify marked.chk", 1, "~file: Chunk file was not fully saved (-645)\n", ""},
+      {"salvage marked.chk out.chk && qn verify out.chk | tail -1", 0,
+       "header: intact; map: intact, 4 chunks\nfound 4 intact chunk copies\nrecovered 4 chunks "
+       "into out.chk\nsound\n",
+       ""},
+      {"verify unordered.chk", 1, "~chMapCheck: invalid id sequence\ndamaged\n", ""},
+      {"ls old.chk && qn cat old.chk Text 1", 0,
+       "type                id       size     offset form\n"
+       "Text                 1          8        568 plain\n"
+       "free 0 bytes in 0 extents\nold data",
+       ""},
+      {"verify old.chk | tail -1", 0, "sound\n", ""},
+      {"salvage oldhead.chk out.chk; qn cat out.chk Text 1", 0,
+       "~recovered 1 chunks into out.chk\nold data", ""},
       {"salvage empty.bin out.chk", 1, "~recovered 0 chunks", ""},
       {"salvage random.bin out.chk", 1, "~recovered 0 chunks", ""},
       {"salvage huge.chk out.chk", 1, "~recovered 4 chunks", ""},
