@@ -331,6 +331,7 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
       {"verify old.chk | tail -1", 0, "sound\n", ""},
       {"salvage oldhead.chk out.chk; qn cat out.chk Text 1", 0,
        "~recovered 1 chunks into out.chk\nold data", ""},
+      {"salvage store.chk ./store.chk", 3, "", "OUT must be another file than FILE"},
       {"salvage empty.bin out.chk", 1, "~recovered 0 chunks", ""},
       {"salvage random.bin out.chk", 1, "~recovered 0 chunks", ""},
       {"salvage huge.chk out.chk", 1, "~recovered 4 chunks", ""},

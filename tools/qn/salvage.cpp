@@ -125,9 +125,10 @@ class Output {
 int Salvage(const Words& args) {
   static const char usage[] =
       "usage: qn salvage FILE OUT   rebuilds a chunk file from a damaged FILE into the new\n"
-      "  file OUT: every chunk whose data still matches its hash, the current copy of each;\n"
-      "  reports what was recovered and what was lost (exit 1 when something was lost or\n"
-      "  the map was unreadable, so that what was lost cannot be told)\n";
+      "  file OUT (replaced when it exists): every chunk whose data still matches its hash,\n"
+      "  the current copy of each; reports what was recovered and what was lost (exit 1\n"
+      "  when something was lost or the map was unreadable, so that what was lost cannot\n"
+      "  be told)\n";
   Command cmd;
   int status = 0;
   if (!Parse(args, usage, {}, 2, 2, &cmd, &status)) return status;
@@ -183,6 +184,9 @@ int Salvage(const Words& args) {
     }
   }
 
+  TFileLoc outLoc;
+  if (LocOf(cmd.words[1], &outLoc) == 0 && outLoc == loc)
+    return Say("salvage: OUT must be another file than FILE", kExitUsage);
   Output out;
   if ((err = out.Open(cmd.words[1])) != 0) return Fail(cmd.words[1], err);
   Reader reader(&file, length);
