@@ -118,7 +118,9 @@ class Chunks : public DriveTest {
       (*b)[k] = s;
     }
     for (int i = 10; i < 14; ++i) {
-      ASSERT_EQ(m->CHRemoveChunk(Get(m, {i % 3 ? kA : kB, i})), 0);  // gives the handle back
+      TMemory* h = Get(m, {i % 3 ? kA : kB, i});
+      ASSERT_EQ(m->CHRemoveChunk(h), 0);  // gives the handle back
+      delete h;
       b->erase({i % 3 ? kA : kB, i});
     }
     for (int i = 0; i < 4; ++i) Add(m, {kC, i}, Bytes(rng), b);
@@ -210,8 +212,12 @@ TEST_F(Chunks, RandomOperationsAgreeWithAModel) {
       delete h;
     } else if (op < 90) {
       const Key k = pick();
+      const bool lazy = rng() % 4 == 0;  // fetched empty, then loaded
+      m.CHSetLoad(!lazy);
       TMemory* h = Get(&m, k);
+      m.CHSetLoad(1);
       ASSERT_NE(h, nullptr);
+      ASSERT_EQ(lazy ? m.CHLoadChunk(h) : 0, 0);
       ASSERT_EQ(Plain(h), cur[k]);
     } else if (op < 96) {
       ASSERT_EQ(op < 93 ? m.CHSave() : m.CHQuickSave(), 0);
@@ -648,4 +654,57 @@ TEST_F(Chunks, TruncateAndAppendCopyTheStore) {
   const unsigned hash = chHashBlock(entries, count * 48);
   std::memcpy(&appended[fh.mapAddress + 48], &hash, 4);
   EXPECT_EQ(appended, image);
+}
+
+// Misuse by the caller: each call refused with its code and its line at 515,
+// the store unchanged.
+TEST_F(Chunks, MisuseGetsItsCodeAndLine) {
+  Content c;
+  ChunkManager m;
+  ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
+  Add(&m, {kA, 0x31313131}, "one", &c);
+  Add(&m, {kA, 0x32323232}, "two", &c);
+  ASSERT_EQ(m.CHSave(), 0);
+  TMemory* dirty = Block("new");
+  ASSERT_EQ(m.CHAddChunk(dirty, kB, 0x33333333), 0);
+  c[{kB, 0x33333333}] = "new";
+  TMemory stray(1);
+  std::int64_t offset = 0, size = 0;
+  const std::string notAChunk = "handle doesn't refer to a chunk";
+  struct Row {
+    std::function<int()> call;
+    int code;
+    std::string line;
+  };
+  const std::vector<Row> rows = {
+      {[&] { return m.CHLoadChunk(&stray); }, -647, "CHLoadChunk: " + notAChunk + ", "},
+      {[&] { return m.CHDetachChunk(&stray); }, -647, "CHDetachChunk: " + notAChunk + ", "},
+      {[&] { return m.CHGetInfo(&stray, nullptr, nullptr); }, -647,
+       "CHGetInfo: " + notAChunk + ", "},
+      {[&] { return m.CHSetInfo(&stray, kA, 5); }, -647, "CHSetInfo: " + notAChunk},
+      {[&] { return m.CHRemoveChunk(&stray); }, -649, "CHRemoveChunk: " + notAChunk},
+      {[&] { return m.CHChangedChunk(&stray); }, -647, "CHChangedChunk: " + notAChunk},
+      {[&] { return m.CHStoreChunk(&stray); }, -647, "CHStoreChunk: " + notAChunk},
+      {[&] { return static_cast<int>(m.CHChunkSize(kA, 5)); }, -647,
+       "CHChunkSize: can't find type/id"},
+      {[&] { return m.CHPhysInfo(kA, 5, &offset, &size); }, -647, "CHPhysInfo: can't find type/id"},
+      {[&] { return m.CHPhysInfo(kB, 0x33333333, &offset, &size); }, -648,
+       "CHPhysInfo: chunk is dirty"},
+      {[&] { return m.CHDuplicate(kA, 5, 6); }, -647, "CHDuplicateChunk: can't find type/id"},
+      {[&] { return m.CHDuplicate(kA, 0x31313131, 0x32323232); }, -646,
+       "chMapInsert: duplicate ID, type AAAA, id = 2222"},
+      {[&] { return m.CHSetInfo(dirty, kA, 0x31313131); }, -646,
+       "chMapInsert: duplicate ID, type AAAA, id = 1111"},
+      {[&] { return m.CHSetInfo(dirty, 0, 1); }, -646, "CHSetInfo: can't set negative type, 7777"},
+      {[&] { return m.CHAddChunk(dirty, kC, 9); }, -646,
+       "CHAddChunk: invalid type CCCC or handle already refers to a chunk"},
+  };
+  for (std::size_t k = 0; k < rows.size(); ++k) {
+    SCOPED_TRACE(k);
+    ClearRecords();
+    EXPECT_EQ(rows[k].call(), rows[k].code);
+    EXPECT_EQ(LoggedLines(), (std::vector<LogLine>{{515, "", rows[k].line}}));
+  }
+  ASSERT_EQ(m.CHSave(), 0);
+  EXPECT_EQ(Reopened(), c);
 }
