@@ -495,6 +495,35 @@ TEST_F(Chunks, CorruptFilesGiveCodes) {
     attempt(bit);
     flip(bit);
   }
+  // A flipped data bit: that chunk alone gives -641, unless its stored hash
+  // is 0 (not checked): then it reads the flipped bytes.
+  for (const auto& [key, bytes] : a) {
+    for (const bool unchecked : {false, true}) {
+      SCOPED_TRACE(testing::Message() << key.second << " " << unchecked);
+      std::int64_t offset = 0, size = 0;
+      {
+        ChunkManager m;
+        ASSERT_EQ(m.CHOpen(&loc_, 1), 0);
+        ASSERT_EQ(m.CHPhysInfo(key.first, key.second, &offset, &size), 0);
+      }
+      std::string s = good;
+      s[static_cast<std::size_t>(offset + size / 2)] ^= 0x10;
+      if (unchecked) std::memset(&s[static_cast<std::size_t>(offset - 64 + 48)], 0, 4);
+      std::remove(badHost.c_str());
+      WriteHost(badHost, s);
+      Content expect = a;
+      expect[key][static_cast<std::size_t>(size / 2)] ^= 0x10;
+      ChunkManager m;
+      TFileLoc bad = FileAt(u"C:\\bad.chk");
+      ASSERT_EQ(m.CHOpen(&bad, 1), 0);
+      for (const auto& [k, want] : expect) {
+        TMemory* h = nullptr;
+        const int r = m.CHGetChunk(k.first, k.second, &h);
+        EXPECT_EQ(r, k == key && !unchecked ? kErrChunkHash : 0);
+        EXPECT_EQ(h ? Plain(h) : "", r == 0 ? want : "");
+      }
+    }
+  }
   std::mt19937 rng(5);
   for (int i = 0; i < 300; ++i) {
     std::string s(rng() % 2000, '\0');
@@ -551,7 +580,7 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
     bool quick;
     int failAt;  // the WriteFile that fails, 0 for none
   };
-  int points = 0, images = 0;
+  int points = 0, images = 0, journals[3] = {};
   for (const Mode& mode : {Mode{"CHSave", false, 0}, Mode{"CHQuickSave", true, 0},
                            Mode{"a failing CHSave", false, 14}}) {
     SCOPED_TRACE(mode.name);
@@ -573,9 +602,14 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
         SCOPED_TRACE(testing::Message() << "io " << io << " image " << image);
         ++images;
         ASSERT_EQ(UDiskBuildCrash(io, image, u"D:\\"), 1);
+        CHJournalInfo journal;
+        const TFileLoc crashed = FileAt(u"D:\\store.chk");
+        ASSERT_EQ(chJournalQuery(&crashed, &journal), 0);
+        ++journals[journal.state];
         int opened = 0;
         const Content c = Reopened(u"D:\\store.chk", &opened);
         ASSERT_EQ(opened, 0);
+        ASSERT_FALSE(HostExists(Host(u"D:\\store.chk-journal")));
         ASSERT_TRUE(c == a || (c == b && !mode.failAt));
         sawNew = sawNew || (c == b && io == count);
       }
@@ -584,7 +618,10 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
     m.CHClose();
   }
   UDiskReset();
-  std::printf("crash points %d, images %d\n", points, images);
+  EXPECT_GT(journals[1], 0);  // rolled back
+  EXPECT_GT(journals[2], 0);  // torn, ignored
+  std::printf("crash points %d, images %d; journals complete %d, incomplete %d\n", points, images,
+              journals[1], journals[2]);
   RecordProperty("crash_points", points);
   RecordProperty("crash_images", images);
 }
