@@ -34,6 +34,7 @@
 #include "quarnel/foundation/sort.h"
 #include "quarnel/foundation/tmemory.h"
 #include "quarnel/platform/codepage.h"
+#include "quarnel/platform/console.h"
 #include "quarnel/platform/debugger.h"
 #include "quarnel/platform/debugout.h"
 #include "quarnel/platform/drivemap.h"
