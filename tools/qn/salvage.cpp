@@ -271,7 +271,7 @@ int Salvage(const Words& args) {
   std::printf("\nrecovered %zu chunks into %s\n", kept.size(), cmd.words[1].c_str());
   for (const Key& key : lost)
     std::printf("lost %s %lld\n", TypeText(key.first).c_str(), static_cast<long long>(key.second));
-  if (!lost.empty()) std::printf("lost %zu chunks\n", lost.size());
+  if (!lost.empty()) std::printf("chunks lost: %zu\n", lost.size());
   return lost.empty() && mapOk ? kExitOk : kExitDamaged;
 }
 
