@@ -16,9 +16,13 @@
 //   UPDATE and COMMIT (FULL and OFF). The stores live on from iteration to
 //   iteration, as a document does.
 // The benchmark's time is the chunk store's (manual, wall clock). Counters:
-// sqlite_full_s and sqlite_off_s (seconds per iteration), ratio_full and
-// ratio_off (chunk store time / SQLite time over all iterations), and the
-// file sizes after the phase (chunk_bytes, sqlite_bytes).
+// sqlite_full_s and sqlite_off_s (SQLite's seconds per iteration, with
+// synchronous=FULL and OFF; the fetch reads one database), ratio_full and
+// ratio_off (chunk store time / SQLite time over all iterations, wall
+// clock), cpu_ratio_full and cpu_ratio_off (the same of process CPU time,
+// user and system: steadier than the wall clock on a busy machine, blind to
+// waiting for the disk), and the file sizes after the phase (chunk_bytes,
+// sqlite_bytes; SQLite's of the FULL database).
 // The files live on drive X:, mapped to a fresh folder under the temporary
 // folder for the run and removed at its end.
 #include <benchmark/benchmark.h>
@@ -28,6 +32,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <numeric>
@@ -133,12 +138,24 @@ struct Place {
   }
 };
 
-double Seconds(Clock::time_point since) {
-  return std::chrono::duration<double>(Clock::now() - since).count();
-}
+// Wall-clock and process CPU seconds (user and system) of one side's work.
+struct Time {
+  double wall = -1, cpu = 0;
+};
+
+struct Stopwatch {
+  Clock::time_point wall = Clock::now();
+  std::clock_t cpu = std::clock();
+  Time Stop() const {
+    return Time{std::chrono::duration<double>(Clock::now() - wall).count(),
+                static_cast<double>(std::clock() - cpu) / CLOCKS_PER_SEC};
+  }
+};
+
+constexpr Time kFailed{};
 
 TMemory* Block(const std::string& s) {
-  auto* h = new TMemory(1);
+  auto* h = new TMemory;
   h->SetSize(static_cast<unsigned>(s.size()));
   std::memcpy(h->MemPtr(), s.data(), s.size());
   return h;
@@ -147,63 +164,63 @@ TMemory* Block(const std::string& s) {
 // ---- The chunk store ----
 
 // A new store holding every blob, saved. Seconds, or -1 on a failure.
-double ChunkBuild(const Place& at) {
+Time ChunkBuild(const Place& at) {
   at.Remove();
   std::ofstream(at.Host()).flush();
   const Blobs& blobs = TheBlobs();
   TFileLoc loc = at.Loc();
-  const auto start = Clock::now();
+  const Stopwatch start;
   ChunkManager m;
-  if (m.CHOpen(&loc, 3) != 0) return -1;
+  if (m.CHOpen(&loc, 3) != 0) return kFailed;
   for (int k = 1; k <= kBlobs; ++k) {
     TMemory* h = Block(blobs.value[k]);
     if (m.CHAddChunk(h, kType, k) != 0) {
       delete h;
-      return -1;
+      return kFailed;
     }
   }
-  if (m.CHSave() != 0) return -1;
+  if (m.CHSave() != 0) return kFailed;
   m.CHClose();
-  return Seconds(start);
+  return start.Stop();
 }
 
-double ChunkFetch(const Place& at) {
+Time ChunkFetch(const Place& at) {
   const Blobs& blobs = TheBlobs();
   TFileLoc loc = at.Loc();
-  const auto start = Clock::now();
+  const Stopwatch start;
   ChunkManager m;
-  if (m.CHOpen(&loc, 1) != 0) return -1;
+  if (m.CHOpen(&loc, 1) != 0) return kFailed;
   unsigned sum = 0;
   for (const int k : blobs.order) {
     TMemory* h = nullptr;
-    if (m.CHGetChunk(kType, k, &h) != 0 || h->GetSize() == 0) return -1;
+    if (m.CHGetChunk(kType, k, &h) != 0 || h->GetSize() == 0) return kFailed;
     sum += h->MemPtr()[h->GetSize() - 1];
     m.CHDetachChunk(h);
     delete h;
   }
   benchmark::DoNotOptimize(sum);
   m.CHClose();
-  return Seconds(start);
+  return start.Stop();
 }
 
 using Changes = std::vector<std::pair<int, std::string>>;
 
-double ChunkChange(const Place& at, const Changes& changes, bool quick) {
+Time ChunkChange(const Place& at, const Changes& changes, bool quick) {
   TFileLoc loc = at.Loc();
-  const auto start = Clock::now();
+  const Stopwatch start;
   ChunkManager m;
-  if (m.CHOpen(&loc, 3) != 0) return -1;
+  if (m.CHOpen(&loc, 3) != 0) return kFailed;
   m.CHSetLoad(0);
   for (const auto& [key, value] : changes) {
     TMemory* h = nullptr;
-    if (m.CHGetChunk(kType, key, &h) != 0) return -1;
+    if (m.CHGetChunk(kType, key, &h) != 0) return kFailed;
     h->SetSize(static_cast<unsigned>(value.size()));
     std::memcpy(h->MemPtr(), value.data(), value.size());
-    if (m.CHChangedChunk(h) != 0) return -1;
+    if (m.CHChangedChunk(h) != 0) return kFailed;
   }
-  if ((quick ? m.CHQuickSave() : m.CHSave()) != 0) return -1;
+  if ((quick ? m.CHQuickSave() : m.CHSave()) != 0) return kFailed;
   m.CHClose();
-  return Seconds(start);
+  return start.Stop();
 }
 
 // ---- SQLite ----
@@ -247,73 +264,80 @@ Changes AllRows() {
   return rows;
 }
 
-double SqliteBuild(const Place& at, bool syncFull) {
+Time SqliteBuild(const Place& at, bool syncFull) {
   static const Changes rows = AllRows();
   at.Remove();
-  const auto start = Clock::now();
+  const Stopwatch start;
   Db d(at, false, syncFull);
   if (!d.Exec("CREATE TABLE kv(key INTEGER PRIMARY KEY, value BLOB)") || !d.Exec("BEGIN") ||
       !d.Each("INSERT INTO kv VALUES(?1, ?2)", rows) || !d.Exec("COMMIT"))
-    return -1;
+    return kFailed;
   d.Close();
-  return Seconds(start);
+  return start.Stop();
 }
 
-double SqliteFetch(const Place& at) {
+Time SqliteFetch(const Place& at) {
   const Blobs& blobs = TheBlobs();
-  const auto start = Clock::now();
+  const Stopwatch start;
   Db d(at, true, true);
-  if (!d.Exec("BEGIN")) return -1;
+  if (!d.Exec("BEGIN")) return kFailed;
   sqlite3_blob* blob = nullptr;
   std::vector<unsigned char> buffer;
   unsigned sum = 0;
   for (const int k : blobs.order) {
     const int rc = blob ? sqlite3_blob_reopen(blob, k)
                         : sqlite3_blob_open(d.db, "main", "kv", "value", k, 0, &blob);
-    if (rc != SQLITE_OK) return -1;
+    if (rc != SQLITE_OK) return kFailed;
     const int n = sqlite3_blob_bytes(blob);
     buffer.resize(static_cast<std::size_t>(n));
-    if (n == 0 || sqlite3_blob_read(blob, buffer.data(), n, 0) != SQLITE_OK) return -1;
+    if (n == 0 || sqlite3_blob_read(blob, buffer.data(), n, 0) != SQLITE_OK) return kFailed;
     sum += buffer[static_cast<std::size_t>(n) - 1];
   }
   benchmark::DoNotOptimize(sum);
   sqlite3_blob_close(blob);
-  if (!d.Exec("COMMIT")) return -1;
+  if (!d.Exec("COMMIT")) return kFailed;
   d.Close();
-  return Seconds(start);
+  return start.Stop();
 }
 
-double SqliteChange(const Place& at, const Changes& changes, bool syncFull) {
-  const auto start = Clock::now();
+Time SqliteChange(const Place& at, const Changes& changes, bool syncFull) {
+  const Stopwatch start;
   Db d(at, false, syncFull);
   if (!d.Exec("BEGIN") || !d.Each("UPDATE kv SET value = ?2 WHERE key = ?1", changes) ||
       !d.Exec("COMMIT"))
-    return -1;
+    return kFailed;
   d.Close();
-  return Seconds(start);
+  return start.Stop();
 }
 
 // ---- Phases ----
 
 // Sums of the seconds of each side over a benchmark's iterations.
 struct Totals {
-  double chunk = 0, full = 0, off = 0;
+  Time chunk{0, 0}, full{0, 0}, off{0, 0};
   int n = 0;
-  bool Add(benchmark::State& state, double c, double f, double o) {
-    if (c < 0 || f < 0 || o < 0) {
+  // `off` may be absent (a phase where SQLite's flushing does not matter).
+  bool Add(benchmark::State& state, Time c, Time f, Time o = Time{0, 0}) {
+    if (c.wall < 0 || f.wall < 0 || o.wall < 0) {
       state.SkipWithError("a store operation failed");
       return false;
     }
-    state.SetIterationTime(c);
-    chunk += c, full += f, off += o, ++n;
+    state.SetIterationTime(c.wall);
+    for (auto [sum, t] : {std::pair{&chunk, c}, std::pair{&full, f}, std::pair{&off, o}})
+      sum->wall += t.wall, sum->cpu += t.cpu;
+    ++n;
     return true;
   }
   void Report(benchmark::State& state, const Place& chunkFile, const Place& db) const {
     if (n == 0) return;
-    state.counters["sqlite_full_s"] = full / n;
-    state.counters["sqlite_off_s"] = off / n;
-    state.counters["ratio_full"] = chunk / full;
-    state.counters["ratio_off"] = chunk / off;
+    state.counters["sqlite_full_s"] = full.wall / n;
+    state.counters["ratio_full"] = chunk.wall / full.wall;
+    state.counters["cpu_ratio_full"] = chunk.cpu / full.cpu;
+    if (off.wall > 0) {
+      state.counters["sqlite_off_s"] = off.wall / n;
+      state.counters["ratio_off"] = chunk.wall / off.wall;
+      state.counters["cpu_ratio_off"] = chunk.cpu / off.cpu;
+    }
     state.counters["chunk_bytes"] = static_cast<double>(chunkFile.Bytes());
     state.counters["sqlite_bytes"] = static_cast<double>(db.Bytes());
   }
@@ -324,9 +348,9 @@ const Place kBuildChunk{"build.chk"}, kBuildFull{"build-full.db"}, kBuildOff{"bu
 void BM_Build(benchmark::State& state) {
   Totals t;
   for (auto _ : state) {
-    const double c = ChunkBuild(kBuildChunk);
-    const double f = SqliteBuild(kBuildFull, true);
-    const double o = SqliteBuild(kBuildOff, false);
+    const Time c = ChunkBuild(kBuildChunk);
+    const Time f = SqliteBuild(kBuildFull, true);
+    const Time o = SqliteBuild(kBuildOff, false);
     if (!t.Add(state, c, f, o)) return;
   }
   t.Report(state, kBuildChunk, kBuildFull);
@@ -340,8 +364,8 @@ struct Stores {
   std::vector<std::size_t> sizes[4];
   bool ok = true;
   Stores() {
-    ok = ChunkBuild(saved) >= 0 && ChunkBuild(quick) >= 0 && SqliteBuild(full, true) >= 0 &&
-         SqliteBuild(off, false) >= 0;
+    ok = ChunkBuild(saved).wall >= 0 && ChunkBuild(quick).wall >= 0 &&
+         SqliteBuild(full, true).wall >= 0 && SqliteBuild(off, false).wall >= 0;
     for (auto& s : sizes) {
       s.resize(kBlobs + 1);
       for (int k = 1; k <= kBlobs; ++k) s[k] = TheBlobs().value[k].size();
@@ -356,19 +380,18 @@ Stores& TheStores() {
 
 void BM_Fetch(benchmark::State& state) {
   Stores& s = TheStores();
-  if (!s.ok || ChunkFetch(s.saved) < 0 || SqliteFetch(s.full) < 0) {  // warms the page cache
+  if (!s.ok || ChunkFetch(s.saved).wall < 0 ||
+      SqliteFetch(s.full).wall < 0) {  // warms the page cache
     state.SkipWithError("building or reading the stores failed");
     return;
   }
   Totals t;
   for (auto _ : state) {
-    const double c = ChunkFetch(s.saved);
-    const double f = SqliteFetch(s.full);
-    if (!t.Add(state, c, f, f)) return;
+    const Time c = ChunkFetch(s.saved);
+    const Time f = SqliteFetch(s.full);
+    if (!t.Add(state, c, f)) return;
   }
   t.Report(state, s.saved, s.full);
-  state.counters.erase("ratio_off");
-  state.counters.erase("sqlite_off_s");
   state.SetItemsProcessed(state.iterations() * kBlobs);
 }
 
@@ -405,9 +428,9 @@ void BM_Change(benchmark::State& state) {
     const Changes a = Draw(rng, &s.sizes[quick], newSize);
     const Changes b = Draw(rng, &s.sizes[2], newSize);
     const Changes c = Draw(rng, &s.sizes[3], newSize);
-    const double tc = ChunkChange(mine, a, quick);
-    const double tf = SqliteChange(s.full, b, true);
-    const double to = SqliteChange(s.off, c, false);
+    const Time tc = ChunkChange(mine, a, quick);
+    const Time tf = SqliteChange(s.full, b, true);
+    const Time to = SqliteChange(s.off, c, false);
     if (!t.Add(state, tc, tf, to)) return;
   }
   t.Report(state, mine, s.full);
