@@ -14,18 +14,6 @@
 namespace quarnel_internal {
 namespace {
 
-template <class T>
-T Get(const unsigned char* p) {
-  T v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-
-template <class T>
-void Put(unsigned char* p, T v) {
-  std::memcpy(p, &v, sizeof v);
-}
-
 // Reads exactly `count` bytes at `offset`; a short read is the end of file.
 int ReadAt(TFile* f, std::int64_t offset, unsigned char* into, unsigned count) {
   if (const int err = f->SetPosFromBegin(static_cast<std::uint64_t>(offset))) return err;

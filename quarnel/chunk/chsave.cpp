@@ -236,10 +236,16 @@ int ChunkManager::Impl::Copy(TFile* dest, bool append, const char* member) {
                                        : "CHTruncate: can't find first chunk map index");
     return kErrChunkBadMap;
   }
-  std::vector<CHMapEntry> moved(Map(), Map() + mapCount);
+  // Chunks go back to back from the first-chunk address; free space (kept by
+  // a quick save) is left out, as a save would.
+  const int freeHead = FreeHead();
+  const int kept = freeHead >= 0 ? freeHead : mapCount;
+  std::vector<CHMapEntry> moved(Map(), Map() + kept);
+  std::int64_t position = header.firstChunk;
   unsigned char bytes[kChunkHeaderSize];
   for (const auto& [address, i] : order) {
     const CHMapEntry& e = At(i);
+    if (e.type == kChunkFreeType) continue;
     const std::int64_t extent = Extent(i);
     const std::int64_t data = extent - e.slack - hdrSize;
     CHChunkHeader stored;
@@ -258,7 +264,7 @@ int ChunkManager::Impl::Copy(TFile* dest, bool append, const char* member) {
       if (count != n) return kErrEndOfFile;
       crc = BlockCrc(crc, buffer.MemPtr(), n);
       if (const int err =
-              dest->SetPosFromBegin(static_cast<std::uint64_t>(base + address + hdrSize + done)))
+              dest->SetPosFromBegin(static_cast<std::uint64_t>(base + position + hdrSize + done)))
         return err;
       if (const int err = dest->Write(&count, buffer.MemPtr())) return err;
       done += n;
@@ -268,18 +274,19 @@ int ChunkManager::Impl::Copy(TFile* dest, bool append, const char* member) {
     const CHChunkHeader h{e.type, e.reserved, e.id, extent, e.slack, 0, e.word, e.reserved2, hash};
     chPutChunkHeader(&h, oldFormat, bytes);
     count = static_cast<unsigned>(hdrSize);
-    if (const int err = dest->SetPosFromBegin(static_cast<std::uint64_t>(base + address)))
+    if (const int err = dest->SetPosFromBegin(static_cast<std::uint64_t>(base + position)))
       return err;
     if (const int err = dest->Write(&count, bytes)) return err;
-    moved[static_cast<std::size_t>(i)].address += base;
+    moved[static_cast<std::size_t>(i)].address = base + position;
+    position += extent;
   }
   TMemory image(1);
-  if (const int err = MapImage(moved.data(), mapCount, oldFormat, &image)) {
+  if (const int err = MapImage(moved.data(), kept, oldFormat, &image)) {
     if (oldFormat) DebugLogf(kLogInternalData, "%s: can't convert to 0100 map, %E", member, err);
     return err;
   }
   CHFileHeader h = header;
-  h.mapAddress = h.endOfData = base + header.endOfData;
+  h.mapAddress = h.endOfData = base + position;
   h.mapSize = image.GetSize();
   h.firstChunk = base + header.firstChunk;
   h.saveMarker = 0;

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "quarnel/chunk/internal/chimpl.h"
 #include "quarnel/compress/hashblock.h"
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/tmemory.h"
@@ -13,21 +14,8 @@
 static_assert(std::endian::native == std::endian::little,
               "chunk files are stored in the byte order of the machine: little-endian");
 
-namespace {
-
-template <class T>
-T Get(const unsigned char* p) {
-  T v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-
-template <class T>
-void Put(unsigned char* p, T v) {
-  std::memcpy(p, &v, sizeof v);
-}
-
-}  // namespace
+using quarnel_internal::Get;
+using quarnel_internal::Put;
 
 unsigned chHashBlock(const unsigned char* data, int length) { return HashBlock(data, length); }
 

@@ -121,6 +121,30 @@ TEST_F(ChunkFormat, NewFilesAreWrittenByteForByte) {
   EXPECT_EQ(Fetch(&m, kData, 7), "xyz");
   EXPECT_EQ(m.CHEnumChunk(static_cast<int>(kText), 0), 2);
   EXPECT_EQ(m.CHEnumType(1), static_cast<int>(kData));
+
+  // The quick save: 'DATA' 7 rewritten in place, the removed 'TEXT' 1 left
+  // where it was as free space in the map, the map at the same end of data.
+  TMemory* h = nullptr;
+  ASSERT_EQ(m.CHGetChunk(static_cast<int>(kData), 7, &h), 0);
+  std::memcpy(h->MemPtr(), "XYZ", 3);
+  ASSERT_EQ(m.CHChangedChunk(h), 0);
+  ASSERT_EQ(m.CHGetChunk(static_cast<int>(kText), 1, &h), 0);
+  ASSERT_EQ(m.CHRemoveChunk(h), 0);
+  delete h;
+  ASSERT_EQ(m.CHQuickSave(), 0);
+  Image quick(728 + 64 + 6 * 48);
+  quick.Bytes(0, two.b.substr(0, 728));
+  quick.Header(0x0110, 728, 64 + 6 * 48, 728);
+  quick.Chunk(660, false, kData, 7, 68, 1, "XYZ");
+  Image map3(6 * 48);
+  map3.Bytes(0, map.b.substr(0, 96));
+  map3.Entry(96, false, kText, 1, -1);
+  map3.Bytes(144, map.b.substr(192, 48));
+  map3.Entry(192, false, 0xFFFFFFFF, 1, -1);
+  map3.Entry(240, false, 0xFFFFFFFF, 72, 512);
+  quick.Chunk(728, false, 0x43684D70, 0, 6 * 48, 0, map3.b);
+  EXPECT_EQ(OnDisk(), quick.b);
+  ASSERT_EQ(m.CHVerify(), 0);
 }
 
 // A hand-made 0x0100 file is read with 56-byte chunk headers and 44-byte

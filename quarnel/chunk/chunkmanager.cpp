@@ -27,11 +27,29 @@ int ChunkManager::Impl::SlotOf(const TMemory* h) const {
 }
 
 int ChunkManager::Impl::Register(TMemory* h, int index) {
+  try {
+    handles.reserve(handles.size() + 1);
+    slotOf.reserve(slotOf.size() + 1);
+  } catch (const std::bad_alloc&) {
+    DebugLogf(kLogInternalData, "chAddHandle: not enough memory, %E", kErrMemNotObtained);
+    return kErrMemNotObtained;
+  }
   handles.push_back(Pair{h, index});
   const int slot = static_cast<int>(handles.size() - 1);
   slotOf[h] = slot;
   slots[static_cast<std::size_t>(index)] = slot;
   return 0;
+}
+
+int ChunkManager::Impl::Registered(const TMemory* h, const char* member, bool withCode) {
+  const int slot = SlotOf(h);
+  if (slot == 0) {
+    DebugLogf(kLogMisuse,
+              withCode ? "%s: handle doesn't refer to a chunk, %E"
+                       : "%s: handle doesn't refer to a chunk",
+              member, kErrChunkNotFound);
+  }
+  return slot;
 }
 
 void ChunkManager::Impl::Unregister(int slot) {
@@ -463,11 +481,8 @@ int ChunkManager::CHGetChunk(int type, int id, TMemory** h) {
 
 int ChunkManager::CHLoadChunk(TMemory* h) {
   Impl& m = *impl_;
-  const int slot = m.SlotOf(h);
-  if (slot == 0) {
-    DebugLogf(kLogMisuse, "CHLoadChunk: handle doesn't refer to a chunk, %E", kErrChunkNotFound);
-    return kErrChunkNotFound;
-  }
+  const int slot = m.Registered(h, "CHLoadChunk", true);
+  if (slot == 0) return kErrChunkNotFound;
   if (h->GetSize() > 0) return 0;
   const int i = m.handles[static_cast<std::size_t>(slot)].index;
   if (m.At(i).flags & kMapEntryDirty) {
@@ -492,11 +507,8 @@ int ChunkManager::Impl::StoreNow(int index, TMemory* h) {
 
 int ChunkManager::CHDetachChunk(TMemory* h) {
   Impl& m = *impl_;
-  const int slot = m.SlotOf(h);
-  if (slot == 0) {
-    DebugLogf(kLogMisuse, "CHDetachChunk: handle doesn't refer to a chunk, %E", kErrChunkNotFound);
-    return kErrChunkNotFound;
-  }
+  const int slot = m.Registered(h, "CHDetachChunk", true);
+  if (slot == 0) return kErrChunkNotFound;
   const int i = m.handles[static_cast<std::size_t>(slot)].index;
   if (m.At(i).flags & kMapEntryDirty) {
     // Without its handle a dirty chunk's contents would be lost: they go into
@@ -513,11 +525,8 @@ int ChunkManager::CHDetachChunk(TMemory* h) {
 
 int ChunkManager::CHGetInfo(TMemory* h, int* type, int* id) {
   Impl& m = *impl_;
-  const int slot = m.SlotOf(h);
-  if (slot == 0) {
-    DebugLogf(kLogMisuse, "CHGetInfo: handle doesn't refer to a chunk, %E", kErrChunkNotFound);
-    return kErrChunkNotFound;
-  }
+  const int slot = m.Registered(h, "CHGetInfo", true);
+  if (slot == 0) return kErrChunkNotFound;
   const CHMapEntry& e = m.At(m.handles[static_cast<std::size_t>(slot)].index);
   if (type) *type = static_cast<int>(e.type);
   if (id) *id = static_cast<int>(e.id);
@@ -526,11 +535,8 @@ int ChunkManager::CHGetInfo(TMemory* h, int* type, int* id) {
 
 int ChunkManager::CHSetInfo(TMemory* h, int type, int id) {
   Impl& m = *impl_;
-  const int slot = m.SlotOf(h);
-  if (slot == 0) {
-    DebugLogf(kLogMisuse, "CHSetInfo: handle doesn't refer to a chunk");
-    return kErrChunkNotFound;
-  }
+  const int slot = m.Registered(h, "CHSetInfo", false);
+  if (slot == 0) return kErrChunkNotFound;
   const CHMapEntry old = m.At(m.handles[static_cast<std::size_t>(slot)].index);
   if (old.type == static_cast<std::uint32_t>(type) && old.id == Widen(id)) return 0;
   if (type <= 0) {
@@ -571,9 +577,10 @@ int ChunkManager::CHAddChunk(TMemory* h, int type, int id) {
   if (const int err = m.MapLoad()) return err;
   int i = 0;
   if (const int err = m.MapInsert(static_cast<std::uint32_t>(type), Widen(id), &i)) return err;
-  m.Register(h, i);
-  if (const int err = m.Allocate(i, static_cast<std::int64_t>(size) + m.hdrSize, false)) {
+  int err = m.Register(h, i);
+  if (err == 0 && (err = m.Allocate(i, static_cast<std::int64_t>(size) + m.hdrSize, false)) != 0)
     m.Unregister(m.SlotOf(h));
+  if (err != 0) {
     m.SetAddress(i, 0);
     m.MapDelete(i);
     return err;
@@ -584,11 +591,8 @@ int ChunkManager::CHAddChunk(TMemory* h, int type, int id) {
 
 int ChunkManager::CHRemoveChunk(TMemory* h) {
   Impl& m = *impl_;
-  const int slot = m.SlotOf(h);
-  if (slot == 0) {
-    DebugLogf(kLogMisuse, "CHRemoveChunk: handle doesn't refer to a chunk");
-    return kErrChunkNotRegistered;
-  }
+  const int slot = m.Registered(h, "CHRemoveChunk", false);
+  if (slot == 0) return kErrChunkNotRegistered;
   if (const int err = m.Reserve(m.mapCount + 2)) return err;
   const int i = m.handles[static_cast<std::size_t>(slot)].index;
   m.Deallocate(i);
@@ -600,11 +604,8 @@ int ChunkManager::CHRemoveChunk(TMemory* h) {
 
 int ChunkManager::CHChangedChunk(TMemory* h) {
   Impl& m = *impl_;
-  const int slot = m.SlotOf(h);
-  if (slot == 0) {
-    DebugLogf(kLogMisuse, "CHChangedChunk: handle doesn't refer to a chunk");
-    return kErrChunkNotFound;
-  }
+  const int slot = m.Registered(h, "CHChangedChunk", false);
+  if (slot == 0) return kErrChunkNotFound;
   m.dirty = 1;
   const int i = m.handles[static_cast<std::size_t>(slot)].index;
   const std::int64_t bytes = static_cast<std::int64_t>(h->GetSize()) + m.hdrSize;
@@ -619,11 +620,8 @@ int ChunkManager::CHChangedChunk(TMemory* h) {
 
 int ChunkManager::CHStoreChunk(TMemory* h) {
   Impl& m = *impl_;
-  const int slot = m.SlotOf(h);
-  if (slot == 0) {
-    DebugLogf(kLogMisuse, "CHStoreChunk: handle doesn't refer to a chunk");
-    return kErrChunkNotFound;
-  }
+  const int slot = m.Registered(h, "CHStoreChunk", false);
+  if (slot == 0) return kErrChunkNotFound;
   return m.StoreNow(m.handles[static_cast<std::size_t>(slot)].index, h);
 }
 

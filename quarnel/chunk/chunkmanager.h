@@ -145,9 +145,10 @@ class QUARNEL_API ChunkManager {
   int CHDuplicate(int type, int id, int newId);
   // Saves (CHSave), then writes the store into `dest` from offset 0 and sets
   // its end of file after the map: the header sector, every chunk in address
-  // order with its extent (slack included) and a fresh header and hash from
-  // its map entry, then the map; same format generation. The result is what
-  // a save of the store leaves, with every chunk header rewritten.
+  // order back to back from the first-chunk address with its extent (slack
+  // included) and a fresh header and hash from its map entry, free space left
+  // out, then the map; same format generation. The result is what a
+  // compacting save of the store leaves, with every chunk header rewritten.
   int CHTruncate(TFile* dest);
   // The same image appended to `dest`: it starts at dest's end of file
   // rounded up to 512 (the gap zero), and every address in it (header and

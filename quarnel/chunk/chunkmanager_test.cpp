@@ -210,8 +210,12 @@ TEST_F(Chunks, RandomOperationsAgreeWithAModel) {
       delete h;
     } else if (op < 90) {
       const Key k = pick();
+      const bool lazy = rng() % 4 == 0;  // fetched empty, then loaded
+      m.CHSetLoad(!lazy);
       TMemory* h = Get(&m, k);
+      m.CHSetLoad(1);
       ASSERT_NE(h, nullptr);
+      ASSERT_EQ(lazy ? m.CHLoadChunk(h) : 0, 0);
       ASSERT_EQ(Plain(h), cur[k]);
     } else if (op < 96) {
       ASSERT_EQ(op < 93 ? m.CHSave() : m.CHQuickSave(), 0);
@@ -245,6 +249,37 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
     const char* name;
     std::function<void(ChunkManager&, Content&)> run;
   };
+  // A damaged copy of the saved store is refused at open with its code and
+  // line, and left as it was.
+  const auto refused = [&](const std::string& bytes, int code, const std::string& line) {
+    WriteHost(Host(u"C:\\bad.chk"), bytes);
+    ClearRecords();
+    ChunkManager bad;
+    TFileLoc at = FileAt(u"C:\\bad.chk");
+    EXPECT_EQ(bad.CHOpen(&at, 3), code) << line;
+    EXPECT_TRUE(Logged(517, line)) << line;
+    bad.CHClose();
+    EXPECT_EQ(ReadHost(Host(u"C:\\bad.chk")), bytes) << line;
+  };
+  const auto patched = [&](std::size_t at, long long v, int n, bool fixHash) {
+    std::string s = ReadHost(Host(u"C:\\store.chk"));
+    std::memcpy(&s[at], &v, static_cast<std::size_t>(n));
+    if (fixHash) {  // the map's hash made right again
+      long long map = 0, size = 0;
+      std::memcpy(&map, &s[8], 8);
+      std::memcpy(&size, &s[16], 8);
+      const unsigned h = chHashBlock(reinterpret_cast<const unsigned char*>(&s[map + 64]),
+                                     static_cast<int>(size - 64));
+      std::memcpy(&s[map + 48], &h, 4);
+    }
+    return s;
+  };
+  // Map entry e's field at `field`, in the saved store whose map is at 1216
+  // (chunks at 512, 580 and 1144).
+  const auto entry = [&](int e, int field, long long v, int n) {
+    return patched(1216 + 64 + 48 * e + field, v, n, true);
+  };
+  const std::string invalid = "chDoOpen: invalid file, ", badMap = "chReadMap: bad map";
   const std::vector<Row> rows = {
       {"duplicate of a dirty chunk",
        [&](ChunkManager& m, Content& c) {
@@ -288,19 +323,38 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
          EXPECT_TRUE(Logged(517, "CHSave: save failed, file rolled back, "));
          EXPECT_EQ(Reopened(), before);
        }},
+      {"a granule that does not divide 512, of 0, or beyond the move buffer",
+       [&](ChunkManager&, Content&) {
+         for (const int g : {3, 0, 1024, -4}) refused(patched(36, g, 4, false), -643, invalid);
+       }},
+      {"a map whose hash is right and whose entries are not",
+       [&](ChunkManager&, Content&) {
+         refused(entry(1, 24, 1000, 8), -642, badMap);  // slack beyond the extent
+         refused(entry(0, 0, 0, 4), -644, "chMapCheck: invalid type sequence");  // type 0
+         refused(entry(3, 8, 2, 8), -644, "chMapCheck: invalid map termination");
+         refused(entry(0, 8, 1, 8), -644, "chMapCheck: invalid type sequence");
+         refused(patched(16, 40, 8, false), -642, badMap);    // smaller than a chunk header
+         refused(patched(8, 1500, 8, false), -642, badMap);   // the map runs past the file
+         refused(patched(8, -1216, 8, false), -642, badMap);  // before the first chunk
+       }},
       {"free space is not a chunk",
        [&](ChunkManager& m, Content& c) {
          TMemory* h = Get(&m, {kA, 2});
          ASSERT_EQ(m.CHRemoveChunk(h), 0);
-         delete h;
          c.erase({kA, 2});
          for (const int type : {-1, 0}) {
            TMemory* got = nullptr;
-           EXPECT_EQ(m.CHGetChunk(type, 48, &got), kErrChunkDuplicate);
+           EXPECT_EQ(m.CHGetChunk(type, 564, &got), kErrChunkDuplicate);  // the freed extent
            EXPECT_EQ(got, nullptr);
            EXPECT_EQ(m.CHCountChunks(type), 0);
          }
          EXPECT_TRUE(Logged(515, "CHGetChunk: invalid type \xC3\xBF\xC3\xBF\xC3\xBF\xC3\xBF"));
+         EXPECT_EQ(m.CHAddChunk(h, -1, 5), kErrChunkDuplicate);
+         TMemory* one = Get(&m, {kA, 1});
+         EXPECT_EQ(m.CHSetInfo(one, -1, 580), kErrChunkDuplicate);
+         EXPECT_TRUE(
+             Logged(515, "CHSetInfo: can't set negative type, \xC3\xBF\xC3\xBF\xC3\xBF\xC3\xBF"));
+         delete h;
        }},
       {"the last id",
        [&](ChunkManager& m, Content& c) {
@@ -332,9 +386,9 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
   }
 }
 
-// Hand-made files whose header or map is wrong where its hash is right:
-// refused at open with the line of what is wrong.
-TEST_F(Chunks, DamagedHeadersAndMapsAreRefusedAtOpen) {
+// Headers that are not a saved chunk file's, and a map chunk that is not a
+// map or not the map that was written: refused at open with their lines.
+TEST_F(Chunks, DamagedHeadersAreRefusedAtOpen) {
   Content a;
   {
     ChunkManager m;
@@ -344,42 +398,25 @@ TEST_F(Chunks, DamagedHeadersAndMapsAreRefusedAtOpen) {
     ASSERT_EQ(m.CHSave(), 0);  // chunks at 512 and 580, the map at 648
   }
   const std::string good = ReadHost(Host(u"C:\\store.chk"));
-  const auto put = [](std::string* s, std::size_t at, long long v, int n) {
-    std::memcpy(&(*s)[at], &v, static_cast<std::size_t>(n));
-  };
-  // Patches map entry `e`'s field at `field` and puts the map's hash right.
-  const auto entry = [&](int e, int field, long long v, int n) {
+  const auto patched = [&](int at, long long v, int n) {
     std::string s = good;
-    put(&s, 648 + 64 + 48 * e + field, v, n);
-    const unsigned h = chHashBlock(reinterpret_cast<const unsigned char*>(&s[712]), 3 * 48);
-    put(&s, 648 + 48, h, 4);
+    std::memcpy(&s[static_cast<std::size_t>(at)], &v, static_cast<std::size_t>(n));
     return s;
   };
   const std::string invalid = "chDoOpen: invalid file, ";
   struct Case {
     std::string bytes;
     int code;
-    std::string line;
-  };
-  const auto header = [&](int at, long long v, int n) {
-    std::string s = good;
-    put(&s, static_cast<std::size_t>(at), v, n);
-    return s;
+    std::string line;  // empty: none at 515 or 517
   };
   const std::vector<Case> cases = {
-      {header(36, 3, 4), kErrChunkInvalidFile, invalid},
-      {header(36, 0, 4), kErrChunkInvalidFile, invalid},
-      {header(36, 1024, 4), kErrChunkInvalidFile, invalid},
-      {header(0, 0x2E666843, 4), kErrChunkInvalidFile, invalid},  // only byte-swapped
-      {header(32, 0x42616421, 4), kErrChunkNotSaved, "chDoOpen: file was not fully saved"},
-      {header(16, 40, 8), kErrChunkBadMap, "chReadMap: bad map"},   // map smaller than a header
-      {header(8, 4096, 8), kErrChunkBadMap, "chReadMap: bad map"},  // map beyond the file
-      {header(16, 0x80000000LL, 8), kErrChunkBadMap, "chReadMap: bad map"},
-      {entry(1, 24, 200, 8), kErrChunkBadMap, "chReadMap: bad map"},  // slack beyond the extent
-      {entry(0, 0, 0, 4), kErrChunkMapCheck, "chMapCheck: invalid type sequence"},
-      {entry(0, 8, 1, 8), kErrChunkMapCheck, "chMapCheck: invalid type sequence"},
-      {entry(0, 8, 3, 8), kErrChunkMapCheck, "chMapCheck: invalid map termination"},
-      {entry(2, 16, 4000, 8), kErrChunkMapCheck, "chMapCheck: invalid address"},
+      {patched(0, 0x2E666843, 4), kErrChunkInvalidFile, invalid},  // only byte-swapped
+      {patched(4, 0x0111, 2), kErrChunkInvalidFile, invalid},      // needs a newer reader
+      {patched(6, 0x00FF, 2), kErrChunkInvalidFile, invalid},
+      {patched(32, 0x42616421, 4), kErrChunkNotSaved, "chDoOpen: file was not fully saved"},
+      {patched(16, 0x80000000LL, 8), kErrChunkBadMap, "chReadMap: bad map"},
+      {patched(648, 0x43684D71, 4), kErrChunkBadMap, "chReadMap: bad map"},
+      {patched(713, 0x55, 1), kErrChunkHash, ""},
       {good.substr(0, 100), kErrChunkInvalidFile, invalid},
   };
   for (std::size_t k = 0; k < cases.size(); ++k) {
@@ -389,7 +426,13 @@ TEST_F(Chunks, DamagedHeadersAndMapsAreRefusedAtOpen) {
     ChunkManager m;
     TFileLoc bad = FileAt(u"C:\\bad.chk");
     EXPECT_EQ(m.CHOpen(&bad, 3), cases[k].code);
-    EXPECT_TRUE(Logged(517, cases[k].line));
+    if (cases[k].line.empty()) {
+      EXPECT_TRUE(LoggedLines().empty());
+    } else {
+      EXPECT_TRUE(Logged(517, cases[k].line));
+    }
+    const std::vector<AssertionSeen> none, map = {{"chunk", 1087, ""}};
+    EXPECT_EQ(Assertions(), k == 4 ? map : none);
   }
 }
 
@@ -542,4 +585,124 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
   std::printf("crash points %d, images %d\n", points, images);
   RecordProperty("crash_points", points);
   RecordProperty("crash_images", images);
+}
+
+// CHTruncate writes the store compacted into another file, every chunk with
+// a fresh header from its map entry; CHAppend writes the same image after
+// the file's own bytes, from its end rounded up to 512, with every address
+// an offset in that file.
+TEST_F(Chunks, TruncateAndAppendCopyTheStore) {
+  Content a, b;
+  ChunkManager m;
+  Scripted(&m, &a, &b);
+  ASSERT_EQ(m.CHQuickSave(), 0);  // keeps free space, which the copies leave out
+  WriteHost(Host(u"C:\\copy.chk"), "left over");
+  WriteHost(Host(u"C:\\host.bin"), std::string(700, 'j'));
+  TFileLoc copyAt = FileAt(u"C:\\copy.chk"), hostAt = FileAt(u"C:\\host.bin");
+  TFile copy, host;
+  ASSERT_EQ(copy.Open(&copyAt, 3), 0);
+  ASSERT_EQ(host.Open(&hostAt, 3), 0);
+  ASSERT_EQ(m.CHTruncate(&copy), 0);
+  ASSERT_EQ(m.CHAppend(&host), 0);
+  copy.Close();
+  host.Close();
+  EXPECT_EQ(Reopened(u"C:\\copy.chk"), b);
+  const std::string image = ReadHost(Host(u"C:\\copy.chk"));
+  {
+    ChunkManager r;
+    ASSERT_EQ(r.CHOpen(&copyAt, 1), 0);
+    std::map<std::int64_t, std::int64_t> extents;
+    for (int n = 0; n < r.CHCountEntries(); ++n) {
+      CHEntryInfo info;
+      ASSERT_EQ(r.CHGetEntry(n, &info), 0);
+      ASSERT_NE(info.entry.type, kChunkFreeType);
+      if (info.head) continue;
+      extents[info.entry.address] = info.extent;
+      CHChunkHeader h;
+      chGetChunkHeader(reinterpret_cast<const unsigned char*>(&image[info.entry.address]), 0, &h);
+      EXPECT_EQ(h.type, info.entry.type);
+      EXPECT_EQ(h.id, info.entry.id);
+      EXPECT_EQ(h.size, info.extent);
+      EXPECT_EQ(h.slack, info.entry.slack);
+    }
+    std::int64_t at = 512;  // back to back
+    for (const auto& [address, extent] : extents) {
+      EXPECT_EQ(address, at);
+      at += extent;
+    }
+  }
+  // The appended image, its addresses taken back by 1024, is the copy.
+  std::string appended = ReadHost(Host(u"C:\\host.bin"));
+  EXPECT_EQ(appended.substr(0, 1024), std::string(700, 'j') + std::string(324, '\0'));
+  appended.erase(0, 1024);
+  ASSERT_EQ(appended.size(), image.size());
+  CHFileHeader fh;
+  std::memcpy(&fh, appended.data(), sizeof fh);
+  fh.mapAddress -= 1024;
+  fh.endOfData -= 1024;
+  fh.firstChunk -= 1024;
+  std::memcpy(&appended[0], &fh, sizeof fh);
+  const auto count = static_cast<int>((fh.mapSize - 64) / 48);
+  std::vector<CHMapEntry> map(static_cast<std::size_t>(count));
+  auto* entries = reinterpret_cast<unsigned char*>(&appended[fh.mapAddress + 64]);
+  chGetMapEntries(entries, count, 0, map.data());
+  for (CHMapEntry& e : map)
+    if (e.address != -1) e.address -= 1024;
+  chPutMapEntries(map.data(), count, 0, entries);
+  const unsigned hash = chHashBlock(entries, count * 48);
+  std::memcpy(&appended[fh.mapAddress + 48], &hash, 4);
+  EXPECT_EQ(appended, image);
+}
+
+// Misuse by the caller: each call refused with its code and its line at 515,
+// the store unchanged.
+TEST_F(Chunks, MisuseGetsItsCodeAndLine) {
+  Content c;
+  ChunkManager m;
+  ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
+  Add(&m, {kA, 0x31313131}, "one", &c);
+  Add(&m, {kA, 0x32323232}, "two", &c);
+  ASSERT_EQ(m.CHSave(), 0);
+  TMemory* dirty = Block("new");
+  ASSERT_EQ(m.CHAddChunk(dirty, kB, 0x33333333), 0);
+  c[{kB, 0x33333333}] = "new";
+  TMemory stray(1);
+  std::int64_t offset = 0, size = 0;
+  const std::string notAChunk = "handle doesn't refer to a chunk";
+  struct Row {
+    std::function<int()> call;
+    int code;
+    std::string line;
+  };
+  const std::vector<Row> rows = {
+      {[&] { return m.CHLoadChunk(&stray); }, -647, "CHLoadChunk: " + notAChunk + ", "},
+      {[&] { return m.CHDetachChunk(&stray); }, -647, "CHDetachChunk: " + notAChunk + ", "},
+      {[&] { return m.CHGetInfo(&stray, nullptr, nullptr); }, -647,
+       "CHGetInfo: " + notAChunk + ", "},
+      {[&] { return m.CHSetInfo(&stray, kA, 5); }, -647, "CHSetInfo: " + notAChunk},
+      {[&] { return m.CHRemoveChunk(&stray); }, -649, "CHRemoveChunk: " + notAChunk},
+      {[&] { return m.CHChangedChunk(&stray); }, -647, "CHChangedChunk: " + notAChunk},
+      {[&] { return m.CHStoreChunk(&stray); }, -647, "CHStoreChunk: " + notAChunk},
+      {[&] { return static_cast<int>(m.CHChunkSize(kA, 5)); }, -647,
+       "CHChunkSize: can't find type/id"},
+      {[&] { return m.CHPhysInfo(kA, 5, &offset, &size); }, -647, "CHPhysInfo: can't find type/id"},
+      {[&] { return m.CHPhysInfo(kB, 0x33333333, &offset, &size); }, -648,
+       "CHPhysInfo: chunk is dirty"},
+      {[&] { return m.CHDuplicate(kA, 5, 6); }, -647, "CHDuplicateChunk: can't find type/id"},
+      {[&] { return m.CHDuplicate(kA, 0x31313131, 0x32323232); }, -646,
+       "chMapInsert: duplicate ID, type AAAA, id = 2222"},
+      {[&] { return m.CHSetInfo(dirty, kA, 0x31313131); }, -646,
+       "chMapInsert: duplicate ID, type AAAA, id = 1111"},
+      {[&] { return m.CHSetInfo(dirty, 0, 1); }, -646, "CHSetInfo: can't set negative type, 7777"},
+      {[&] { return m.CHAddChunk(dirty, kC, 9); }, -646,
+       "CHAddChunk: invalid type CCCC or handle already refers to a chunk"},
+  };
+  for (std::size_t k = 0; k < rows.size(); ++k) {
+    SCOPED_TRACE(k);
+    ClearRecords();
+    EXPECT_EQ(rows[k].call(), rows[k].code);
+    EXPECT_EQ(LoggedLines(), (std::vector<LogLine>{{515, "", rows[k].line}}));
+  }
+  ASSERT_EQ(m.CHSave(), 0);
+  EXPECT_EQ(Reopened(), c);
 }

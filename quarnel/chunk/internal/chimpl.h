@@ -5,6 +5,7 @@
 #define QUARNEL_CHUNK_INTERNAL_CHIMPL_H_
 
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <unordered_map>
 #include <vector>
@@ -16,6 +17,19 @@ class TFile;
 class TFileLoc;
 
 namespace quarnel_internal {
+
+// Little-endian fields at any address of a byte buffer.
+template <class T>
+T Get(const unsigned char* p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+template <class T>
+void Put(unsigned char* p, T v) {
+  std::memcpy(p, &v, sizeof v);
+}
 
 // Assertion lines of module "chunk".
 constexpr int kLineReadBlock = 946;   // chReadChunk: missing block
@@ -104,6 +118,9 @@ struct ChunkManager::Impl {
 
   // Handles (chunkmanager.cpp).
   int SlotOf(const TMemory* h) const;
+  // The handle's slot; 0 with "<member>: handle doesn't refer to a chunk"
+  // (and ", %E" of -647 with `withCode`) at 515 when it is not registered.
+  int Registered(const TMemory* h, const char* member, bool withCode);
   int Register(TMemory* h, int index);  // 0 or -625
   void Unregister(int slot);
   void DeleteHandles();
