@@ -44,8 +44,7 @@
 #include "quarnel/fileio/location.h"
 #include "quarnel/fileio/tfile.h"
 #include "quarnel/foundation/tmemory.h"
-#include "quarnel/platform/env.h"
-#include "quarnel/platform/tick.h"
+#include "tests/support/scratch_drive.h"
 
 namespace fs = std::filesystem;
 
@@ -96,29 +95,15 @@ const Blobs& TheBlobs() {
   return blobs;
 }
 
-struct Disk {
-  fs::path root;
-  Disk() {
-    root = fs::temp_directory_path() / ("quarnel-chunkbench-" + std::to_string(UGetTickCount()));
-    fs::create_directories(root);
-    QuarnelSetDrive(u'X', root.c_str());
-  }
-  ~Disk() {
-    QuarnelSetDrive(u'X', nullptr);
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
-};
-
-Disk& TheDisk() {
-  static Disk disk;
+const ScratchDrive& TheDisk() {
+  static const ScratchDrive disk(u'X', "quarnel-chunkbench-");
   return disk;
 }
 
 // A file on drive X: by name, as a host path and as a location.
 struct Place {
   std::string name;
-  fs::path Host() const { return TheDisk().root / name; }
+  fs::path Host() const { return TheDisk().Root() / name; }
   TFileLoc Loc() const {
     TFileLoc loc;
     const std::string path = "X:\\" + name;

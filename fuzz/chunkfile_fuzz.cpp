@@ -21,14 +21,13 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <random>
 #include <string>
 #include <utility>
 
 #include "quarnel/chunk/chunkmanager.h"
 #include "quarnel/fileio/location.h"
 #include "quarnel/foundation/tmemory.h"
-#include "quarnel/platform/env.h"
+#include "tests/support/scratch_drive.h"
 
 namespace fs = std::filesystem;
 
@@ -37,28 +36,12 @@ namespace {
 constexpr int kAddedType = 0x467A7A2E;  // 'Fzz.'
 constexpr int kMaxListed = 20000;       // more chunks than any input of a few KiB lists
 
-struct Disk {
-  fs::path root;
-  fs::path file;
-  Disk() {
-    // Every save flushes: the files live in memory where the system allows.
-    std::error_code ec;
-    const fs::path base =
-        fs::is_directory("/dev/shm", ec) ? fs::path("/dev/shm") : fs::temp_directory_path();
-    root = base / ("quarnel-chunkfuzz-" + std::to_string(std::random_device{}()));
-    fs::create_directories(root);
-    file = root / "f.chk";
-    QuarnelSetDrive(u'X', root.c_str());
-  }
-  ~Disk() {
-    QuarnelSetDrive(u'X', nullptr);
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
-};
-
-Disk& TheDisk() {
-  static Disk disk;
+// Every save flushes: the files live in memory where the system allows.
+const ScratchDrive& TheDisk() {
+  std::error_code ec;
+  static const ScratchDrive disk(
+      u'X', "quarnel-chunkfuzz-",
+      fs::is_directory("/dev/shm", ec) ? fs::path("/dev/shm") : fs::temp_directory_path());
   return disk;
 }
 
@@ -162,10 +145,10 @@ Listing Reopened() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
-  const Disk& disk = TheDisk();
+  const fs::path file = TheDisk().Root() / "f.chk";
   const unsigned mode = data[0];
   ++data, --size;
-  const fs::path journal = disk.file.string() + "-journal";
+  const fs::path journal = file.string() + "-journal";
   std::error_code ec;
   fs::remove(journal, ec);
   if (mode & 16) {
@@ -174,7 +157,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     WriteHost(journal, data + 2, n);
     data += 2 + n, size -= 2 + n;
   }
-  WriteHost(disk.file, data, size);
+  WriteHost(file, data, size);
 
   TFileLoc loc = Loc();
   auto* m = new ChunkManager;
