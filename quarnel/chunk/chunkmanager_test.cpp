@@ -118,7 +118,9 @@ class Chunks : public DriveTest {
       (*b)[k] = s;
     }
     for (int i = 10; i < 14; ++i) {
-      ASSERT_EQ(m->CHRemoveChunk(Get(m, {i % 3 ? kA : kB, i})), 0);  // gives the handle back
+      TMemory* h = Get(m, {i % 3 ? kA : kB, i});
+      ASSERT_EQ(m->CHRemoveChunk(h), 0);  // gives the handle back
+      delete h;
       b->erase({i % 3 ? kA : kB, i});
     }
     for (int i = 0; i < 4; ++i) Add(m, {kC, i}, Bytes(rng), b);
