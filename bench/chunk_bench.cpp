@@ -6,7 +6,7 @@
 // the other, so that both meet the same load on the machine:
 // - Build: a new store, every blob added, CHSave; against INSERT and COMMIT
 //   with synchronous=FULL (which flushes, as our save does) and OFF.
-// - Fetch: a freshly opened manager (empty handle table, map not loaded)
+// - Fetch: a freshly opened manager (empty handle table; the open reads the map)
 //   fetches every blob in random order; against sqlite3_blob_reopen and
 //   sqlite3_blob_read into one reused buffer. The files are in the page
 //   cache.
