@@ -221,12 +221,12 @@ int RollBack(TFile* file, const TFileLoc& loc, bool* rolled, int* state) {
 
 using namespace quarnel_internal;
 
-unsigned ChunkManager::Impl::MoveBuffer(TMemory* buffer) {
+unsigned ChunkStore::MoveBuffer(TMemory* buffer) {
   return buffer->AllocBuffer(16384, 0x80000, static_cast<unsigned>(Granule()));
 }
 
-int ChunkManager::Impl::MoveBytes(std::int64_t from, std::int64_t to, std::int64_t length,
-                                  TMemory* buffer, unsigned piece) {
+int ChunkStore::MoveBytes(std::int64_t from, std::int64_t to, std::int64_t length, TMemory* buffer,
+                          unsigned piece) {
   for (std::int64_t done = 0; done < length;) {
     const auto n = static_cast<unsigned>(std::min<std::int64_t>(piece, length - done));
     if (const int err = ReadAt(file, from + done, buffer->MemPtr(), n)) return err;
@@ -236,7 +236,7 @@ int ChunkManager::Impl::MoveBytes(std::int64_t from, std::int64_t to, std::int64
   return 0;
 }
 
-int ChunkManager::Impl::OpenJournal(TFile* f, const TFileLoc& loc) {
+int ChunkStore::OpenJournal(TFile* f, const TFileLoc& loc) {
   TFileLoc journalLoc;
   JournalLocation(loc, &journalLoc);
   if (!JournalExists(journalLoc)) return 0;

@@ -18,7 +18,7 @@ std::int64_t RoundUp(std::int64_t n, std::int64_t granule) {
 
 }  // namespace
 
-int ChunkManager::Impl::Reserve(int count) {
+int ChunkStore::Reserve(int count) {
   if (count <= mapCapacity) return 0;
   int capacity = mapCapacity < 16 ? 16 : mapCapacity;
   while (capacity < count) capacity = capacity > 0x10000000 ? count : capacity * 2;
@@ -29,7 +29,7 @@ int ChunkManager::Impl::Reserve(int count) {
   return 0;
 }
 
-int ChunkManager::Impl::InsertAt(int at, const CHMapEntry& e) {
+int ChunkStore::InsertAt(int at, const CHMapEntry& e) {
   if (const int err = Reserve(mapCount + 1)) return err;
   CHMapEntry* m = Map();
   std::memmove(m + at + 1, m + at, static_cast<std::size_t>(mapCount - at) * sizeof(CHMapEntry));
@@ -42,7 +42,7 @@ int ChunkManager::Impl::InsertAt(int at, const CHMapEntry& e) {
   return 0;
 }
 
-void ChunkManager::Impl::EraseAt(int at) {
+void ChunkStore::EraseAt(int at) {
   CHMapEntry* m = Map();
   if (Indexed(m[at])) {
     auto it = addresses.find(m[at].address);
@@ -56,7 +56,7 @@ void ChunkManager::Impl::EraseAt(int at) {
     if (slots[static_cast<std::size_t>(j)]) handles[static_cast<std::size_t>(slots[j])].index = j;
 }
 
-void ChunkManager::Impl::SetAddress(int i, std::int64_t address) {
+void ChunkStore::SetAddress(int i, std::int64_t address) {
   CHMapEntry& e = At(i);
   if (Indexed(e)) {
     auto it = addresses.find(e.address);
@@ -66,13 +66,13 @@ void ChunkManager::Impl::SetAddress(int i, std::int64_t address) {
   if (Indexed(e)) ++addresses[address];
 }
 
-void ChunkManager::Impl::IndexAddresses() {
+void ChunkStore::IndexAddresses() {
   addresses.clear();
   for (int i = 0; i < mapCount; ++i)
     if (Indexed(At(i))) ++addresses[At(i).address];
 }
 
-int ChunkManager::Impl::SetMap(const CHMapEntry* entries, int count) {
+int ChunkStore::SetMap(const CHMapEntry* entries, int count) {
   if (const int err = Reserve(count)) return err;
   if (count > 0 && entries != Map())
     std::memmove(Map(), entries, static_cast<std::size_t>(count) * sizeof(CHMapEntry));
@@ -82,7 +82,7 @@ int ChunkManager::Impl::SetMap(const CHMapEntry* entries, int count) {
   return 0;
 }
 
-void ChunkManager::Impl::ClearMap() {
+void ChunkStore::ClearMap() {
   mapCount = 0;
   mapCapacity = 0;
   mapBlock.SetSize(0);
@@ -91,17 +91,17 @@ void ChunkManager::Impl::ClearMap() {
   mapLoaded = false;
 }
 
-std::int64_t ChunkManager::Impl::ExtentAt(std::int64_t address) const {
+std::int64_t ChunkStore::ExtentAt(std::int64_t address) const {
   const auto next = addresses.lower_bound(address + header.granule);
   return (next == addresses.end() ? header.endOfData : next->first) - address;
 }
 
-std::int64_t ChunkManager::Impl::Extent(int i) const {
+std::int64_t ChunkStore::Extent(int i) const {
   const CHMapEntry& e = reinterpret_cast<const CHMapEntry*>(mapBlock.MemPtr())[i];
   return Indexed(e) ? ExtentAt(e.address) : 0;
 }
 
-int ChunkManager::Impl::FindGroup(std::uint32_t type) const {
+int ChunkStore::FindGroup(std::uint32_t type) const {
   const auto* m = reinterpret_cast<const CHMapEntry*>(mapBlock.MemPtr());
   for (std::int64_t i = 0; i < mapCount; i += 1 + static_cast<std::int64_t>(m[i].id)) {
     if (m[i].type == type) return static_cast<int>(i);
@@ -110,7 +110,7 @@ int ChunkManager::Impl::FindGroup(std::uint32_t type) const {
   return -1;
 }
 
-int ChunkManager::Impl::Find(std::uint32_t type, std::uint64_t id, int* insertAt) const {
+int ChunkStore::Find(std::uint32_t type, std::uint64_t id, int* insertAt) const {
   const auto* m = reinterpret_cast<const CHMapEntry*>(mapBlock.MemPtr());
   std::int64_t i = 0;
   while (i < mapCount && m[i].type < type) i += 1 + static_cast<std::int64_t>(m[i].id);
@@ -136,7 +136,7 @@ int ChunkManager::Impl::Find(std::uint32_t type, std::uint64_t id, int* insertAt
   return -1;
 }
 
-int ChunkManager::Impl::FreeHead() const {
+int ChunkStore::FreeHead() const {
   int last = -1;
   const auto* m = reinterpret_cast<const CHMapEntry*>(mapBlock.MemPtr());
   for (std::int64_t i = 0; i < mapCount; i += 1 + static_cast<std::int64_t>(m[i].id))
@@ -144,7 +144,7 @@ int ChunkManager::Impl::FreeHead() const {
   return last >= 0 && m[last].type == kChunkFreeType ? last : -1;
 }
 
-int ChunkManager::Impl::MapInsert(std::uint32_t type, std::uint64_t id, int* index) {
+int ChunkStore::MapInsert(std::uint32_t type, std::uint64_t id, int* index) {
   int at = 0;
   if (Find(type, id, &at) >= 0) {
     DebugLogf(kLogMisuse, "chMapInsert: duplicate ID, type %Y, id = %Y", type,
@@ -164,7 +164,7 @@ int ChunkManager::Impl::MapInsert(std::uint32_t type, std::uint64_t id, int* ind
   return 0;
 }
 
-void ChunkManager::Impl::MapDelete(int index) {
+void ChunkStore::MapDelete(int index) {
   const auto* m = Map();
   std::int64_t head = 0;
   while (head + 1 + static_cast<std::int64_t>(m[head].id) <= index)
@@ -173,7 +173,7 @@ void ChunkManager::Impl::MapDelete(int index) {
   if (--At(static_cast<int>(head)).id == 0) EraseAt(static_cast<int>(head));
 }
 
-void ChunkManager::Impl::InsertFree(std::int64_t address, std::int64_t length) {
+void ChunkStore::InsertFree(std::int64_t address, std::int64_t length) {
   int head = FreeHead();
   if (head < 0) {
     head = mapCount;
@@ -186,9 +186,9 @@ void ChunkManager::Impl::InsertFree(std::int64_t address, std::int64_t length) {
   ++At(head).id;
 }
 
-void ChunkManager::Impl::DeleteFree(int index) { MapDelete(index); }
+void ChunkStore::DeleteFree(int index) { MapDelete(index); }
 
-void ChunkManager::Impl::Deallocate(int index) {
+void ChunkStore::Deallocate(int index) {
   const std::int64_t address = At(index).address;
   if (address == 0) return;
   const std::int64_t extent = Extent(index);
@@ -196,8 +196,8 @@ void ChunkManager::Impl::Deallocate(int index) {
   InsertFree(address, extent);
 }
 
-bool ChunkManager::Impl::FindFree(bool committed, std::int64_t bytes, std::int64_t* address,
-                                  std::int64_t* taken, int* tail) {
+bool ChunkStore::FindFree(bool committed, std::int64_t bytes, std::int64_t* address,
+                          std::int64_t* taken, int* tail) {
   const std::int64_t g = Granule();
   *tail = -1;
   std::int64_t limit = 0;
@@ -263,7 +263,7 @@ bool ChunkManager::Impl::FindFree(bool committed, std::int64_t bytes, std::int64
   return true;
 }
 
-int ChunkManager::Impl::SetEOF(std::int64_t end) {
+int ChunkStore::SetEOF(std::int64_t end) {
   std::int64_t wanted =
       RoundUp(end + static_cast<std::int64_t>(mapCount) * kMapEntrySize + 4096, Granule());
   if (wanted < committedEOF) wanted = committedEOF;
@@ -273,7 +273,7 @@ int ChunkManager::Impl::SetEOF(std::int64_t end) {
   return 0;
 }
 
-int ChunkManager::Impl::Allocate(int index, std::int64_t bytes, bool committed) {
+int ChunkStore::Allocate(int index, std::int64_t bytes, bool committed) {
   if (bytes >= kMaxChunkBytes) {
     Debug("chunk", kLineAllocSize);
     return kErrBadParameter;

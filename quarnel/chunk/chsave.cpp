@@ -67,7 +67,7 @@ int MapImage(const CHMapEntry* entries, int count, int oldFormat, TMemory* image
 
 }  // namespace
 
-int ChunkManager::Impl::Save(bool quick, const char* member) {
+int ChunkStore::Save(bool quick, const char* member) {
   if (file == nullptr) return kErrChunkInvalidFile;
   if (!dirty) return 0;
   if (readOnly) return kErrAccessDenied;
@@ -206,7 +206,7 @@ int ChunkManager::Impl::Save(bool quick, const char* member) {
   return 0;
 }
 
-int ChunkManager::Impl::Copy(TFile* dest, bool append, const char* member) {
+int ChunkStore::Copy(TFile* dest, bool append, const char* member) {
   if (dest == nullptr) return kErrBadParameter;
   if (file == nullptr) return kErrChunkInvalidFile;
   if (const int err = Save(false, "CHSave")) return err;

@@ -21,12 +21,12 @@ std::uint64_t Widen(int id) { return static_cast<std::uint64_t>(static_cast<std:
 
 // ---- Handles ----
 
-int ChunkManager::Impl::SlotOf(const TMemory* h) const {
+int ChunkStore::SlotOf(const TMemory* h) const {
   const auto it = slotOf.find(h);
   return it == slotOf.end() ? 0 : it->second;
 }
 
-int ChunkManager::Impl::Register(TMemory* h, int index) {
+int ChunkStore::Register(TMemory* h, int index) {
   try {
     handles.reserve(handles.size() + 1);
     slotOf.reserve(slotOf.size() + 1);
@@ -41,7 +41,7 @@ int ChunkManager::Impl::Register(TMemory* h, int index) {
   return 0;
 }
 
-int ChunkManager::Impl::Registered(const TMemory* h, const char* member, bool withCode) {
+int ChunkStore::Registered(const TMemory* h, const char* member, bool withCode) {
   const int slot = SlotOf(h);
   if (slot == 0) {
     DebugLogf(kLogMisuse,
@@ -52,7 +52,7 @@ int ChunkManager::Impl::Registered(const TMemory* h, const char* member, bool wi
   return slot;
 }
 
-void ChunkManager::Impl::Unregister(int slot) {
+void ChunkStore::Unregister(int slot) {
   const Pair gone = handles[static_cast<std::size_t>(slot)];
   slots[static_cast<std::size_t>(gone.index)] = 0;
   slotOf.erase(gone.handle);
@@ -65,7 +65,7 @@ void ChunkManager::Impl::Unregister(int slot) {
   }
 }
 
-void ChunkManager::Impl::DeleteHandles() {
+void ChunkStore::DeleteHandles() {
   for (std::size_t s = 1; s < handles.size(); ++s) delete handles[s].handle;
   handles.resize(1);
   slotOf.clear();
@@ -74,8 +74,8 @@ void ChunkManager::Impl::DeleteHandles() {
 
 // ---- File access ----
 
-int ChunkManager::Impl::ReadChunk(std::int64_t address, std::int64_t bytes, TMemory* block,
-                                  CHChunkHeader* out) {
+int ChunkStore::ReadChunk(std::int64_t address, std::int64_t bytes, TMemory* block,
+                          CHChunkHeader* out) {
   if (block == nullptr) {
     Debug("chunk", kLineReadBlock);
     return kErrBadParameter;
@@ -104,8 +104,8 @@ int ChunkManager::Impl::ReadChunk(std::int64_t address, std::int64_t bytes, TMem
   return 0;
 }
 
-int ChunkManager::Impl::WriteChunk(int index, std::int64_t address, std::int64_t extent,
-                                   const TMemory* data) {
+int ChunkStore::WriteChunk(int index, std::int64_t address, std::int64_t extent,
+                           const TMemory* data) {
   const CHMapEntry& e = At(index);
   if (data == nullptr || extent - e.slack - hdrSize != data->GetSize()) {
     Debug("chunk", kLineWriteBlock);
@@ -128,7 +128,7 @@ int ChunkManager::Impl::WriteChunk(int index, std::int64_t address, std::int64_t
   return file->Write(&count, data->MemPtr());
 }
 
-int ChunkManager::Impl::WriteHeader(const CHFileHeader& h) {
+int ChunkStore::WriteHeader(const CHFileHeader& h) {
   unsigned char sector[kChunkHeaderSector] = {};
   std::memcpy(sector, &h, sizeof h);
   if (const int err = file->SetPosFromBegin(0)) return err;
@@ -136,7 +136,7 @@ int ChunkManager::Impl::WriteHeader(const CHFileHeader& h) {
   return file->Write(&count, sector);
 }
 
-int ChunkManager::Impl::ReadMap() {
+int ChunkStore::ReadMap() {
   ClearMap();
   if (header.mapSize == 0) {
     mapLoaded = true;
@@ -187,9 +187,9 @@ int ChunkManager::Impl::ReadMap() {
   return 0;
 }
 
-int ChunkManager::Impl::MapLoad() { return mapLoaded ? 0 : ReadMap(); }
+int ChunkStore::MapLoad() { return mapLoaded ? 0 : ReadMap(); }
 
-int ChunkManager::Impl::Open(TFile* f) {
+int ChunkStore::Open(TFile* f) {
   ClearMap();
   DeleteHandles();
   file = f;
@@ -258,7 +258,7 @@ int ChunkManager::Impl::Open(TFile* f) {
   return ReadMap();
 }
 
-void ChunkManager::Impl::Close() {
+void ChunkStore::Close() {
   if (file != nullptr && !readOnly) {
     std::uint64_t length = 0;
     if (file->GetEOF(&length) == 0 && static_cast<std::int64_t>(length) != committedEOF)
@@ -271,19 +271,26 @@ void ChunkManager::Impl::Close() {
   file = nullptr;
 }
 
-bool ChunkManager::Impl::ValidType(int type, const char* member) {
-  if (type != 0 && type != -1) return true;
-  DebugLogf(kLogMisuse, member, static_cast<std::uint32_t>(type));
-  return false;
+int ChunkStore::Lookup(int type, int id, const char* member, bool logMissing, int* index) {
+  if (type == 0 || type == -1) {
+    DebugLogf(kLogMisuse, "%s: invalid type %Y", member, static_cast<std::uint32_t>(type));
+    return kErrChunkDuplicate;
+  }
+  if (file == nullptr) return kErrChunkInvalidFile;
+  if (const int err = MapLoad()) return err;
+  *index = Find(static_cast<std::uint32_t>(type), Widen(id), nullptr);
+  if (*index >= 0) return 0;
+  if (logMissing) DebugLogf(kLogMisuse, "%s: can't find type/id", member);
+  return kErrChunkNotFound;
 }
 
 // ---- Members ----
 
-ChunkManager::ChunkManager() : impl_(new Impl) {}
+ChunkManager::ChunkManager() : impl_(new ChunkStore) {}
 
-ChunkManager::ChunkManager(TFile* file) : impl_(new Impl) { CHOpenRef(file); }
+ChunkManager::ChunkManager(TFile* file) : impl_(new ChunkStore) { CHOpenRef(file); }
 
-ChunkManager::ChunkManager(TFileLoc* loc, int mode) : impl_(new Impl) { CHOpen(loc, mode); }
+ChunkManager::ChunkManager(TFileLoc* loc, int mode) : impl_(new ChunkStore) { CHOpen(loc, mode); }
 
 ChunkManager::~ChunkManager() {
   CHClose();
@@ -323,7 +330,7 @@ int ChunkManager::CHSave() { return impl_->Save(false, "CHSave"); }
 int ChunkManager::CHQuickSave() { return impl_->Save(true, "CHQuickSave"); }
 
 int ChunkManager::CHRevert() {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   if (m.file == nullptr) return kErrChunkInvalidFile;
   if (!m.readOnly && m.currentEOF != m.committedEOF)
     m.file->SetEOF(static_cast<std::uint64_t>(m.committedEOF));
@@ -335,7 +342,7 @@ int ChunkManager::CHRevert() {
 }
 
 int ChunkManager::CHVerify() {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   if (m.file == nullptr) return kErrChunkInvalidFile;
   if (const int err = m.MapLoad()) return err;
   std::vector<const TMemory*> held(static_cast<std::size_t>(m.mapCount), nullptr);
@@ -355,7 +362,7 @@ int ChunkManager::CHSetLoad(int on) {
 int ChunkManager::CHGetChunkHdrSize() { return impl_->hdrSize; }
 
 int ChunkManager::CHCountTypes() {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   if (m.file == nullptr || m.MapLoad() != 0) return 0;
   int n = 0;
   for (int i = 0; i < m.mapCount; i += 1 + static_cast<int>(m.At(i).id))
@@ -364,7 +371,7 @@ int ChunkManager::CHCountTypes() {
 }
 
 int ChunkManager::CHEnumType(int n) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   if (n < 1 || m.file == nullptr || m.MapLoad() != 0) return 0;
   for (int i = 0; i < m.mapCount; i += 1 + static_cast<int>(m.At(i).id))
     if (m.At(i).type != kChunkFreeType && --n == 0) return static_cast<int>(m.At(i).type);
@@ -372,14 +379,14 @@ int ChunkManager::CHEnumType(int n) {
 }
 
 int ChunkManager::CHCountChunks(int type) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   if (type == 0 || type == -1 || m.file == nullptr || m.MapLoad() != 0) return 0;
   const int head = m.FindGroup(static_cast<std::uint32_t>(type));
   return head < 0 ? 0 : static_cast<int>(m.At(head).id);
 }
 
 int ChunkManager::CHEnumChunk(int type, int n) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   if (n < 0 || type == 0 || type == -1 || m.file == nullptr || m.MapLoad() != 0) return 0;
   const int head = m.FindGroup(static_cast<std::uint32_t>(type));
   if (head < 0) return 0;
@@ -389,7 +396,7 @@ int ChunkManager::CHEnumChunk(int type, int n) {
 }
 
 int ChunkManager::CHUniqueID(int type, int id) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   if (type == 0 || type == -1 || m.file == nullptr || m.MapLoad() != 0) return 0;
   int at = 0;
   const int head = m.FindGroup(static_cast<std::uint32_t>(type));
@@ -409,28 +416,16 @@ int ChunkManager::CHUniqueID(int type, int id) {
 }
 
 std::int64_t ChunkManager::CHChunkSize(int type, int id) {
-  Impl& m = *impl_;
-  if (!m.ValidType(type, "CHChunkSize: invalid type %Y")) return kErrChunkDuplicate;
-  if (m.file == nullptr) return kErrChunkInvalidFile;
-  if (const int err = m.MapLoad()) return err;
-  const int i = m.Find(static_cast<std::uint32_t>(type), Widen(id), nullptr);
-  if (i < 0) {
-    DebugLogf(kLogMisuse, "CHChunkSize: can't find type/id");
-    return kErrChunkNotFound;
-  }
+  ChunkStore& m = *impl_;
+  int i = 0;
+  if (const int err = m.Lookup(type, id, "CHChunkSize", true, &i)) return err;
   return m.Extent(i) - m.At(i).slack - m.hdrSize;
 }
 
 int ChunkManager::CHPhysInfo(int type, int id, std::int64_t* offset, std::int64_t* size) {
-  Impl& m = *impl_;
-  if (!m.ValidType(type, "CHPhysInfo: invalid type %Y")) return kErrChunkDuplicate;
-  if (m.file == nullptr) return kErrChunkInvalidFile;
-  if (const int err = m.MapLoad()) return err;
-  const int i = m.Find(static_cast<std::uint32_t>(type), Widen(id), nullptr);
-  if (i < 0) {
-    DebugLogf(kLogMisuse, "CHPhysInfo: can't find type/id");
-    return kErrChunkNotFound;
-  }
+  ChunkStore& m = *impl_;
+  int i = 0;
+  if (const int err = m.Lookup(type, id, "CHPhysInfo", true, &i)) return err;
   if (m.At(i).flags & kMapEntryDirty) {
     DebugLogf(kLogMisuse, "CHPhysInfo: chunk is dirty");
     return kErrChunkDirty;
@@ -441,14 +436,11 @@ int ChunkManager::CHPhysInfo(int type, int id, std::int64_t* offset, std::int64_
 }
 
 int ChunkManager::CHGetChunk(int type, int id, TMemory** h) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   if (h == nullptr) return kErrBadParameter;
   *h = nullptr;
-  if (!m.ValidType(type, "CHGetChunk: invalid type %Y")) return kErrChunkDuplicate;
-  if (m.file == nullptr) return kErrChunkInvalidFile;
-  if (const int err = m.MapLoad()) return err;
-  const int i = m.Find(static_cast<std::uint32_t>(type), Widen(id), nullptr);
-  if (i < 0) return kErrChunkNotFound;
+  int i = 0;
+  if (const int err = m.Lookup(type, id, "CHGetChunk", false, &i)) return err;
   if (const int slot = m.slots[static_cast<std::size_t>(i)]) {
     TMemory* held = m.handles[static_cast<std::size_t>(slot)].handle;
     const int err = m.load ? CHLoadChunk(held) : 0;
@@ -480,7 +472,7 @@ int ChunkManager::CHGetChunk(int type, int id, TMemory** h) {
 }
 
 int ChunkManager::CHLoadChunk(TMemory* h) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   const int slot = m.Registered(h, "CHLoadChunk", true);
   if (slot == 0) return kErrChunkNotFound;
   if (h->GetSize() > 0) return 0;
@@ -495,7 +487,7 @@ int ChunkManager::CHLoadChunk(TMemory* h) {
   return MemUncomp(h);
 }
 
-int ChunkManager::Impl::StoreNow(int index, TMemory* h) {
+int ChunkStore::StoreNow(int index, TMemory* h) {
   dirty = 1;
   At(index).flags |= kMapEntryAllocating;
   const std::int64_t bytes = static_cast<std::int64_t>(h->GetSize()) + hdrSize;
@@ -506,7 +498,7 @@ int ChunkManager::Impl::StoreNow(int index, TMemory* h) {
 }
 
 int ChunkManager::CHDetachChunk(TMemory* h) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   const int slot = m.Registered(h, "CHDetachChunk", true);
   if (slot == 0) return kErrChunkNotFound;
   const int i = m.handles[static_cast<std::size_t>(slot)].index;
@@ -524,7 +516,7 @@ int ChunkManager::CHDetachChunk(TMemory* h) {
 }
 
 int ChunkManager::CHGetInfo(TMemory* h, int* type, int* id) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   const int slot = m.Registered(h, "CHGetInfo", true);
   if (slot == 0) return kErrChunkNotFound;
   const CHMapEntry& e = m.At(m.handles[static_cast<std::size_t>(slot)].index);
@@ -534,7 +526,7 @@ int ChunkManager::CHGetInfo(TMemory* h, int* type, int* id) {
 }
 
 int ChunkManager::CHSetInfo(TMemory* h, int type, int id) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   const int slot = m.Registered(h, "CHSetInfo", false);
   if (slot == 0) return kErrChunkNotFound;
   const CHMapEntry old = m.At(m.handles[static_cast<std::size_t>(slot)].index);
@@ -562,7 +554,7 @@ int ChunkManager::CHSetInfo(TMemory* h, int type, int id) {
 }
 
 int ChunkManager::CHAddChunk(TMemory* h, int type, int id) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   const int size = h ? static_cast<int>(h->GetSize()) : 0;
   if (size < 0) {
     DebugLogf(kLogMisuse, "CHAddChunk: invalid handle size, %~d", size);
@@ -590,7 +582,7 @@ int ChunkManager::CHAddChunk(TMemory* h, int type, int id) {
 }
 
 int ChunkManager::CHRemoveChunk(TMemory* h) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   const int slot = m.Registered(h, "CHRemoveChunk", false);
   if (slot == 0) return kErrChunkNotRegistered;
   if (const int err = m.Reserve(m.mapCount + 2)) return err;
@@ -603,7 +595,7 @@ int ChunkManager::CHRemoveChunk(TMemory* h) {
 }
 
 int ChunkManager::CHChangedChunk(TMemory* h) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   const int slot = m.Registered(h, "CHChangedChunk", false);
   if (slot == 0) return kErrChunkNotFound;
   m.dirty = 1;
@@ -619,23 +611,17 @@ int ChunkManager::CHChangedChunk(TMemory* h) {
 }
 
 int ChunkManager::CHStoreChunk(TMemory* h) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   const int slot = m.Registered(h, "CHStoreChunk", false);
   if (slot == 0) return kErrChunkNotFound;
   return m.StoreNow(m.handles[static_cast<std::size_t>(slot)].index, h);
 }
 
 int ChunkManager::CHDuplicate(int type, int id, int newId) {
-  Impl& m = *impl_;
-  if (!m.ValidType(type, "CHDuplicateChunk: invalid type %Y")) return kErrChunkDuplicate;
-  if (m.file == nullptr) return kErrChunkInvalidFile;
-  if (const int err = m.MapLoad()) return err;
+  ChunkStore& m = *impl_;
+  int source = 0;
+  if (const int err = m.Lookup(type, id, "CHDuplicateChunk", true, &source)) return err;
   const auto t = static_cast<std::uint32_t>(type);
-  int source = m.Find(t, Widen(id), nullptr);
-  if (source < 0) {
-    DebugLogf(kLogMisuse, "CHDuplicateChunk: can't find type/id");
-    return kErrChunkNotFound;
-  }
   const std::int64_t used = m.Extent(source) - m.At(source).slack;
   int copy = 0;
   if (const int err = m.MapInsert(t, Widen(newId), &copy)) return err;
@@ -675,13 +661,13 @@ int ChunkManager::CHTruncate(TFile* dest) { return impl_->Copy(dest, false, "CHT
 int ChunkManager::CHAppend(TFile* dest) { return impl_->Copy(dest, true, "CHAppend"); }
 
 int ChunkManager::CHCountEntries() {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   if (m.file == nullptr || m.MapLoad() != 0) return 0;
   return m.mapCount;
 }
 
 int ChunkManager::CHGetEntry(int n, CHEntryInfo* info) {
-  Impl& m = *impl_;
+  ChunkStore& m = *impl_;
   if (m.file == nullptr) return kErrChunkInvalidFile;
   if (const int err = m.MapLoad()) return err;
   if (info == nullptr || n < 0 || n >= m.mapCount) return kErrChunkNotFound;

@@ -47,6 +47,9 @@
 class TFile;
 class TFileLoc;
 class TMemory;
+namespace quarnel_internal {
+struct ChunkStore;
+}
 
 // One map entry as CHGetEntry describes it.
 struct CHEntryInfo {
@@ -163,8 +166,7 @@ class QUARNEL_API ChunkManager {
   int CHGetFileHeader(CHFileHeader* header);
 
  private:
-  struct Impl;
-  Impl* impl_;
+  quarnel_internal::ChunkStore* impl_;
 };
 
 // The rollback journal of the chunk file at `chunkFile`.

@@ -551,7 +551,7 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
     bool quick;
     int failAt;  // the WriteFile that fails, 0 for none
   };
-  int points = 0, images = 0;
+  int points = 0, images = 0, journals[3] = {};
   for (const Mode& mode : {Mode{"CHSave", false, 0}, Mode{"CHQuickSave", true, 0},
                            Mode{"a failing CHSave", false, 14}}) {
     SCOPED_TRACE(mode.name);
@@ -573,9 +573,14 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
         SCOPED_TRACE(testing::Message() << "io " << io << " image " << image);
         ++images;
         ASSERT_EQ(UDiskBuildCrash(io, image, u"D:\\"), 1);
+        CHJournalInfo journal;
+        const TFileLoc crashed = FileAt(u"D:\\store.chk");
+        ASSERT_EQ(chJournalQuery(&crashed, &journal), 0);
+        ++journals[journal.state];
         int opened = 0;
         const Content c = Reopened(u"D:\\store.chk", &opened);
         ASSERT_EQ(opened, 0);
+        ASSERT_FALSE(HostExists(Host(u"D:\\store.chk-journal")));
         ASSERT_TRUE(c == a || (c == b && !mode.failAt));
         sawNew = sawNew || (c == b && io == count);
       }
@@ -584,7 +589,10 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
     m.CHClose();
   }
   UDiskReset();
-  std::printf("crash points %d, images %d\n", points, images);
+  EXPECT_GT(journals[1], 0);  // rolled back
+  EXPECT_GT(journals[2], 0);  // torn, ignored
+  std::printf("crash points %d, images %d; journals complete %d, incomplete %d\n", points, images,
+              journals[1], journals[2]);
   RecordProperty("crash_points", points);
   RecordProperty("crash_images", images);
 }

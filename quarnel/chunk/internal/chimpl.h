@@ -58,9 +58,8 @@ struct FileRange {
 // A journal being written for one save (chjournal.cpp).
 struct Journal;
 
-}  // namespace quarnel_internal
-
-struct ChunkManager::Impl {
+// The state behind a ChunkManager.
+struct ChunkStore {
   struct Pair {
     TMemory* handle;
     int index;
@@ -139,11 +138,16 @@ struct ChunkManager::Impl {
   int MoveBytes(std::int64_t from, std::int64_t to, std::int64_t length, TMemory* buffer,
                 unsigned piece);
   void Close();
-  bool ValidType(int type, const char* member);
+  // The map index of chunk (type, id) in *index, loading the map first. Types
+  // 0 and -1 are refused (-646, "<member>: invalid type %Y" at 515); a missing
+  // chunk is -647, with "<member>: can't find type/id" at 515 if `logMissing`.
+  int Lookup(int type, int id, const char* member, bool logMissing, int* index);
 
   // Saving (chsave.cpp).
   int Save(bool quick, const char* member);
   int Copy(TFile* dest, bool append, const char* member);
 };
+
+}  // namespace quarnel_internal
 
 #endif  // QUARNEL_CHUNK_INTERNAL_CHIMPL_H_
