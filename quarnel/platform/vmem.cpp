@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -289,15 +289,17 @@ void UGlobalMemoryStatus(UMEMORYSTATUS* status) {
   if (g_statusOverridden.load(std::memory_order_acquire)) {
     *status = g_statusOverride;
     status->dwLength = sizeof(UMEMORYSTATUS);
-    return;
+  } else {
+    const auto now = std::chrono::steady_clock::now();
+    if (!g_statusCached || now - g_statusCacheTime >= kStatusHold) {
+      ReadMemoryStatus(&g_statusCache);
+      g_statusCacheTime = now;
+      g_statusCached = true;
+    }
+    *status = g_statusCache;
   }
-  const auto now = std::chrono::steady_clock::now();
-  if (!g_statusCached || now - g_statusCacheTime >= kStatusHold) {
-    ReadMemoryStatus(&g_statusCache);
-    g_statusCacheTime = now;
-    g_statusCached = true;
-  }
-  *status = g_statusCache;
+  const std::size_t limit = g_reserveLimit.load(std::memory_order_relaxed);
+  if (limit != 0 && status->dwAvailVirtual > limit) status->dwAvailVirtual = limit;
 }
 
 namespace {
