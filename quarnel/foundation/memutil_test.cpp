@@ -369,6 +369,36 @@ TEST_F(MemTest, MemAvailSearchesBelowTheBudget) {
   EXPECT_EQ(MemAvail(1, 100), 8388610u);
 }
 
+// The address space is probed only when less than a terabyte would be left
+// beside the budget (and kind 1's 32 MB): here every reservation is refused,
+// so a probe answers 0 and a skipped one the budget.
+TEST_F(MemTest, MemAvailProbesOnlyWhenAddressSpaceRunsShort) {
+  constexpr std::size_t kMB = 1 << 20;
+  constexpr std::size_t kTB = std::size_t{1} << 40;
+  struct Row {
+    std::size_t availVirtual;
+    short kind;
+    unsigned expected;
+  };
+  // Kind 0 budget 528482300, kind 1 budget 1073741800.
+  const Row rows[] = {
+      {std::size_t{1} << 46, 0, 528482300},
+      {kTB + 528482300, 0, 528482300},
+      {kTB + 528482299, 0, 0},
+      {kTB + 1073741800 + 32 * kMB, 1, 1073741800},
+      {kTB + 1073741800, 1, 0},
+  };
+  UFailCall(UCall::kVirtualReserve, 1, 8, -1);
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.availVirtual);
+    UMEMORYSTATUS s = Status(1024 * kMB, 256 * kMB);
+    s.dwAvailVirtual = r.availVirtual;
+    USetGlobalMemoryStatusOverride(&s);
+    EXPECT_EQ(MemAvail(r.kind, 100), r.expected);
+  }
+  UClearFaults();
+}
+
 TEST_F(MemTest, MemDebugReportAndBreaks) {
   constexpr std::size_t kMB = 1 << 20;
   const UMEMORYSTATUS s = Status(1024 * kMB, 256 * kMB);
