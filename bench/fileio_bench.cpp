@@ -19,9 +19,8 @@
 
 #include "quarnel/fileio/location.h"
 #include "quarnel/fileio/tfile.h"
-#include "quarnel/platform/env.h"
 #include "quarnel/platform/fileapi.h"
-#include "quarnel/platform/tick.h"
+#include "tests/support/scratch_drive.h"
 
 namespace fs = std::filesystem;
 
@@ -30,11 +29,10 @@ namespace {
 constexpr int kFolderFiles = 10000;
 
 struct Disk {
-  fs::path root;
+  ScratchDrive drive{u'X', "quarnel-bench-"};
+  fs::path root = drive.Root();
   Disk() {
-    root = fs::temp_directory_path() / ("quarnel-bench-" + std::to_string(UGetTickCount()));
     fs::create_directories(root / "big");
-    QuarnelSetDrive(u'X', root.c_str());
     for (int i = 0; i < kFolderFiles; ++i) {
       char name[32];
       std::snprintf(name, sizeof name, "file%05d.dat", i);
@@ -42,11 +40,6 @@ struct Disk {
       std::fputs("x", f);
       std::fclose(f);
     }
-  }
-  ~Disk() {
-    QuarnelSetDrive(u'X', nullptr);
-    std::error_code ec;
-    fs::remove_all(root, ec);
   }
 };
 

@@ -5,6 +5,7 @@
 #define QUARNEL_QUARNEL_H_
 
 #include "quarnel/compress/hashblock.h"
+#include "quarnel/config/tkeyedfile.h"
 #include "quarnel/compress/memcomp.h"
 #include "quarnel/containers/databuffer.h"
 #include "quarnel/containers/elementspace.h"
@@ -20,6 +21,7 @@
 #include "quarnel/datetime/ticker.h"
 #include "quarnel/fileio/location.h"
 #include "quarnel/fileio/tfile.h"
+#include "quarnel/fileio/tlochandle.h"
 #include "quarnel/fileio/tvol.h"
 #include "quarnel/foundation/alert.h"
 #include "quarnel/foundation/crashreport.h"
@@ -32,6 +34,7 @@
 #include "quarnel/foundation/sort.h"
 #include "quarnel/foundation/tmemory.h"
 #include "quarnel/platform/codepage.h"
+#include "quarnel/platform/console.h"
 #include "quarnel/platform/debugger.h"
 #include "quarnel/platform/debugout.h"
 #include "quarnel/platform/drivemap.h"
@@ -42,6 +45,8 @@
 #include "quarnel/platform/locale.h"
 #include "quarnel/platform/module.h"
 #include "quarnel/platform/msgbox.h"
+#include "quarnel/platform/netapi.h"
+#include "quarnel/platform/profile.h"
 #include "quarnel/platform/ptrcheck.h"
 #include "quarnel/platform/resblob.h"
 #include "quarnel/platform/threadid.h"

@@ -37,4 +37,8 @@ pcdir=$(dirname "$(find "$work/prefix" -name quarnel.pc | head -n 1)")
 g++ tests/install/consumer.cpp -o "$work/consumer_pc" \
   $(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs quarnel)
 LD_LIBRARY_PATH="$work/prefix/lib:$work/prefix/lib64:${LD_LIBRARY_PATH:-}" "$work/consumer_pc"
-echo "install: find_package and pkg-config consumers built and ran"
+# qn runs from bin/ without help: it finds the library and the default
+# resource module (the error texts) through its run path.
+"$work/prefix/bin/qn" err -641 | grep -q 'Chunk data damaged' ||
+  { echo "install: qn does not run from the prefix" >&2; exit 1; }
+echo "install: find_package and pkg-config consumers built and ran; qn runs"

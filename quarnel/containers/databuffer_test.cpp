@@ -10,30 +10,24 @@
 #include "quarnel/foundation/errors.h"
 #include "quarnel/platform/faults.h"
 #include "quarnel/text/tstring.h"
-#include "tests/support/recording_hooks.h"
+#include "tests/support/helpers.h"
 
 namespace {
 
-const AssertionSeen kZeroElement{"databuffer", 30, ""};
-const AssertionSeen kTooLarge{"databuffer", 45, ""};
-const AssertionSeen kInsertAt{"databuffer", 90, ""};
-const AssertionSeen kDateIndex{"databuffer", 120, ""};
-const AssertionSeen kIndex{"databuffer", 150, ""};
-const AssertionSeen kSetAt{"databuffer", 160, ""};
-const AssertionSeen kLoad{"databuffer", 180, ""};
-const AssertionSeen kMove{"databuffer", 200, ""};
-const AssertionSeen kMoveRange{"databuffer", 205, ""};
+// Assertion lines of the module.
+const std::string kZeroElement = "databuffer-30", kTooLarge = "databuffer-45",
+                  kInsertAt = "databuffer-90", kDateIndex = "databuffer-120",
+                  kIndex = "databuffer-150", kSetAt = "databuffer-160", kLoad = "databuffer-180",
+                  kMove = "databuffer-200", kMoveRange = "databuffer-205";
 
 class DataBufferTest : public RecordingTest {
  protected:
-  void TearDown() override {
-    UClearFaults();
-    RecordingTest::TearDown();
-  }
-  std::vector<AssertionSeen> OwnAssertions() const {
-    std::vector<AssertionSeen> own;
+  // The module's own assertions, separated by blanks.
+  std::string OwnAssertions() const {
+    std::string own;
     for (const AssertionSeen& a : Assertions()) {
-      if (a.module == "databuffer") own.push_back(a);
+      if (a.module == "databuffer")
+        own += (own.empty() ? "" : " ") + a.module + "-" + std::to_string(a.line);
     }
     return own;
   }
@@ -45,9 +39,7 @@ class DataBufferTest : public RecordingTest {
   }
 };
 
-std::vector<unsigned char> Bytes(const TMemory& m) {
-  return std::vector<unsigned char>(m.MemPtr(), m.MemPtr() + m.GetSize());
-}
+Bytes Contents(const TMemory& m) { return Bytes(m.MemPtr(), m.MemPtr() + m.GetSize()); }
 
 TEST_F(DataBufferTest, CountAndAddressesFollowTheSize) {
   TDataBuffer b(12);
@@ -65,7 +57,7 @@ TEST_F(DataBufferTest, CountAndAddressesFollowTheSize) {
   EXPECT_EQ(b.Count(), 3u);
   ASSERT_EQ(b.SetCount(5), 0);
   EXPECT_EQ(b.GetSize(), 60u);
-  EXPECT_TRUE(Assertions().empty());
+  EXPECT_EQ(Asserted(), "");
 }
 
 // Random appends and inserts of records of 7 bytes, some from inside the
@@ -75,12 +67,12 @@ TEST_F(DataBufferTest, AppendAndInsertMatchAModel) {
   constexpr unsigned kSize = 7;
   std::mt19937 rng(99);
   TDataBuffer b(kSize);
-  std::vector<unsigned char> model;
+  Bytes model;
   for (int step = 0; step < 600; ++step) {
     SCOPED_TRACE(step);
     const unsigned count = b.Count();
     const unsigned n = rng() % 5;
-    std::vector<unsigned char> data(n * kSize);
+    Bytes data(n * kSize);
     for (auto& byte : data) byte = static_cast<unsigned char>(rng());
     const void* source = data.data();
     switch (rng() % 4) {
@@ -112,13 +104,13 @@ TEST_F(DataBufferTest, AppendAndInsertMatchAModel) {
       model.insert(model.begin() + at * kSize, data.begin(), data.end());
     }
     ASSERT_EQ(b.Count(), count + n);
-    ASSERT_EQ(Bytes(b), model);
+    ASSERT_EQ(Contents(b), model);
     if (model.size() > 3000) {
       ASSERT_EQ(b.SetCount(10), 0);
       model.resize(10 * kSize);
     }
   }
-  EXPECT_TRUE(Assertions().empty());
+  EXPECT_EQ(Asserted(), "");
 }
 
 TEST_F(DataBufferTest, MisuseAndRefusedGrowthChangeNothing) {
@@ -127,13 +119,13 @@ TEST_F(DataBufferTest, MisuseAndRefusedGrowthChangeNothing) {
   ASSERT_NE(b.Append(rec, 1), nullptr);
   EXPECT_EQ(b.Insert(rec, 1, 1), b.PointAt(1));  // at the count: appends
   EXPECT_EQ(b.Count(), 2u);
-  const std::vector<unsigned char> before = Bytes(b);
+  const Bytes before = Contents(b);
 
   EXPECT_EQ(b.Insert(rec, 1, 3), nullptr);
   EXPECT_EQ(b.SetCount(0x40000000), kErrMemNotObtained);  // 2^32 bytes
   EXPECT_EQ(b.Append(rec, 0xFFFFFFFFu), nullptr);
-  EXPECT_EQ(Bytes(b), before);
-  EXPECT_EQ(OwnAssertions(), (std::vector<AssertionSeen>{kInsertAt, kTooLarge, kTooLarge}));
+  EXPECT_EQ(Contents(b), before);
+  EXPECT_EQ(OwnAssertions(), kInsertAt + " " + kTooLarge + " " + kTooLarge);
 
   ClearRecords();
   TDataBuffer none(0);
@@ -141,7 +133,7 @@ TEST_F(DataBufferTest, MisuseAndRefusedGrowthChangeNothing) {
   EXPECT_EQ(none.Append(rec, 3), nullptr);
   EXPECT_EQ(none.Insert(rec, 3, 0), nullptr);
   EXPECT_EQ(none.GetSize(), 0u);
-  EXPECT_EQ(OwnAssertions(), std::vector<AssertionSeen>{kZeroElement});
+  EXPECT_EQ(OwnAssertions(), kZeroElement);
 
   // Growth into virtual memory, refused.
   ClearRecords();
@@ -152,7 +144,7 @@ TEST_F(DataBufferTest, MisuseAndRefusedGrowthChangeNothing) {
   EXPECT_EQ(big.Insert(big.PointAt(0), 1, 0), nullptr);
   UClearFaults();
   EXPECT_EQ(big.Count(), 1u);
-  EXPECT_TRUE(OwnAssertions().empty());
+  EXPECT_EQ(OwnAssertions(), "");
 }
 
 TEST_F(DataBufferTest, DateBufferIndexesLoosely) {
@@ -169,9 +161,9 @@ TEST_F(DataBufferTest, DateBufferIndexesLoosely) {
   EXPECT_EQ(d[2]->GetSecond(), 1);
   EXPECT_EQ(d[3], nullptr);  // beyond the count: null, but below 48 bytes: no assertion
   EXPECT_EQ(d[47], nullptr);
-  EXPECT_TRUE(Assertions().empty());
+  EXPECT_EQ(Asserted(), "");
   EXPECT_EQ(d[48], nullptr);  // at the size in bytes: asserts
-  EXPECT_EQ(OwnAssertions(), std::vector<AssertionSeen>{kDateIndex});
+  EXPECT_EQ(OwnAssertions(), kDateIndex);
 }
 
 template <class B>
@@ -196,15 +188,15 @@ TYPED_TEST(IntegerBufferTest, AddIndexSetAtAndOutOfRange) {
   b[8] = T(43);
   EXPECT_EQ(b[7], T(42));
   EXPECT_EQ(b[8], T(43));
-  EXPECT_TRUE(this->Assertions().empty());
+  EXPECT_EQ(this->Asserted(), "");
 
-  const auto before = Bytes(b);
+  const auto before = Contents(b);
   EXPECT_EQ(b[300], T(0));
   b[300] = T(5);                    // lost
   EXPECT_EQ(b[0xFFFFFFFFu], T(0));  // and reads 0 again
   b.SetAt(300, T(6));
-  EXPECT_EQ(Bytes(b), before);
-  EXPECT_EQ(this->Assertions(), (std::vector<AssertionSeen>{kIndex, kIndex, kIndex, kSetAt}));
+  EXPECT_EQ(Contents(b), before);
+  EXPECT_EQ(this->Asserted(), kIndex + " " + kIndex + " " + kIndex + " " + kSetAt);
 }
 
 TEST_F(DataBufferTest, Uint8AddressesAndRefusedAdd) {
@@ -220,7 +212,7 @@ TEST_F(DataBufferTest, Uint8AddressesAndRefusedAdd) {
   full.Add(1);
   UClearFaults();
   EXPECT_EQ(full.Count(), kHeapLimit);
-  EXPECT_TRUE(OwnAssertions().empty());
+  EXPECT_EQ(OwnAssertions(), "");
 }
 
 TEST_F(DataBufferTest, Sint16AppendsBytesStringsAndLoads) {
@@ -245,30 +237,30 @@ TEST_F(DataBufferTest, Sint16AppendsBytesStringsAndLoads) {
   b.Load(units, 2, 3);
   EXPECT_EQ(b[3], -1);
   EXPECT_EQ(b[4], -2);
-  EXPECT_TRUE(Assertions().empty());
-  const auto before = Bytes(b);
+  EXPECT_EQ(Asserted(), "");
+  const auto before = Contents(b);
   b.Load(units, 2, 4);  // one unit beyond the end
-  EXPECT_EQ(Bytes(b), before);
+  EXPECT_EQ(Contents(b), before);
   EXPECT_EQ(b[5], 0);
-  EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{kLoad, kIndex}));
+  EXPECT_EQ(Asserted(), kLoad + " " + kIndex);
 }
 
 struct MoveRow {
   unsigned from, to, n;
   std::vector<std::uint64_t> expected;
-  std::vector<AssertionSeen> assertions;
+  std::string assertions;
 };
 
 TEST_F(DataBufferTest, Uint64MoveByRow) {
   const std::vector<std::uint64_t> start = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
   const std::vector<MoveRow> rows = {
-      {0, 3, 4, {0, 1, 2, 0, 1, 2, 3, 7, 8, 9}, {}},       // overlapping, upwards
-      {4, 2, 5, {0, 1, 4, 5, 6, 7, 8, 7, 8, 9}, {}},       // overlapping, downwards
-      {5, 0, 2, {5, 6, 2, 3, 4, 5, 6, 7, 8, 9}, {kMove}},  // from >= n: asserts, moves
-      {0, 0, 10, start, {kMove}},                          // n >= count: asserts
-      {8, 0, 3, start, {kMove, kMoveRange}},               // source beyond the end
-      {1, 8, 3, start, {kMoveRange}},                      // target beyond the end
-      {0, 9, 1, {0, 1, 2, 3, 4, 5, 6, 7, 8, 0}, {}},       // to the last place
+      {0, 3, 4, {0, 1, 2, 0, 1, 2, 3, 7, 8, 9}, ""},     // overlapping, upwards
+      {4, 2, 5, {0, 1, 4, 5, 6, 7, 8, 7, 8, 9}, ""},     // overlapping, downwards
+      {5, 0, 2, {5, 6, 2, 3, 4, 5, 6, 7, 8, 9}, kMove},  // from >= n: asserts, moves
+      {0, 0, 10, start, kMove},                          // n >= count: asserts
+      {8, 0, 3, start, kMove + " " + kMoveRange},        // source beyond the end
+      {1, 8, 3, start, kMoveRange},                      // target beyond the end
+      {0, 9, 1, {0, 1, 2, 3, 4, 5, 6, 7, 8, 0}, ""},     // to the last place
   };
   for (const MoveRow& row : rows) {
     SCOPED_TRACE(::testing::Message() << row.from << "->" << row.to << " n " << row.n);
@@ -279,7 +271,7 @@ TEST_F(DataBufferTest, Uint64MoveByRow) {
     std::vector<std::uint64_t> got(b.Count());
     std::memcpy(got.data(), b.MemPtr(), b.GetSize());
     EXPECT_EQ(got, row.expected);
-    EXPECT_EQ(Assertions(), row.assertions);
+    EXPECT_EQ(Asserted(), row.assertions);
   }
 }
 

@@ -23,25 +23,14 @@ TPcFsDate At(std::uint64_t ticks) {
   return p;
 }
 
-class PcFsDateTest : public RecordingTest {
- protected:
-  void TearDown() override {
-    USetClockOverride(nullptr);
-    USetTimeZone(nullptr);
-    RecordingTest::TearDown();
-  }
-};
+using PcFsDateTest = RecordingTest;
 
 TEST_F(PcFsDateTest, NormalizeCutsToWholeSeconds) {
-  TPcFsDate p = At(kNoon + 9 * kSecond / 10);  // 12:00:00.9
-  p.Normalize();
-  EXPECT_EQ(p.Ticks(), kNoon);
-  p = At(kNoon + 1);
-  p.Normalize();
-  EXPECT_EQ(p.Ticks(), kNoon);
-  p = At(kNoon);
-  p.Normalize();
-  EXPECT_EQ(p.Ticks(), kNoon);
+  for (std::uint64_t ticks : {kNoon + 9 * kSecond / 10, kNoon + 1, kNoon}) {
+    TPcFsDate p = At(ticks);
+    p.Normalize();
+    EXPECT_EQ(p.Ticks(), kNoon) << ticks;
+  }
 }
 
 TEST_F(PcFsDateTest, NormalizeOfZeroIsTheDosEpochInLocalTime) {
@@ -82,10 +71,7 @@ TEST_F(PcFsDateTest, MakeEvenRoundsOddSecondsUp) {
 }
 
 TEST_F(PcFsDateTest, OrderIsTheUnsignedOrderOfTheTickCount) {
-  // Only the low half differs; then a larger high half with a smaller low half.
-  EXPECT_TRUE(At(0x0000000100000001ull) < At(0x0000000100000002ull));
-  EXPECT_TRUE(At(0x00000001FFFFFFFFull) < At(0x0000000200000000ull));
-  EXPECT_TRUE(At(0x7FFFFFFF00000000ull) < At(0x8000000000000000ull));
+  // Every third pair differs only in the low half.
   std::mt19937_64 rng(4);
   for (int i = 0; i < 100000; ++i) {
     std::uint64_t a = rng(), b = rng();

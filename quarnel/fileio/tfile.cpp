@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "quarnel/fileio/internal/locpath.h"
+#include "quarnel/fileio/tlochandle.h"
 #include "quarnel/fileio/tvol.h"
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/error.h"
@@ -260,3 +261,22 @@ int TFile::GetFileLoc(TFileLoc* loc) const {
 int TFile::GetParent(TFolderLoc* parent) const { return location_.GetParent(parent); }
 int TFile::GetName(TString* name) const { return location_.GetName(name); }
 int TFile::GetVol(TVol* vol) const { return location_.GetVol(vol); }
+
+int TFile::GetLocHandle(TLocHandle* handle) const {
+  if (handle == nullptr) return NullArgument("TFile::GetLocHandle");
+  return handle->From(&location_);
+}
+
+int TFile::Create(const TLocHandle* handle, int mode) {
+  if (handle == nullptr) return NullArgument("TFile::Create");
+  TFileLoc loc;
+  const int rc = handle->GetFileLoc(&loc, 0);
+  return rc != 0 ? rc : Create(&loc, mode);
+}
+
+int TFile::Open(const TLocHandle* handle, int mode) {
+  if (handle == nullptr) return NullArgument("TFile::Open");
+  TFileLoc loc;
+  const int rc = handle->GetFileLoc(&loc, 1);
+  return rc != 0 ? rc : Open(&loc, mode);
+}

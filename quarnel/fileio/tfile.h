@@ -13,7 +13,8 @@
 // Open modes: 0x1 read, 0x2 write, 0x4 write falling back to read-only when
 // the file cannot be written (access denied), 0x8 write-through.
 //
-// Opening by location handle (TLocHandle) comes with the location handles.
+// Creating and opening by location handle (TLocHandle) resolve the handle
+// first (reconnecting its share when needed).
 // A TFile is used by one thread at a time; the destructor closes the file.
 #ifndef QUARNEL_FILEIO_TFILE_H_
 #define QUARNEL_FILEIO_TFILE_H_
@@ -26,6 +27,7 @@
 #include "quarnel/text/tstring.h"
 
 class TVol;
+class TLocHandle;
 
 class QUARNEL_API TFile {
  public:
@@ -48,6 +50,11 @@ class QUARNEL_API TFile {
   // share mode read and open-existing; a read-only open (mode 0x1) refused by
   // sharing (32) is tried once more sharing read and write.
   int Open(const TFileLoc* loc, int mode);
+  // TLocHandle::GetFileLoc (the file need not exist), then Create; a handle
+  // that does not resolve gives its error and creates nothing.
+  int Create(const TLocHandle* handle, int mode);
+  // TLocHandle::GetFileLoc (the file must exist), then Open.
+  int Open(const TLocHandle* handle, int mode);
   // Closes and forgets the handle; 0 when none is open. A failing close
   // keeps the handle.
   int Close();
@@ -97,6 +104,7 @@ class QUARNEL_API TFile {
   int GetParent(TFolderLoc* parent) const;
   int GetName(TString* name) const;
   int GetVol(TVol* vol) const;
+  int GetLocHandle(TLocHandle* handle) const;  // TLocHandle::From of the location
 
  private:
   UHANDLE handle_;

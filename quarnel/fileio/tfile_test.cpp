@@ -271,7 +271,7 @@ TEST_F(Files, BadInputGivesCodesNotCrashes) {
   unsigned char buf[4];
   EXPECT_EQ(f.Read(&n, buf), kErrInvalidHandle);  // nothing open
   EXPECT_EQ(f.Read(nullptr, buf), kErrBadParameter);
-  EXPECT_EQ(f.Create(nullptr, 0x3), kErrBadParameter);
+  EXPECT_EQ(f.Create(static_cast<const TFileLoc*>(nullptr), 0x3), kErrBadParameter);
   struct Row {
     const char16_t* path;
     int code;

@@ -13,7 +13,7 @@
 #include "quarnel/platform/msgbox.h"
 #include "quarnel/platform/threadid.h"
 #include "quarnel/platform/vmem.h"
-#include "tests/support/recording_hooks.h"
+#include "tests/support/helpers.h"
 
 namespace {
 
@@ -48,6 +48,17 @@ std::vector<long long> Words(const Args* args) {
 }
 
 std::string Text(const TString* s) { return s ? Utf8(*s) : std::string("(null)"); }
+
+// The hook calls seen, as "slot style format words..." separated by "; ".
+std::string Calls() {
+  std::string out;
+  for (const HookCall& c : g_calls) {
+    out += (out.empty() ? "" : "; ") + std::to_string(c.slot) + " " + std::to_string(c.style) +
+           " " + c.format;
+    for (long long w : c.words) out += " " + std::to_string(w);
+  }
+  return out;
+}
 
 class AlertTest : public RecordingTest {
  protected:
@@ -96,9 +107,8 @@ TEST_F(AlertTest, DefaultsWithoutHooks) {
   HookDebugLogf(nullptr);
   const TString wide(u"wide %d");
   EXPECT_EQ(DebugLogf(kLogPlatform, &wide, 3), 0);
-  EXPECT_TRUE(Lines().empty());
+  EXPECT_EQ(Logged() + Asserted(), "");
   EXPECT_TRUE(g_boxes.empty());
-  EXPECT_TRUE(Assertions().empty());
 }
 
 std::vector<std::intptr_t> g_settings;
@@ -126,80 +136,35 @@ TEST_F(AlertTest, LogSettingHooksPassTheirArgumentThrough) {
   EXPECT_EQ(DebugLogGet(big), 0);
 }
 
-TEST_F(AlertTest, MessagePrefixChoosesIconAndIsRemoved) {
-  struct Row {
-    const char16_t* format;
-    unsigned icon;
-    const char* shown;
-  };
-  const Row rows[] = {
-      {u"!#Disk full", 0x30, "Disk full"},  // 0x30 | 0x10
-      {u"+Careful", 0x30, "Careful"},
-      {u"#Stop", 0x10, "Stop"},
-      {u"*Note", 0x40, "Note"},
-      {u"?Sure", 0x20, "Sure"},
-      {u"*?Both", 0x60, "Both"},
-      {u"<>?Bracketed", 0x20, "Bracketed"},
-      {u"/a/bb//d/e/Tagged", 0, "Tagged"},
-      {u"!/1/2/3/4/5/#Tag between", 0x30, "Tag between"},
-      {u"Plain! text", 0, "Plain! text"},
-      {u" !Space first", 0, " !Space first"},
-      {u"", 0, ""},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(Utf8(std::u16string(row.format)));
+TEST_F(AlertTest, PrefixesAndStyleWordsOfTheCaseFile) {
+  const auto rows = ReadTsv("alert.tsv");
+  ASSERT_EQ(rows.size(), 28u);
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r[0] + " " + r[1]);
     g_boxes.clear();
-    const TString format(row.format);
-    Alertf(&format);
+    const unsigned style = static_cast<unsigned>(std::stoul(r[2], nullptr, 16));
+    const TString format(Utf16(r[0] == "P" ? r[1] : "*Question").c_str());
+    if (r[0] == "P") {
+      Alertf(&format);
+      TString parsed(format);
+      EXPECT_EQ(AlertParse(&parsed), static_cast<int>(style));
+      EXPECT_EQ(Utf8(parsed), r[3]);
+    } else {
+      const int word = std::stoi(r[1], nullptr, 16);
+      EXPECT_EQ(quarnel_internal::AlertButtonStyle(word), style);
+      Queryf(word, &format);
+    }
     ASSERT_EQ(g_boxes.size(), 1u);
-    EXPECT_EQ(g_boxes[0].text, row.shown);
-    EXPECT_EQ(g_boxes[0].style, row.icon | 0x50000u);
-
-    TString parsed(row.format);
-    EXPECT_EQ(AlertParse(&parsed), static_cast<int>(row.icon));
-    EXPECT_EQ(Utf8(parsed), row.shown);
+    EXPECT_EQ(g_boxes[0].text, r[0] == "P" ? r[3] : "Question");
+    EXPECT_EQ(g_boxes[0].style, style | (r[0] == "P" ? 0u : 0x40u) | 0x50000u);
   }
-  EXPECT_TRUE(Assertions().empty());
+  EXPECT_EQ(Asserted(), "");
 
   // A text that ends inside the tag asserts; all of it is the prefix.
   TString open(u"!/a/b/c/d");
   EXPECT_EQ(AlertParse(&open), 0x30);
   EXPECT_EQ(Utf8(open), "");
-  EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{{"alert", 452, ""}}));
-}
-
-TEST_F(AlertTest, StyleWordChoosesButtons) {
-  struct Row {
-    int style;
-    unsigned box;
-  };
-  const Row rows[] = {
-      {0x000, kMbOk},
-      {0x002, kMbOkCancel},
-      {0x100, kMbRetryCancel},
-      {0x103, kMbAbortRetryIgnore},
-      {0x102, kMbRetryCancel},
-      {0x200, kMbYesNoCancel},
-      {0x202, kMbYesNo},
-      {0x300, kMbYesNoCancel},
-      {0x302, kMbYesNo},
-      {0x400, kMbOk},
-      {0x402, kMbOkCancel},
-      {0x010, kMbOk},
-      {0x020, kMbOk | kMbDefButton2},
-      {0x232, kMbYesNo | kMbDefButton3},
-      {0x143, kMbAbortRetryIgnore | kMbDefButton4},
-      {0x050, kMbOk},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(testing::Message() << std::hex << row.style);
-    EXPECT_EQ(quarnel_internal::AlertButtonStyle(row.style), row.box);
-    g_boxes.clear();
-    const TString format(u"*Question");
-    Queryf(row.style, &format);
-    ASSERT_EQ(g_boxes.size(), 1u);
-    EXPECT_EQ(g_boxes[0].style, row.box | 0x40u | 0x50000u);
-  }
+  EXPECT_EQ(Asserted(), "alert-452");
 }
 
 TEST_F(AlertTest, ButtonsMapToAnswers) {
@@ -207,11 +172,9 @@ TEST_F(AlertTest, ButtonsMapToAnswers) {
     int button;
     int answer;
   };
-  const Row rows[] = {
-      {kIdOk, kAnswerOk},       {kIdCancel, kAnswerYes},    {kIdAbort, kAnswerYes},
-      {kIdRetry, kAnswerRetry}, {kIdIgnore, kAnswerIgnore}, {kIdYes, kAnswerYes},
-      {kIdNo, kAnswerNo},
-  };
+  const Row rows[] = {{kIdOk, kAnswerOk},       {kIdCancel, kAnswerYes},    {kIdAbort, kAnswerYes},
+                      {kIdRetry, kAnswerRetry}, {kIdIgnore, kAnswerIgnore}, {kIdYes, kAnswerYes},
+                      {kIdNo, kAnswerNo}};
   const TString format(u"Go on?");
   for (const Row& row : rows) {
     SCOPED_TRACE(row.button);
@@ -234,17 +197,15 @@ TEST_F(AlertTest, HeadlessBoxAnswersTheDefaultButton) {
     unsigned style;
     int button;
   };
-  const Row rows[] = {
-      {kMbOk, kIdOk},
-      {kMbOk | kMbDefButton2, kIdOk},  // beyond the set: the first button
-      {kMbOkCancel | kMbDefButton2, kIdCancel},
-      {kMbAbortRetryIgnore | kMbDefButton3, kIdIgnore},
-      {kMbYesNoCancel, kIdYes},
-      {kMbYesNoCancel | kMbDefButton3, kIdCancel},
-      {kMbYesNo | kMbDefButton2, kIdNo},
-      {kMbRetryCancel, kIdRetry},
-      {kMbYesNo | kMbDefButton4, kIdYes},
-  };
+  const Row rows[] = {{kMbOk, kIdOk},
+                      {kMbOk | kMbDefButton2, kIdOk},  // beyond the set: the first button
+                      {kMbOkCancel | kMbDefButton2, kIdCancel},
+                      {kMbAbortRetryIgnore | kMbDefButton3, kIdIgnore},
+                      {kMbYesNoCancel, kIdYes},
+                      {kMbYesNoCancel | kMbDefButton3, kIdCancel},
+                      {kMbYesNo | kMbDefButton2, kIdNo},
+                      {kMbRetryCancel, kIdRetry},
+                      {kMbYesNo | kMbDefButton4, kIdYes}};
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << std::hex << row.style);
     EXPECT_EQ(UMessageBoxDefaultButton(row.style), row.button);
@@ -277,16 +238,8 @@ TEST_F(AlertTest, AlertHooksReceiveFormatStyleAndArguments) {
   Args list{items, 1};
   Alertf(&format, &list);
   Alertf(0x102, &format, static_cast<const Args*>(&list));
-  ASSERT_EQ(g_calls.size(), 4u);
-  EXPECT_EQ(g_calls[0].slot, 0);
-  EXPECT_EQ(g_calls[0].format, "!%d of %d");  // the hook gets the prefix as it is
-  EXPECT_EQ(g_calls[0].words, (std::vector<long long>{3, 4}));
-  EXPECT_EQ(g_calls[1].slot, 1);
-  EXPECT_EQ(g_calls[1].style, 0x30);
-  EXPECT_EQ(g_calls[1].words, (std::vector<long long>{5}));
-  EXPECT_EQ(g_calls[2].slot, 0);
-  EXPECT_EQ(g_calls[2].words, (std::vector<long long>{9}));
-  EXPECT_EQ(g_calls[3].style, 0x102);
+  // The hook gets the prefix as it is.
+  EXPECT_EQ(Calls(), "0 -1 !%d of %d 3 4; 1 48 !%d of %d 5; 0 -1 !%d of %d 9; 1 258 !%d of %d 9");
   EXPECT_TRUE(g_boxes.empty());
 
   // A hook of the other kind is adapted to its slot.
@@ -301,11 +254,7 @@ TEST_F(AlertTest, AlertHooksReceiveFormatStyleAndArguments) {
   });
   Alertf(&format, 1);
   Alertf(0x200, &format, 2);
-  ASSERT_EQ(g_calls.size(), 2u);
-  EXPECT_EQ(g_calls[0].slot, 10);
-  EXPECT_EQ(g_calls[0].style, 0);
-  EXPECT_EQ(g_calls[1].slot, 11);
-  EXPECT_EQ(g_calls[1].words, (std::vector<long long>{2}));
+  EXPECT_EQ(Calls(), "10 0 !%d of %d 1; 11 -1 !%d of %d 2");
 
   // Null restores the default box.
   HookAlertf(0, nullptr);
@@ -335,11 +284,9 @@ TEST_F(AlertTest, HookIndexOutOfRangeAsserts) {
     int index;
     int line;  // 0: no assertion
   };
-  const Row rows[] = {
-      {false, 0, 0},   {false, 1, 0},     {false, 2, 45},      {false, -1, 45},
-      {false, 15, 45}, {false, 1000, 45}, {true, 0, 0},        {true, 3, 0},
-      {true, 4, 58},   {true, -7, 58},    {true, 1 << 30, 58},
-  };
+  const Row rows[] = {{false, 0, 0},   {false, 1, 0},     {false, 2, 45},     {false, -1, 45},
+                      {false, 15, 45}, {false, 1000, 45}, {true, 0, 0},       {true, 3, 0},
+                      {true, 4, 58},   {true, -7, 58},    {true, 1 << 30, 58}};
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << (row.isQuery ? "query " : "alert ") << row.index);
     ClearRecords();
@@ -350,12 +297,8 @@ TEST_F(AlertTest, HookIndexOutOfRangeAsserts) {
       HookAlertf(row.index, alert);
       HookAlertf(row.index, nullptr);
     }
-    if (row.line == 0) {
-      EXPECT_TRUE(Assertions().empty());
-    } else {
-      EXPECT_EQ(Assertions(),
-                (std::vector<AssertionSeen>{{"alert", row.line, ""}, {"alert", row.line, ""}}));
-    }
+    const std::string seen = row.line ? "alert-" + std::to_string(row.line) : "";
+    EXPECT_EQ(Asserted(), row.line ? seen + " " + seen : "");
   }
 }
 
@@ -366,45 +309,20 @@ TEST_F(AlertTest, InputQueriesWithoutHookSayNoUi) {
   const TString format(u"Pick %d");
   TDate* date = nullptr;
   const Args none{};
-  struct Row {
-    const char* line;
-    int (*ask)(unsigned*, TString*, TString*, const TString*, TDate*, const Args*);
-  };
-  const Row rows[] = {
-      {"Queryf(choose...): no UI available",
-       [](unsigned* c, TString* l, TString*, const TString* f, TDate*, const Args*) {
-         return Queryf(0, c, l, f, 1);
-       }},
-      {"Queryf(choose): no UI available",
-       [](unsigned* c, TString* l, TString*, const TString* f, TDate*, const Args* a) {
-         return Queryf(0, c, l, f, a);
-       }},
-      {"Queryf(text...): no UI available",
-       [](unsigned*, TString*, TString* t, const TString* f, TDate*, const Args*) {
-         return Queryf(0, 40u, t, f, 1);
-       }},
-      {"Queryf(text): no UI available",
-       [](unsigned*, TString*, TString* t, const TString* f, TDate*, const Args* a) {
-         return Queryf(0, 40u, t, f, a);
-       }},
-      {"Queryf(date...): no UI available",
-       [](unsigned*, TString*, TString*, const TString* f, TDate* d, const Args*) {
-         return Queryf(0, d, f, 1);
-       }},
-      {"Queryf(date): no UI available", [](unsigned*, TString*, TString*, const TString* f,
-                                           TDate* d, const Args* a) { return Queryf(0, d, f, a); }},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.line);
-    ClearRecords();
-    EXPECT_EQ(row.ask(&choice, &choices, &text, &format, date, &none), -1203);
-    EXPECT_EQ(Lines(), (std::vector<LogLine>{{515, "", row.line}}));
-  }
+  EXPECT_EQ(Queryf(0, &choice, &choices, &format, 1), -1203);
+  EXPECT_EQ(Queryf(0, &choice, &choices, &format, &none), -1203);
+  EXPECT_EQ(Queryf(0, 40u, &text, &format, 1), -1203);
+  EXPECT_EQ(Queryf(0, 40u, &text, &format, &none), -1203);
+  EXPECT_EQ(Queryf(0, date, &format, 1), -1203);
+  EXPECT_EQ(Queryf(0, date, &format, &none), -1203);
   // A hook of another kind in a slot leaves the query at its default.
   HookQueryf(0, [](int, unsigned, TString*, const TString*, const Args*) { return 1; });
-  ClearRecords();
   EXPECT_EQ(Queryf(0, &choice, &choices, &format, 1), -1203);
-  EXPECT_EQ(Lines(), (std::vector<LogLine>{{515, "", "Queryf(choose...): no UI available"}}));
+  EXPECT_EQ(Logged(),
+            "515 Queryf(choose...): no UI available\n515 Queryf(choose): no UI available\n"
+            "515 Queryf(text...): no UI available\n515 Queryf(text): no UI available\n"
+            "515 Queryf(date...): no UI available\n515 Queryf(date): no UI available\n"
+            "515 Queryf(choose...): no UI available\n");
   EXPECT_TRUE(g_boxes.empty());
 }
 
@@ -437,14 +355,7 @@ TEST_F(AlertTest, InputQueryHooksGetTheirArguments) {
   EXPECT_EQ(Utf8(text), "typed");
   EXPECT_EQ(Queryf(9, static_cast<TDate*>(nullptr), &format, 5), -1202);
   EXPECT_EQ(Queryf(0x102, &format, 6), -1206);
-  ASSERT_EQ(g_calls.size(), 4u);
-  EXPECT_EQ(g_calls[0].format, "x|y|z|Q");
-  EXPECT_EQ(g_calls[0].words, (std::vector<long long>{1, 2}));
-  EXPECT_EQ(g_calls[1].style, 8);
-  EXPECT_EQ(g_calls[1].format, "40|Q");
-  EXPECT_EQ(g_calls[2].format, "null|Q");
-  EXPECT_EQ(g_calls[2].words, (std::vector<long long>{5}));
-  EXPECT_EQ(g_calls[3].style, 0x102);
+  EXPECT_EQ(Calls(), "0 7 x|y|z|Q 1 2; 1 8 40|Q; 2 9 null|Q 5; 3 258 Q 6");
   EXPECT_TRUE(Lines().empty());
   EXPECT_TRUE(g_boxes.empty());
 }
@@ -473,13 +384,8 @@ TEST_F(AlertTest, ScriptAndThreadHooks) {
   EXPECT_EQ(GetThreadCount(), 5);
   SuspendOtherThreads();
   EXPECT_EQ(suspended, 1);
-  ASSERT_EQ(g_calls.size(), 3u);
-  EXPECT_EQ(g_calls[0].format, "abd");
-  EXPECT_EQ(g_calls[0].words,
-            (std::vector<long long>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));  // ten words at most
-  EXPECT_EQ(g_calls[1].words, (std::vector<long long>{-1}));
-  EXPECT_EQ(g_calls[2].style, 111);
-  EXPECT_EQ(g_calls[2].format, "abcd(null)");
+  // Ten words at most.
+  EXPECT_EQ(Calls(), "0 0 abd 1 2 3 4 5 6 7 8 9 10; 1 0 a -1; 2 111 abcd(null)");
   HookGetThreadCount(nullptr);
   EXPECT_EQ(GetThreadCount(), 1);
 }
@@ -594,20 +500,18 @@ TEST_F(AlertTest, IsPtrValidProbesWithoutFaulting) {
     int size;
     int valid;
   };
-  const Row rows[] = {
-      {"null", nullptr, 4, 0},
-      {"null, size -1", nullptr, -1, 0},
-      {"stack", &local, static_cast<int>(sizeof local), 1},
-      {"heap block", heap, 64, 1},
-      {"size -1 is 4", heap, -1, 1},
-      {"read/write page", rw, static_cast<int>(page), 1},
-      {"running into a decommitted page", rw + page - 4, 8, 0},
-      {"last 4 bytes before it", rw + page - 4, -1, 1},
-      {"decommitted page", rw + page, 1, 0},
-      {"read-only page", ro, 4, 0},
-      {"unmapped page", gone, 4, 0},
-      {"size 0", ro, 0, 1},
-  };
+  const Row rows[] = {{"null", nullptr, 4, 0},
+                      {"null, size -1", nullptr, -1, 0},
+                      {"stack", &local, static_cast<int>(sizeof local), 1},
+                      {"heap block", heap, 64, 1},
+                      {"size -1 is 4", heap, -1, 1},
+                      {"read/write page", rw, static_cast<int>(page), 1},
+                      {"running into a decommitted page", rw + page - 4, 8, 0},
+                      {"last 4 bytes before it", rw + page - 4, -1, 1},
+                      {"decommitted page", rw + page, 1, 0},
+                      {"read-only page", ro, 4, 0},
+                      {"unmapped page", gone, 4, 0},
+                      {"size 0", ro, 0, 1}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     EXPECT_EQ(IsPtrValid(row.p, row.size), row.valid);

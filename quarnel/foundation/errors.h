@@ -22,6 +22,18 @@ enum : int {
   kErrQueueNoData = -637,      // TQueue: fewer bytes stored than asked, or no such item
   kErrChunkFirst = -641,       // chunk store codes run from -641 to -649
   kErrChunkLast = -649,
+
+  // The chunk store's codes.
+  kErrChunkHash = -641,           // a chunk's data does not match its hash
+  kErrChunkBadMap = -642,         // the map chunk is not a map, or lies outside the file
+  kErrChunkInvalidFile = -643,    // not a chunk file, or a short one
+  kErrChunkMapCheck = -644,       // the map check failed
+  kErrChunkNotSaved = -645,       // the file was not fully saved
+  kErrChunkDuplicate = -646,      // a duplicate key or an invalid type
+  kErrChunkNotFound = -647,       // no such chunk, or a handle not registered
+  kErrChunkDirty = -648,          // the chunk's contents are only in memory
+  kErrChunkNotRegistered = -649,  // removing a handle that is not registered
+
   kErrPersistOtherByteOrder = -690,  // a valid record in the other byte order
   kErrPersistBadSignature = -691,    // the stored signature or versions are not well formed
   kErrPersistWrongSignature = -692,  // the record is of another type

@@ -9,11 +9,9 @@
 #include <vector>
 
 #include "quarnel/foundation/errors.h"
-#include "tests/support/recording_hooks.h"
+#include "tests/support/helpers.h"
 
 namespace {
-
-using Bytes = std::vector<unsigned char>;
 
 constexpr unsigned kStr = 0x5374722Eu;  // 'Str.'
 
@@ -42,51 +40,36 @@ int Check(const Bytes& b, unsigned signature, unsigned short oldest, unsigned sh
 
 class MarshallTest : public RecordingTest {};
 
-TEST_F(MarshallTest, InitPersistStoresFieldsAndReturnsPayload) {
-  alignas(8) unsigned char buf[16] = {};
-  auto* h = reinterpret_cast<PersistHeader*>(buf);
-  EXPECT_EQ(_initpersist(h, 0x4366682Eu, 256, 272), buf + 8);
-  EXPECT_EQ(Bytes(buf, buf + 8), Header(0x4366682Eu, 256, 272));
-  EXPECT_TRUE(Assertions().empty());
-  // Native order on this machine: the signature's first character is the
-  // most significant byte of the number.
-  unsigned sig;
-  std::memcpy(&sig, buf, 4);
-  EXPECT_EQ(sig >> 24, static_cast<unsigned>('C'));
-}
-
 TEST_F(MarshallTest, InitPersistAssertsOnMalformedHeaderAndStoresAnyway) {
   struct Row {
-    const char* name;
     unsigned signature;
     short compatible;
     short version;
     bool asserts;
-  } rows[] = {
-      {"well formed", kStr, 256, 256, false},
-      {"versions of 1", kStr, 1, 1, false},
-      {"zero signature", 0, 256, 256, true},
-      {"bit 7 set", 0xD374722Eu, 256, 256, true},
-      {"no bit 5 or 6", 0x01020304u, 256, 256, true},
-      {"one byte with bit 5", 0x00000020u, 1, 1, false},
-      {"compatible 0", kStr, 0, 256, true},
-      {"version 0", kStr, 256, 0, true},
-      {"negative version", kStr, 256, -1, true},
-  };
+  } rows[] = {{kStr, 256, 256, false},       {kStr, 1, 1, false},
+              {0x00000020u, 1, 1, false},     // one byte with bit 5
+              {0, 256, 256, true},            // zero signature
+              {0xD374722Eu, 256, 256, true},  // bit 7 set
+              {0x01020304u, 256, 256, true},  // no bit 5 or 6
+              {kStr, 0, 256, true},          {kStr, 256, 0, true},
+              {kStr, 256, -1, true}};
   for (const Row& r : rows) {
-    SCOPED_TRACE(r.name);
+    SCOPED_TRACE(r.signature);
     ClearRecords();
     unsigned char buf[9] = {};
     // An unaligned header inside a buffer.
     auto* h = reinterpret_cast<PersistHeader*>(buf + 1);
     EXPECT_EQ(_initpersist(h, r.signature, r.compatible, r.version), buf + 9);
     EXPECT_EQ(Bytes(buf + 1, buf + 9), Header(r.signature, r.compatible, r.version));
-    if (r.asserts) {
-      EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{{"marshall", 159, ""}}));
-    } else {
-      EXPECT_TRUE(Assertions().empty());
-    }
+    EXPECT_EQ(Asserted(), r.asserts ? "marshall-159" : "");
   }
+  // Native order on this machine: the signature's first character is the
+  // most significant byte of the number.
+  unsigned char buf[8];
+  _initpersist(reinterpret_cast<PersistHeader*>(buf), 0x4366682Eu, 256, 272);
+  unsigned sig;
+  std::memcpy(&sig, buf, 4);
+  EXPECT_EQ(sig >> 24, static_cast<unsigned>('C'));
 }
 
 TEST_F(MarshallTest, CheckPersistFollowsItsStepsInOrder) {
@@ -126,7 +109,7 @@ TEST_F(MarshallTest, CheckPersistFollowsItsStepsInOrder) {
     EXPECT_EQ(r.header, before);
   }
   EXPECT_EQ(_checkpersist(nullptr, kStr, 1, 1), -691);
-  EXPECT_TRUE(Assertions().empty());
+  EXPECT_EQ(Asserted(), "");
 }
 
 TEST_F(MarshallTest, CheckPersistAcceptsWhatInitPersistWrites) {
@@ -165,12 +148,6 @@ TEST(Swap, ReversesBytes) {
   EXPECT_EQ(SwapUint64(0x0102030405060708ull), 0x0807060504030201ull);
   EXPECT_EQ(SwapSint64(static_cast<std::int64_t>(0x80000000000000FFull)),
             static_cast<std::int64_t>(0xFF00000000000080ull));
-  std::mt19937_64 rng(3);
-  for (int i = 0; i < 100; ++i) {
-    const std::uint64_t v = rng();
-    ASSERT_EQ(SwapUint64(SwapUint64(v)), v);
-    ASSERT_EQ(SwapUint32(SwapUint32(static_cast<std::uint32_t>(v))), static_cast<std::uint32_t>(v));
-  }
 }
 
 // The bytes 0, 1, 2, ... n-1.
@@ -180,25 +157,19 @@ Bytes Ramp(int n) {
   return b;
 }
 
-struct EndianRow {
-  const char* format;
-  Bytes in;
-  Bytes out;     // the record after the call
-  int consumed;  // bytes between data and the returned pointer
-};
-
-void RunRows(const std::vector<EndianRow>& rows) {
-  for (const EndianRow& r : rows) {
-    SCOPED_TRACE(std::string("format \"") + r.format + "\"");
-    Bytes b = r.in;
-    auto* end = static_cast<unsigned char*>(ChangeEndian(b.data(), r.format));
-    EXPECT_EQ(end - b.data(), r.consumed);
-    EXPECT_EQ(b, r.out);
-  }
-}
-
-TEST(ChangeEndian, ItemAndSkipCommands) {
-  RunRows({
+// Format, record, the record after the call and the bytes the call went
+// over. Counters read from the record are written for a little-endian
+// machine.
+TEST(ChangeEndian, Commands) {
+  if (SwapUint16(1) == 1) GTEST_SKIP() << "the rows hold little-endian counters";
+  struct Row {
+    const char* format;
+    Bytes in, out;
+    int consumed;
+  };
+  const Bytes counted = {3, 0, 0, 0, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+  const Bytes countedSwapped = {0, 0, 0, 3, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12};
+  const std::vector<Row> rows = {
       {"", Ramp(4), Ramp(4), 0},
       {"w", Ramp(4), {1, 0, 2, 3}, 2},
       {"W", Ramp(4), {1, 0, 2, 3}, 2},
@@ -211,7 +182,6 @@ TEST(ChangeEndian, ItemAndSkipCommands) {
       // After an item command the count is 1 again.
       {"2ww", Ramp(6), {1, 0, 3, 2, 5, 4}, 6},
       {"2bw", Ramp(4), {0, 1, 3, 2}, 4},
-      // A number of several digits.
       {"12bw", Ramp(14), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 13, 12}, 14},
       // A length-prefixed string: the length byte and that many bytes.
       {"sw", {3, 'a', 'b', 'c', 1, 2}, {3, 'a', 'b', 'c', 2, 1}, 6},
@@ -223,158 +193,57 @@ TEST(ChangeEndian, ItemAndSkipCommands) {
       {"Ab", Ramp(4), Ramp(4), 0},
       {"0v", Ramp(8), Ramp(8), 0},
       {"2x3w", Ramp(6), {1, 0, 3, 2, 5, 4}, 6},
-  });
-}
-
-// A 32-bit count of 3 in this machine's order, then three 32-bit words.
-Bytes CountedRecord(bool foreign) {
-  Bytes b(16);
-  std::uint32_t n = 3;
-  if (foreign) n = SwapUint32(n);
-  std::memcpy(b.data(), &n, 4);
-  for (int i = 4; i < 16; ++i) b[i] = static_cast<unsigned char>(0x10 + i);
-  return b;
-}
-
-Bytes SwapWords(Bytes b) {
-  for (std::size_t i = 0; i + 4 <= b.size(); i += 4) {
-    std::swap(b[i], b[i + 3]);
-    std::swap(b[i + 1], b[i + 2]);
+      // R reads its counter before the swap (this machine's record), r after
+      // it (a foreign record); n goes back to f while the counter lasts.
+      {"4Rf1ln", counted, countedSwapped, 16},
+      {"4rf1ln", countedSwapped, counted, 16},
+      // A 16-bit and a 1-byte counter; R keeps the count, so the first "w" of
+      // the loop swaps two words. A count of 3 is neither 4 nor 2: one byte.
+      {"2Rfwn", {2, 0, 1, 2, 3, 4, 5, 6}, {0, 2, 2, 1, 4, 3, 6, 5}, 8},
+      {"1Rfwn", {2, 1, 2, 3, 4}, {2, 2, 1, 4, 3}, 5},
+      {"3Rf1wn", {1, 7, 8}, {1, 8, 7}, 3},
+      // C remembers the value as read, K after the swap; k makes it the count;
+      // C keeps the count. The remembered value starts at 0; a 1-byte value
+      // is not swapped but remembered.
+      {"4Ckw", {3, 0, 0, 0, 4, 5, 6, 7, 8, 9}, {0, 0, 0, 3, 5, 4, 7, 6, 9, 8}, 10},
+      {"4Kkw", {0, 0, 0, 3, 4, 5, 6, 7, 8, 9}, {3, 0, 0, 0, 5, 4, 7, 6, 9, 8}, 10},
+      {"2CC", Ramp(4), {1, 0, 3, 2}, 4},
+      {"kw", Ramp(4), Ramp(4), 0},
+      {"Ckw", {2, 0, 1, 2, 3}, {2, 1, 0, 3, 2}, 5},
+      // n without f goes back to the start: each pass re-reads a counter (2,
+      // then 1). A counter of 1 falls through at once. A later f moves the
+      // loop start. The count set before f applies to the first pass only.
+      {"1rwn", {2, 10, 11, 1, 12, 13}, {2, 11, 10, 1, 13, 12}, 6},
+      {"1Rfwn", {1, 5, 6, 7}, {1, 6, 5, 7}, 3},
+      {"1Rfbfwn", {2, 0, 1, 2, 3, 4}, {2, 0, 2, 1, 4, 3}, 6},
+      {"1R2fwn", {3, 0, 1, 2, 3, 4, 5, 6, 7}, {3, 1, 0, 3, 2, 5, 4, 7, 6}, 9},
+      {"1Rf2bwnw", {2, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, {2, 0, 1, 3, 2, 4, 5, 7, 6, 9, 8}, 11},
+      // Decrementing a counter of 0 wraps it: 2^32 - 1 more passes of a loop
+      // that touches nothing. The loop ends with the count its passes left.
+      {"fn", Ramp(4), Ramp(4), 0},
+      {"n", Ramp(4), Ramp(4), 0},
+      {"f0wxn2b", Ramp(4), Ramp(4), 2},
+      {"1Rf0lnw", Ramp(4), {0, 2, 1, 3}, 3},
+      // Two n after one f never end as written (the second always meets a
+      // counter of 0); they end here, with the count the loop set.
+      {"f2nnw", Ramp(4), {1, 0, 3, 2}, 4}};
+  for (const Row& r : rows) {
+    SCOPED_TRACE(std::string("format \"") + r.format + "\"");
+    Bytes b = r.in;
+    auto* end = static_cast<unsigned char*>(ChangeEndian(b.data(), r.format));
+    EXPECT_EQ(end - b.data(), r.consumed);
+    EXPECT_EQ(b, r.out);
   }
-  return b;
-}
 
-TEST(ChangeEndian, RepeatLoopReadsItsCountBeforeOrAfterTheSwap) {
-  // Converting this machine's record: R reads 3 before swapping it.
-  Bytes mine = CountedRecord(false);
-  Bytes b = mine;
-  EXPECT_EQ(ChangeEndian(b.data(), "4Rf1ln"), b.data() + 16);
-  EXPECT_EQ(b, SwapWords(mine));
-
-  // Converting a foreign record: r reads 3 after swapping it.
-  Bytes foreign = CountedRecord(true);
-  b = foreign;
-  EXPECT_EQ(ChangeEndian(b.data(), "4rf1ln"), b.data() + 16);
-  EXPECT_EQ(b, SwapWords(foreign));
-
-  // The two directions are inverse: back and forth gives the record again.
-  b = mine;
-  ChangeEndian(b.data(), "4Rf1ln");
-  ChangeEndian(b.data(), "4rf1ln");
-  EXPECT_EQ(b, mine);
-
-  // A 16-bit counter. R keeps the count, so the first "w" of the loop swaps
-  // two words and the second one.
-  b = {2, 0, 1, 2, 3, 4, 5, 6};
-  if (SwapUint16(1) == 1) b = {0, 2, 1, 2, 3, 4, 5, 6};  // big-endian machine
-  const Bytes want = {b[1], b[0], b[3], b[2], b[5], b[4], b[7], b[6]};
-  EXPECT_EQ(ChangeEndian(b.data(), "2Rfwn"), b.data() + 8);
-  EXPECT_EQ(b, want);
-  // A 1-byte counter.
-  b = {2, 1, 2, 3, 4};
-  EXPECT_EQ(ChangeEndian(b.data(), "1Rfwn"), b.data() + 5);
-  EXPECT_EQ(b, (Bytes{2, 2, 1, 4, 3}));
-  // A count of 3 is neither 4 nor 2: one byte.
-  b = {1, 7, 8};
-  EXPECT_EQ(ChangeEndian(b.data(), "3Rf1wn"), b.data() + 3);
-  EXPECT_EQ(b, (Bytes{1, 8, 7}));
-}
-
-TEST(ChangeEndian, RememberedCounts) {
-  // C remembers the value as read; k makes it the count; C keeps the count.
-  Bytes b(4 + 6);
-  const std::uint32_t three = 3;
-  std::memcpy(b.data(), &three, 4);
-  for (int i = 4; i < 10; ++i) b[i] = static_cast<unsigned char>(i);
-  Bytes want = b;
-  std::reverse(want.begin(), want.begin() + 4);
-  std::swap(want[4], want[5]);
-  std::swap(want[6], want[7]);
-  std::swap(want[8], want[9]);
-  Bytes c = b;
-  EXPECT_EQ(ChangeEndian(c.data(), "4Ckw"), c.data() + 10);
-  EXPECT_EQ(c, want);
-
-  // K remembers the value after the swap.
-  Bytes foreign = b;
-  std::reverse(foreign.begin(), foreign.begin() + 4);
-  Bytes fwant = foreign;
-  std::reverse(fwant.begin(), fwant.begin() + 4);
-  std::swap(fwant[4], fwant[5]);
-  std::swap(fwant[6], fwant[7]);
-  std::swap(fwant[8], fwant[9]);
-  EXPECT_EQ(ChangeEndian(foreign.data(), "4Kkw"), foreign.data() + 10);
-  EXPECT_EQ(foreign, fwant);
-
-  // C keeps the count: "2CC" swaps two 16-bit values.
-  Bytes two = Ramp(4);
-  EXPECT_EQ(ChangeEndian(two.data(), "2CC"), two.data() + 4);
-  EXPECT_EQ(two, (Bytes{1, 0, 3, 2}));
-  // The remembered value starts at 0.
-  Bytes none = Ramp(4);
-  EXPECT_EQ(ChangeEndian(none.data(), "kw"), none.data());
-  EXPECT_EQ(none, Ramp(4));
-  // A 1-byte value is not swapped but remembered.
-  Bytes one = {2, 0, 1, 2, 3};
-  EXPECT_EQ(ChangeEndian(one.data(), "Ckw"), one.data() + 5);
-  EXPECT_EQ(one, (Bytes{2, 1, 0, 3, 2}));
-}
-
-TEST(ChangeEndian, PercentTakesCountsInOrder) {
+  // % takes the counts given in order; beyond them it takes 0; in a loop
+  // each pass takes the next until they run out.
   Bytes b = Ramp(12);
   EXPECT_EQ(ChangeEndian(b.data(), "%w%l%w", 1, 2u, static_cast<unsigned char>(0)), b.data() + 10);
   EXPECT_EQ(b, (Bytes{1, 0, 5, 4, 3, 2, 9, 8, 7, 6, 10, 11}));
-  // A % beyond the given counts takes 0.
   b = Ramp(4);
   EXPECT_EQ(ChangeEndian(b.data(), "%w%w", 1), b.data() + 2);
-  EXPECT_EQ(b, (Bytes{1, 0, 2, 3}));
-  b = Ramp(4);
   EXPECT_EQ(ChangeEndian(b.data(), "%w"), b.data());
-  EXPECT_EQ(b, Ramp(4));
-}
-
-TEST(ChangeEndian, LoopsAndTheirCounters) {
-  // n without f goes back to the start of the format: each pass re-reads a
-  // counter (2, then 1) and swaps one 16-bit word.
-  Bytes b = {2, 10, 11, 1, 12, 13};
-  EXPECT_EQ(ChangeEndian(b.data(), "1rwn"), b.data() + 6);
-  EXPECT_EQ(b, (Bytes{2, 11, 10, 1, 13, 12}));
-  // A counter of 1 falls through at once.
-  b = {1, 5, 6, 7};
-  EXPECT_EQ(ChangeEndian(b.data(), "1Rfwn"), b.data() + 3);
-  EXPECT_EQ(b, (Bytes{1, 6, 5, 7}));
-  // A later f moves the loop start: the skipped byte is skipped once.
-  b = {2, 0, 1, 2, 3, 4};
-  EXPECT_EQ(ChangeEndian(b.data(), "1Rfbfwn"), b.data() + 6);
-  EXPECT_EQ(b, (Bytes{2, 0, 2, 1, 4, 3}));
-  // The count set before f is lost after the first item: "2" applies to the
-  // first pass only.
-  b = {3, 0, 1, 2, 3, 4, 5, 6, 7};
-  EXPECT_EQ(ChangeEndian(b.data(), "1R2fwn"), b.data() + 9);
-  EXPECT_EQ(b, (Bytes{3, 1, 0, 3, 2, 5, 4, 7, 6}));
-  // A counted loop of records, then one more word after the loop.
-  b = {2, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
-  EXPECT_EQ(ChangeEndian(b.data(), "1Rf2bwnw"), b.data() + 11);
-  EXPECT_EQ(b, (Bytes{2, 0, 1, 3, 2, 4, 5, 7, 6, 9, 8}));
-}
-
-TEST(ChangeEndian, EmptyLoopWithZeroCounterFinishes) {
-  // Decrementing a counter of 0 wraps it: 2^32 - 1 more passes of a loop
-  // that touches nothing. The call finishes and leaves the data alone.
-  Bytes b = Ramp(4);
-  EXPECT_EQ(ChangeEndian(b.data(), "fn"), b.data());
-  EXPECT_EQ(ChangeEndian(b.data(), "n"), b.data());
-  EXPECT_EQ(ChangeEndian(b.data(), "f0wxn2b"), b.data() + 2);
-  EXPECT_EQ(b, Ramp(4));
-  // The loop ends with the count its passes left: 1 after "0l".
-  EXPECT_EQ(ChangeEndian(b.data(), "1Rf0lnw"), b.data() + 3);
-  EXPECT_EQ(b, (Bytes{0, 2, 1, 3}));
-  // Two n after one f never end as written (the second always meets a
-  // counter of 0); they end here, with the count the loop set.
-  b = Ramp(4);
-  EXPECT_EQ(ChangeEndian(b.data(), "f2nnw"), b.data() + 4);
-  EXPECT_EQ(b, (Bytes{1, 0, 3, 2}));
-  // Counts taken in the loop: each pass takes the next until they run out.
+  EXPECT_EQ(b, (Bytes{1, 0, 2, 3}));
   b = Ramp(4);
   EXPECT_EQ(ChangeEndian(b.data(), "f%n2w", 5, 6, 7), b.data() + 4);
   EXPECT_EQ(b, (Bytes{1, 0, 3, 2}));

@@ -52,8 +52,9 @@ bool IsFreed(const BlockHeader* h) { return h->size < 0 || h->state != kLive; }
 
 void* UserOf(BlockHeader* h) { return reinterpret_cast<char*>(h) + sizeof(BlockHeader); }
 
-constexpr unsigned kMemAvailHold = 0x2000000;    // 32 MB set aside by kind 1
-constexpr unsigned kMemReportFloor = 0x1000000;  // 16 MB not counted by kind 0
+constexpr unsigned kMemAvailHold = 0x2000000;                     // 32 MB set aside by kind 1
+constexpr unsigned kMemReportFloor = 0x1000000;                   // 16 MB not counted by kind 0
+constexpr std::size_t kAmpleAddressSpace = std::size_t{1} << 40;  // 1 TB
 
 // The physical figures as the 32-bit status record gives them: capped at
 // 4 GB - 1, which keeps the budget arithmetic (and the answer) in 32 bits.
@@ -189,9 +190,6 @@ unsigned MemAvail(short kind, int percent) {
     percent = percent < 0 ? 0 : 100;  // measured within the nearest valid budget
   }
   TMonitorHold hold(quarnel_internal::MemoryLock());
-  void* held = nullptr;
-  if (kind == 1) held = UVirtualAlloc(nullptr, kMemAvailHold, kMemReserve, kPageNoAccess);
-
   UMEMORYSTATUS status{};
   UGlobalMemoryStatus(&status);
   const unsigned totalPhys = Clamp32(status.dwTotalPhys);
@@ -206,6 +204,15 @@ unsigned MemAvail(short kind, int percent) {
     if (budget > 10737418) budget = 10737418;
   }
   budget *= static_cast<unsigned>(percent);
+
+  // With a terabyte of address space to spare, a reservation of at most
+  // 4 GB cannot fail for want of room: the answer is the budget without
+  // reserving anything (the reservations cost more than the growth they
+  // check). Otherwise the address space is probed.
+  const std::size_t aside = kind == 1 ? kMemAvailHold : 0;
+  if (status.dwAvailVirtual >= kAmpleAddressSpace + aside + budget) return budget;
+  void* held = nullptr;
+  if (kind == 1) held = UVirtualAlloc(nullptr, kMemAvailHold, kMemReserve, kPageNoAccess);
 
   unsigned found = 0;
   if (TryReserve(budget)) {

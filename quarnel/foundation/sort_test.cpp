@@ -45,11 +45,6 @@ int CompareKeys(void* context, const void* a, const void* b) {
 
 class SortTest : public RecordingTest {
  protected:
-  void TearDown() override {
-    UClearFaults();
-    RecordingTest::TearDown();
-  }
-
   // Sorts random records with `proc` and checks the result against a stable
   // sort of the original positions.
   static void CheckAgainstModel(SortProc proc, unsigned size, unsigned count, std::mt19937& rng) {

@@ -51,6 +51,14 @@ struct QuarnelEnvType {
   std::uint64_t totalPhysMemory = 0;
   unsigned acp = 1252;
   unsigned lcid = 0;
+  // Connects a network share for UNetAddConnection (netapi.h) when the
+  // share's folder under the UNC root cannot be reached: `remote` is
+  // "\\server\share", `hostFolder` the folder where the share must then
+  // appear, `user` and `password` UTF-8 or null. Returns 0 when connected,
+  // else a Windows error number. Null (the default): no connector, and an
+  // unreachable share fails with 67.
+  unsigned (*netConnect)(const char* remote, const char* hostFolder, const char* user,
+                         const char* password) = nullptr;
 };
 
 // The live record, filled with the defaults above on the first call (that

@@ -12,6 +12,7 @@
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/internal/fileops.h"
 #include "quarnel/platform/internal/handles.h"
+#include "quarnel/platform/internal/simdisk.h"
 #include "quarnel/platform/lasterror.h"
 
 namespace quarnel_internal {
@@ -220,7 +221,24 @@ UHANDLE UCreateFile(const char16_t* path, unsigned access, unsigned share, unsig
     USetLastError(err);
     return kInvalidHandleValue;
   }
+  if (!DiskRecording()) {
+    const UHANDLE h = OpenFile(path, access, share, disposition, flags, &err);
+    USetLastError(err);
+    return h;
+  }
+  // The simulated disk sees the file before and after an open that may
+  // create or truncate it.
+  Resolved before;
+  const bool known =
+      path != nullptr && ResolvePath(LongPathForm(path).c_str(), false, &before) == 0;
+  if (known) DiskTouch(before.host);
   const UHANDLE h = OpenFile(path, access, share, disposition, flags, &err);
+  const bool made =
+      disposition == kCreateAlways || disposition == kTruncateExisting || (known && !before.exists);
+  if (h != kInvalidHandleValue && made) {
+    if (auto* f = static_cast<UFileObject*>(FindHandle(h, UObject::kFile)); f && !f->isFolder)
+      DiskNoteWhole(f->host);
+  }
   USetLastError(err);
   return h;
 }
@@ -290,7 +308,15 @@ int UWriteFile(UHANDLE file, const void* buffer, unsigned count, unsigned* writt
     USetLastError(998);
     return 0;
   }
-  return Transfer(f, static_cast<char*>(const_cast<void*>(buffer)), count, written, true);
+  if (!DiskRecording())
+    return Transfer(f, static_cast<char*>(const_cast<void*>(buffer)), count, written, true);
+  DiskTouch(f->host);
+  const off_t at = lseek(f->fd, 0, SEEK_CUR);
+  unsigned done = 0;
+  const int ok = Transfer(f, static_cast<char*>(const_cast<void*>(buffer)), count, &done, true);
+  if (at >= 0) DiskNoteWrite(f->host, static_cast<std::uint64_t>(at), buffer, done);
+  if (written) *written = done;
+  return ok;
 }
 
 unsigned USetFilePointer(UHANDLE file, std::int32_t low, std::int32_t* high, unsigned method) {
@@ -336,10 +362,12 @@ int USetEndOfFile(UHANDLE file) {
   UFileObject* f = DataFile(file, UCall::kSetEndOfFile, kAccessWrite);
   if (f == nullptr) return 0;
   const off_t pos = lseek(f->fd, 0, SEEK_CUR);
+  DiskTouch(f->host);
   if (pos < 0 || ftruncate(f->fd, pos) != 0) {
     USetLastError(UWinErrorFromErrno(errno));
     return 0;
   }
+  DiskNoteLength(f->host, static_cast<std::uint64_t>(pos));
   return 1;
 }
 
@@ -350,6 +378,7 @@ int UFlushFileBuffers(UHANDLE file) {
     USetLastError(UWinErrorFromErrno(errno));
     return 0;
   }
+  if (!f->isVolume) DiskNoteFlush(f->host);
   return 1;
 }
 
@@ -378,11 +407,13 @@ int UCloseHandle(UHANDLE handle) {
     f->fd = -1;
   }
   if (f->deleteOnClose) {
+    if (!f->isFolder) DiskTouch(f->host);
     const int rc = f->isFolder ? ::rmdir(f->host.c_str()) : ::unlink(f->host.c_str());
     if (rc != 0) {
       USetLastError(UWinErrorFromErrno(errno));
       return 0;
     }
+    if (!f->isFolder) DiskNoteDelete(f->host);
   }
   return 1;
 }

@@ -156,6 +156,20 @@ QUARNEL_API int UCopyFile(const char16_t* from, const char16_t* to, int failIfEx
 // Renames or moves a file or folder (a file also to another volume; a folder
 // there fails with 17). A new spelling of the same name renames in place.
 QUARNEL_API int UMoveFile(const char16_t* from, const char16_t* to);
+// MoveFileEx flags.
+enum : unsigned {
+  kMoveFileReplaceExisting = 0x1,  // an existing file at `to` is replaced
+  kMoveFileCopyAllowed = 0x2,      // a file may move to another volume as a copy and a delete
+  kMoveFileWriteThrough = 0x8,     // returns when the move has reached the disk
+};
+// MoveFileEx. Without kMoveFileReplaceExisting it is UMoveFile (which always
+// lets a file move to another volume). With it, an existing file at `to` is
+// replaced in one step (rename(2): any reader sees the old file or the new
+// one), except a folder, a read-only file (5) or a file whose handles deny
+// delete access (32); another volume then needs kMoveFileCopyAllowed (else
+// 17). kMoveFileWriteThrough flushes the folder that received the entry.
+// Other flags give 87. The fault seam's kMoveFile applies.
+QUARNEL_API int UMoveFileEx(const char16_t* from, const char16_t* to, unsigned flags);
 QUARNEL_API int UCreateDirectory(const char16_t* path);
 QUARNEL_API int URemoveDirectory(const char16_t* path);
 QUARNEL_API unsigned UGetFileAttributes(const char16_t* path);

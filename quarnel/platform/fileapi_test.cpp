@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cctype>
 #include <fstream>
+#include <map>
 #include <random>
 #include <set>
 #include <sstream>
@@ -17,6 +18,7 @@
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/testchild.h"
 #include "tests/support/drive_fixture.h"
+#include "tests/support/helpers.h"
 #include "tests/support/platform_cases.h"
 
 namespace {
@@ -46,10 +48,53 @@ unsigned OpenError(const std::u16string& path, unsigned access, unsigned disposi
   return 0;
 }
 
+// Expands {c*N} (N copies of c) and {#hh} (the unit hh) in a path of a table.
+std::u16string Expand(const std::string& s) {
+  std::string out;
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    const std::size_t end = s.find('}', i);
+    if (s[i] != '{' || end == std::string::npos) {
+      out += s[i];
+      continue;
+    }
+    const std::string in = s.substr(i + 1, end - i - 1);
+    out += in[0] == '#' ? std::string(1, static_cast<char>(std::stoi(in.substr(1), nullptr, 16)))
+                        : std::string(std::stoul(in.substr(2)), in[0]);
+    i = end;
+  }
+  return W(out);
+}
+
+// The error a row of file_errors.tsv leaves.
+unsigned ErrorOfRow(const std::vector<std::string>& r) {
+  const std::u16string p = Expand(r[3]), q = r.size() > 4 ? Expand(r[4]) : u"";
+  const std::string& call = r[2];
+  if (call == "open") {
+    std::istringstream words(r[4]);
+    std::string access, disposition, flags;
+    words >> access >> disposition >> flags;
+    const std::map<std::string, unsigned> dispositions = {
+        {"existing", kOpenExisting}, {"always", kCreateAlways}, {"new", kCreateNew}, {"9", 9}};
+    return OpenError(p, access == "r" ? kGenericRead : kGenericWrite, dispositions.at(disposition),
+                     flags == "backup" ? unsigned{kFileFlagBackupSemantics} : 0u);
+  }
+  UWIN32_FIND_DATAW found;
+  return ErrorOf([&] {
+    if (call == "mkdir") return UCreateDirectory(p.c_str()) != 0;
+    if (call == "rmdir") return URemoveDirectory(p.c_str()) != 0;
+    if (call == "delete") return UDeleteFile(p.c_str()) != 0;
+    if (call == "move") return UMoveFile(p.c_str(), q.c_str()) != 0;
+    if (call == "copy" || call == "copy-new")
+      return UCopyFile(p.c_str(), q.c_str(), call == "copy-new") != 0;
+    if (call == "find") return UFindFirstFile(p.c_str(), &found) != kInvalidHandleValue;
+    return UGetFileAttributes(p.c_str()) != kInvalidFileAttributes;
+  });
+}
+
 }  // namespace
 
 // The error numbers Windows gives for failing file calls, one row per
-// recorded case (the recording's own departures from Windows noted).
+// recorded case.
 TEST_F(FileApi, FailingCallsGiveWindowsErrorNumbers) {
   WriteHost(Host(u"C:\\src.txt"), "source");
   WriteHost(Host(u"C:\\dst.txt"), "dest");
@@ -57,111 +102,23 @@ TEST_F(FileApi, FailingCallsGiveWindowsErrorNumbers) {
   ASSERT_TRUE(USetFileAttributes(u"C:\\ro.txt", kFileAttributeReadOnly));
   MakeHostFolder(Host(u"C:\\exists"));
   MakeHostFolder(Host(u"C:\\full\\inner"));
-  const std::u16string deep = u"C:\\" + std::u16string(50, u'd') + u"\\" +
-                              std::u16string(100, u'd') + u"\\" + std::u16string(150, u'd');
-  MakeHostFolder(Host(deep));
-  const unsigned rd = kGenericRead, wr = kGenericWrite;
-  struct Row {
-    const char* label;
-    unsigned expected;
-    std::function<unsigned()> call;
-    const char* wine = nullptr;  // the difference Wine shows on this row
-  } rows[] = {
-      {"missing file", 2, [&] { return OpenError(u"C:\\missing.txt", rd, kOpenExisting); }},
-      {"missing folder", 3, [&] { return OpenError(u"C:\\nofolder\\x.txt", rd, kOpenExisting); }},
-      {"missing folder (create)", 3,
-       [&] { return OpenError(u"C:\\nofolder\\x.txt", wr, kCreateAlways); }},
-      {"CreateDirectory on folder", 183,
-       [&] { return ErrorOf([] { return UCreateDirectory(u"C:\\exists"); }); }},
-      {"CreateDirectory on file", 183,
-       [&] { return ErrorOf([] { return UCreateDirectory(u"C:\\src.txt"); }); }},
-      {"RemoveDirectory non-empty", 145,
-       [&] { return ErrorOf([] { return URemoveDirectory(u"C:\\full"); }); }},
-      {"MoveFile onto file", 183,
-       [&] { return ErrorOf([] { return UMoveFile(u"C:\\src.txt", u"C:\\dst.txt"); }); }},
-      {"DeleteFile read-only", 5,
-       [&] { return ErrorOf([] { return UDeleteFile(u"C:\\ro.txt"); }); }},
-      {"folder as file", 5, [&] { return OpenError(u"C:\\exists", rd, kOpenExisting); }},
-      {"folder as file (write)", 5, [&] { return OpenError(u"C:\\exists", wr, kOpenExisting); }},
-      {"folder with backup semantics", 0,
-       [&] { return OpenError(u"C:\\exists", rd, kOpenExisting, kFileFlagBackupSemantics); }},
-      {"< in name", 123, [&] { return OpenError(u"C:\\a<b", wr, kCreateAlways); }},
-      {"> in name", 123, [&] { return OpenError(u"C:\\a>b", wr, kCreateAlways); }},
-      {"| in name", 123, [&] { return OpenError(u"C:\\a|b", wr, kCreateAlways); }},
-      {"\" in name", 123, [&] { return OpenError(u"C:\\a\"b", wr, kCreateAlways); }},
-      {"* in name", 123, [&] { return OpenError(u"C:\\a*b", rd, kOpenExisting); }},
-      {"? in name", 123, [&] { return OpenError(u"C:\\a?b", rd, kOpenExisting); }},
-      {"control in name", 123,
-       [&] {
-         return OpenError(
-             u"C:\\a\x01"
-             u"b",
-             rd, kOpenExisting);
-       }},
-      {": in name (create)", 0, [&] { return OpenError(u"C:\\a:b", wr, kCreateAlways); },
+  MakeHostFolder(Host(Expand("C:\\{d*50}\\{d*100}\\{d*150}")));
+  // The rows where Wine does not answer as Windows does.
+  const std::map<std::string, const char*> wineDiffers = {
+      {": in name (create)",
        "Wine makes a file named a:b where Windows makes the stream b of a file a"},
-      {": in name (open missing)", 2, [&] { return OpenError(u"C:\\c:d", rd, kOpenExisting); }},
-      // Windows refuses a 286-character component; the recording's 2 is its own.
-      {"component over 255", 206,
-       [&] { return OpenError(u"C:\\" + std::u16string(286, u'n'), wr, kCreateAlways); },
-       "Wine answers 2 for a component over 255"},
-      {"path over 260 (long form added)", 0,
-       [&] { return OpenError(deep + u"\\file.txt", wr, kCreateAlways); }},
-      {"path over 260 with \\\\?\\", 0,
-       [&] { return OpenError(u"\\\\?\\" + deep + u"\\file.txt", rd, kOpenExisting); }},
-      {"DeleteFile missing", 2,
-       [&] { return ErrorOf([] { return UDeleteFile(u"C:\\missing.txt"); }); }},
-      {"DeleteFile folder", 5, [&] { return ErrorOf([] { return UDeleteFile(u"C:\\exists"); }); }},
-      {"RemoveDirectory missing", 2,
-       [&] { return ErrorOf([] { return URemoveDirectory(u"C:\\nofolder"); }); }},
-      {"RemoveDirectory on file", 267,
-       [&] { return ErrorOf([] { return URemoveDirectory(u"C:\\dst.txt"); }); }},
-      {"RemoveDirectory of a root", 5,
-       [&] { return ErrorOf([] { return URemoveDirectory(u"D:\\"); }); }},
-      {"CreateDirectory missing parent", 3,
-       [&] { return ErrorOf([] { return UCreateDirectory(u"C:\\nofolder\\sub"); }); }},
-      {"MoveFile missing source", 2,
-       [&] { return ErrorOf([] { return UMoveFile(u"C:\\missing.txt", u"C:\\new.txt"); }); }},
-      {"MoveFile onto folder", 183,
-       [&] { return ErrorOf([] { return UMoveFile(u"C:\\src.txt", u"C:\\exists"); }); }},
-      // Windows refuses writes to a read-only file even to an administrator.
-      {"read-only for writing", 5, [&] { return OpenError(u"C:\\ro.txt", wr, kOpenExisting); },
-       kWineRootWritesReadOnly},
-      {"CopyFile fail-if-exists", 80,
-       [&] { return ErrorOf([] { return UCopyFile(u"C:\\src.txt", u"C:\\dst.txt", 1); }); }},
-      {"CopyFile onto read-only", 5,
-       [&] { return ErrorOf([] { return UCopyFile(u"C:\\src.txt", u"C:\\ro.txt", 0); }); },
-       kWineRootWritesReadOnly},
-      {"CREATE_NEW on file", 80, [&] { return OpenError(u"C:\\dst.txt", wr, kCreateNew); }},
-      {"FindFirstFile no match", 2,
-       [&] {
-         UWIN32_FIND_DATAW d;
-         return ErrorOf(
-             [&] { return UFindFirstFile(u"C:\\exists\\*.nomatch", &d) != kInvalidHandleValue; });
-       }},
-      {"FindFirstFile missing folder", 3,
-       [&] {
-         UWIN32_FIND_DATAW d;
-         return ErrorOf(
-             [&] { return UFindFirstFile(u"C:\\nofolder\\*", &d) != kInvalidHandleValue; });
-       }},
-      {"GetFileAttributes missing", 2,
-       [&] {
-         return ErrorOf(
-             [] { return UGetFileAttributes(u"C:\\missing.txt") != kInvalidFileAttributes; });
-       }},
-      {"unmapped drive", 3,
-       [&] {
-         return ErrorOf([] { return UGetFileAttributes(u"Q:\\x") != kInvalidFileAttributes; });
-       },
-       "Wine answers 2 for a drive it does not have"},
-      {"empty path", 3, [&] { return OpenError(u"", rd, kOpenExisting); }},
-      {"bad disposition", 87, [&] { return OpenError(u"C:\\src.txt", rd, 9); }},
+      {"component over 255", "Wine answers 2 for a component over 255"},
+      {"read-only for writing", kWineRootWritesReadOnly},
+      {"CopyFile onto read-only", kWineRootWritesReadOnly},
+      {"unmapped drive", "Wine answers 2 for a drive it does not have"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.label);
-    if (row.wine != nullptr && WineDiffers(row.wine)) continue;
-    EXPECT_EQ(row.call(), row.expected);
+  const auto rows = ReadTsv("file_errors.tsv");
+  ASSERT_EQ(rows.size(), 41u);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row[0]);
+    const auto wine = wineDiffers.find(row[0]);
+    if (wine != wineDiffers.end() && WineDiffers(wine->second)) continue;
+    EXPECT_EQ(ErrorOfRow(row), std::stoul(row[1]));
   }
   EXPECT_EQ(UGetFileAttributes(u"C:\\ro.txt"), 0x21u);  // the copy left it as it was
   EXPECT_EQ(ReadHost(Host(u"C:\\ro.txt")), "read-only");
@@ -286,16 +243,10 @@ TEST_F(FileApi, FindMatchesWildcardsAndGivesShortNames) {
     WriteHost(Host(u"C:\\find\\") + "/" + n, "");
   const bool wine =
       WineDiffers("Wine makes short names from a hash and takes a trailing dot as any extension");
-  std::ifstream in(std::string(QUARNEL_TEST_DATA_DIR) + "/find_patterns.tsv");
-  std::string line;
-  int rows = 0;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::vector<std::string> f;
-    std::stringstream ss(line);
-    for (std::string cell; std::getline(ss, cell, '\t');) f.push_back(cell);
-    SCOPED_TRACE(line);
-    ++rows;
+  const auto rows = ReadTsv("find_patterns.tsv");
+  ASSERT_EQ(rows.size(), 37u);
+  for (const auto& f : rows) {
+    SCOPED_TRACE(f[0] + " " + f[1]);
     if (f[0] == "ATTR") {
       EXPECT_EQ(UGetFileAttributes((u"C:\\find\\" + W(f[1])).c_str()),
                 std::stoul(f[2], nullptr, 16));
@@ -325,7 +276,6 @@ TEST_F(FileApi, FindMatchesWildcardsAndGivesShortNames) {
       EXPECT_EQ(alts, f.size() > 4 ? f[4] : "");
     }
   }
-  EXPECT_EQ(rows, 37);
   // 8.3 names that clash in the folder take the next number.
   for (const char* n : {"LongFileName1.txt", "LongFileName2.txt", "LongFileName3.txt"})
     WriteHost(Host(u"C:\\find\\") + "/" + n, "");

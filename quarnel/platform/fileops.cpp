@@ -15,6 +15,7 @@
 #include "quarnel/platform/fileapi.h"
 #include "quarnel/platform/internal/fileops.h"
 #include "quarnel/platform/internal/handles.h"
+#include "quarnel/platform/internal/simdisk.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/tick.h"
 
@@ -137,6 +138,20 @@ std::u16string TempFolderText() {
   return loc;
 }
 
+// Resolves both ends of a move and the host name the moved entry takes: 0,
+// or the Windows error. A drive root as the target gives `rootTarget`.
+unsigned MoveEnds(const char16_t* from, const char16_t* to, unsigned rootTarget, Resolved* src,
+                  Resolved* dst, std::string* target) {
+  if (const unsigned err = ResolveLong(from, src)) return err;
+  if (!src->exists) return MissingError(*src);
+  if (src->isRoot) return kWinAccessDenied;
+  if (const unsigned err = ResolveLong(to, dst)) return err;
+  if (dst->isRoot) return rootTarget;
+  if (!dst->exists && !dst->parentExists) return MissingError(*dst);
+  *target = JoinHost(dst->parentHost, HostFromWide(dst->win.parts.back()));
+  return 0;
+}
+
 }  // namespace
 
 int UDeleteFile(const char16_t* path) {
@@ -146,7 +161,9 @@ int UDeleteFile(const char16_t* path) {
   if (!r.exists) return Refuse(MissingError(r));
   if (S_ISDIR(r.st.st_mode) || IsReadOnly(r.st)) return Refuse(kWinAccessDenied);
   if (DeleteDenied(r.host)) return Refuse(kWinSharingViolation);
+  DiskTouch(r.host);
   if (::unlink(r.host.c_str()) != 0) return Refuse(UWinErrorFromErrno(errno));
+  DiskNoteDelete(r.host);
   return 1;
 }
 
@@ -165,20 +182,18 @@ int UCopyFile(const char16_t* from, const char16_t* to, int failIfExists) {
   } else if (!dst.parentExists) {
     return Refuse(MissingError(dst));
   }
+  DiskTouch(dst.host);
   if (const unsigned err = CopyResolved(from, to, src, failIfExists)) return Refuse(err);
+  DiskNoteWhole(dst.host);
   return 1;
 }
 
 int UMoveFile(const char16_t* from, const char16_t* to) {
   if (Faulted(UCall::kMoveFile)) return 0;
   Resolved src, dst;
-  if (const unsigned err = ResolveLong(from, &src)) return Refuse(err);
-  if (!src.exists) return Refuse(MissingError(src));
-  if (src.isRoot) return Refuse(kWinAccessDenied);
-  if (const unsigned err = ResolveLong(to, &dst)) return Refuse(err);
-  if (dst.isRoot) return Refuse(kWinAlreadyExists);
-  if (!dst.exists && !dst.parentExists) return Refuse(MissingError(dst));
-  const std::string target = JoinHost(dst.parentHost, HostFromWide(dst.win.parts.back()));
+  std::string target;
+  if (const unsigned err = MoveEnds(from, to, kWinAlreadyExists, &src, &dst, &target))
+    return Refuse(err);
   if (dst.exists) {
     // Only a new spelling of the source's own name may name an existing entry.
     if (dst.host != src.host) return Refuse(kWinAlreadyExists);
@@ -186,6 +201,17 @@ int UMoveFile(const char16_t* from, const char16_t* to) {
   }
   const bool folder = S_ISDIR(src.st.st_mode);
   if (!folder && DeleteDenied(src.host)) return Refuse(kWinSharingViolation);
+  if (!folder) {
+    DiskTouch(src.host);
+    DiskTouch(target);
+  }
+  // A moved file reaches the simulated disk as its source deleted and its
+  // target written whole.
+  const auto noteMove = [&] {
+    if (folder) return;
+    DiskNoteWhole(target);
+    DiskNoteDelete(src.host);
+  };
   int rc = renameat2(AT_FDCWD, src.host.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
   if (rc != 0 && errno == EINVAL) {
     // A file system without no-replace renames.
@@ -193,14 +219,64 @@ int UMoveFile(const char16_t* from, const char16_t* to) {
     if (target != src.host && lstat(target.c_str(), &st) == 0) return Refuse(kWinAlreadyExists);
     rc = ::rename(src.host.c_str(), target.c_str());
   }
-  if (rc == 0) return 1;
+  if (rc == 0) {
+    noteMove();
+    return 1;
+  }
   if (errno == EEXIST || errno == ENOTEMPTY) return Refuse(kWinAlreadyExists);
   if (errno != EXDEV) return Refuse(UWinErrorFromErrno(errno, true));
   if (folder) return Refuse(kWinNotSameDevice);
   // A file moves to another volume as a copy and a delete.
   if (const unsigned err = CopyResolved(from, to, src, 1)) return Refuse(err);
   if (::unlink(src.host.c_str()) != 0) return Refuse(UWinErrorFromErrno(errno));
+  noteMove();
   return 1;
+}
+
+namespace {
+
+// Flushes the folder that holds the entry `path` names.
+void SyncFolderOf(const char16_t* path) {
+  Resolved r;
+  if (ResolveLong(path, &r) != 0) return;
+  const int fd = ::open(r.parentHost.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  ::fsync(fd);
+  ::close(fd);
+}
+
+// UMoveFileEx with kMoveFileReplaceExisting.
+int MoveReplacing(const char16_t* from, const char16_t* to, bool copyAllowed) {
+  if (Faulted(UCall::kMoveFile)) return 0;
+  Resolved src, dst;
+  std::string target;
+  if (const unsigned err = MoveEnds(from, to, kWinAccessDenied, &src, &dst, &target))
+    return Refuse(err);
+  const bool folder = S_ISDIR(src.st.st_mode);
+  if (dst.exists && dst.host != src.host) {
+    if (folder || S_ISDIR(dst.st.st_mode) || IsReadOnly(dst.st)) return Refuse(kWinAccessDenied);
+    if (DeleteDenied(dst.host)) return Refuse(kWinSharingViolation);
+    target = dst.host;
+  }
+  if (!folder && DeleteDenied(src.host)) return Refuse(kWinSharingViolation);
+  if (::rename(src.host.c_str(), target.c_str()) == 0) return 1;
+  if (errno != EXDEV) return Refuse(UWinErrorFromErrno(errno, true));
+  if (folder || !copyAllowed) return Refuse(kWinNotSameDevice);
+  if (const unsigned err = CopyResolved(from, to, src, 0)) return Refuse(err);
+  if (::unlink(src.host.c_str()) != 0) return Refuse(UWinErrorFromErrno(errno));
+  return 1;
+}
+
+}  // namespace
+
+int UMoveFileEx(const char16_t* from, const char16_t* to, unsigned flags) {
+  if ((flags & ~(kMoveFileReplaceExisting | kMoveFileCopyAllowed | kMoveFileWriteThrough)) != 0)
+    return Refuse(kWinInvalidParameter);
+  const int moved = (flags & kMoveFileReplaceExisting) != 0
+                        ? MoveReplacing(from, to, (flags & kMoveFileCopyAllowed) != 0)
+                        : UMoveFile(from, to);
+  if (moved && (flags & kMoveFileWriteThrough) != 0) SyncFolderOf(to);
+  return moved;
 }
 
 int UCreateDirectory(const char16_t* path) {

@@ -629,6 +629,25 @@ int ULoadString(HMODULE module, unsigned id, char16_t* buffer, int size) {
 
 unsigned UModuleGeneration() { return g_generation.load(std::memory_order_acquire); }
 
+int UEnumResource(HMODULE module, int index, UResEntry* entry) {
+  UResBlob blob;
+  {
+    std::lock_guard<std::mutex> hold(g_lock);
+    UModule* m = module == nullptr ? &Host() : module;
+    if (!Known(m)) {
+      Fail(kErrorInvalidHandle);
+      return 0;
+    }
+    blob = m->blob;
+  }
+  if (index < 0 || static_cast<unsigned>(index) >= blob.count) {
+    USetLastError(1813);
+    return 0;
+  }
+  *entry = UResBlobEntry(blob, static_cast<unsigned>(index));
+  return 1;
+}
+
 UResBlob UModuleResources(HMODULE module) {
   UModule* m = module == nullptr ? &Host() : module;
   return m->blob;

@@ -94,6 +94,12 @@ QUARNEL_API HRSRC UFindResourceNamed(HMODULE module, const char16_t* name, int l
 QUARNEL_API unsigned USizeofResource(HMODULE module, HRSRC resource);
 QUARNEL_API HGLOBAL ULoadResource(HMODULE module, HRSRC resource);
 QUARNEL_API const void* ULockResource(HGLOBAL data);
+// The `index`-th resource of the module (from 0, in the order the module
+// keeps them), for tools that list what a module holds (EnumResourceTypes
+// and EnumResourceNames in one walk). 1 and `*entry` filled; 0 past the last
+// one (last error 1813) or for an invalid module (6).
+QUARNEL_API int UEnumResource(HMODULE module, int index, UResEntry* entry);
+
 // Resources live as long as their module: nothing to free. Returns 0.
 QUARNEL_API int UFreeResource(HGLOBAL data);
 

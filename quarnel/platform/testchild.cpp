@@ -1,5 +1,6 @@
 #include "quarnel/platform/testchild.h"
 
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,7 +42,7 @@ int UTestChild::Start(int (*work)(void* arg), void* arg) {
 
 void UTestChild::Release() {
   if (pid_ < 0) return;
-  close(release_);
+  if (release_ >= 0) close(release_);
   int status = 0;
   waitpid(pid_, &status, 0);
   pid_ = -1;
@@ -51,3 +52,25 @@ void UTestChild::Release() {
 void UTestChild::SetRerunArguments(const char*) {}
 
 bool UTestChild::InChild() { return false; }
+int UTestChild::Spawn(int (*work)(void* arg), void* arg) {
+  Release();
+  const pid_t pid = fork();
+  if (pid == 0) _exit(work(arg) & 0xFF);
+  if (pid < 0) return -1;
+  pid_ = pid;
+  return 0;
+}
+
+int UTestChild::Wait() {
+  if (pid_ < 0) return -1;
+  int status = 0;
+  waitpid(pid_, &status, 0);
+  pid_ = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void UTestChild::Kill() {
+  if (pid_ < 0) return;
+  kill(pid_, SIGKILL);
+  Wait();
+}

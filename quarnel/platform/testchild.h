@@ -28,6 +28,13 @@ class UTestChild {
   static void SetRerunArguments(const char* arguments);
   // True in a child started again on Windows (always false on Linux).
   static bool InChild();
+  // Forks a child that runs `work(arg)` and ends with its result (0..255)
+  // as exit status, without waiting for it. 0, or -1 when no child started.
+  int Spawn(int (*work)(void* arg), void* arg);
+  // Waits for the spawned child: its exit status, or -1 when a signal ended it.
+  int Wait();
+  // Ends the child at once (SIGKILL) and waits for it.
+  void Kill();
 
  private:
   int pid_ = -1;

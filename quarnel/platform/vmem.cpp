@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -268,14 +269,42 @@ unsigned long long Field(std::string_view text, std::string_view key) {
 
 }  // namespace
 
+namespace {
+
+// A reading of the real figures stays current for kStatusHold: the growth
+// check of every block asks for them, and reading /proc costs several system
+// calls each time. Memory pressure builds up far more slowly than that.
+constexpr std::chrono::milliseconds kStatusHold{10};
+UMEMORYSTATUS g_statusCache{};
+std::chrono::steady_clock::time_point g_statusCacheTime{};
+bool g_statusCached = false;
+
+void ReadMemoryStatus(UMEMORYSTATUS* status);
+
+}  // namespace
+
 void UGlobalMemoryStatus(UMEMORYSTATUS* status) {
   if (status == nullptr) return;
+  std::lock_guard<std::mutex> hold(g_lock);
   if (g_statusOverridden.load(std::memory_order_acquire)) {
-    std::lock_guard<std::mutex> hold(g_lock);
     *status = g_statusOverride;
     status->dwLength = sizeof(UMEMORYSTATUS);
-    return;
+  } else {
+    const auto now = std::chrono::steady_clock::now();
+    if (!g_statusCached || now - g_statusCacheTime >= kStatusHold) {
+      ReadMemoryStatus(&g_statusCache);
+      g_statusCacheTime = now;
+      g_statusCached = true;
+    }
+    *status = g_statusCache;
   }
+  const std::size_t limit = g_reserveLimit.load(std::memory_order_relaxed);
+  if (limit != 0 && status->dwAvailVirtual > limit) status->dwAvailVirtual = limit;
+}
+
+namespace {
+
+void ReadMemoryStatus(UMEMORYSTATUS* status) {
   std::memset(status, 0, sizeof *status);
   status->dwLength = sizeof(UMEMORYSTATUS);
   unsigned long long totalKb = 0, availKb = 0, swapTotalKb = 0, swapFreeKb = 0;
@@ -306,6 +335,8 @@ void UGlobalMemoryStatus(UMEMORYSTATUS* status) {
   status->dwAvailVirtual = used < total ? total - used : 0;
 }
 
+}  // namespace
+
 void USetVirtualReserveLimit(std::size_t limit) {
   g_reserveLimit.store(limit, std::memory_order_relaxed);
 }
@@ -314,4 +345,5 @@ void USetGlobalMemoryStatusOverride(const UMEMORYSTATUS* status) {
   std::lock_guard<std::mutex> hold(g_lock);
   if (status != nullptr) g_statusOverride = *status;
   g_statusOverridden.store(status != nullptr, std::memory_order_release);
+  g_statusCached = false;
 }

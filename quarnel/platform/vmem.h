@@ -62,6 +62,9 @@ QUARNEL_API std::size_t UVirtualPageSize();
 // (MemTotal, MemAvailable), the page file as physical memory plus swap, the
 // virtual figures for this process's address space (its limit, or the
 // 128 TiB of the x86-64 user space, less what the process has mapped).
+// The reservation limit of the test seam caps the available virtual figure.
+// A reading is answered again for the next 10 ms (steady clock); changing
+// the test override discards it.
 struct UMEMORYSTATUS {
   unsigned dwLength;
   unsigned dwMemoryLoad;  // percent of physical memory in use

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <thread>
 
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/lasterror.h"
@@ -184,6 +186,22 @@ TEST_F(VmemTest, GlobalMemoryStatus) {
   USetGlobalMemoryStatusOverride(nullptr);
   UGlobalMemoryStatus(&s);
   EXPECT_NE(s.dwTotalPhys, 12345u);
+}
+
+// A reading is kept for a short while only: a gigabyte reserved afterwards
+// shows in the figures once the hold has passed.
+TEST_F(VmemTest, GlobalMemoryStatusFollowsTheAddressSpace) {
+  constexpr std::size_t kGiB = std::size_t{1} << 30;
+  UMEMORYSTATUS before{};
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  UGlobalMemoryStatus(&before);
+  void* big = UVirtualAlloc(nullptr, kGiB, kMemReserve, kPageNoAccess);
+  ASSERT_NE(big, nullptr);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  UMEMORYSTATUS after{};
+  UGlobalMemoryStatus(&after);
+  UVirtualFree(big, 0, kMemRelease);
+  EXPECT_GE(before.dwAvailVirtual - after.dwAvailVirtual, kGiB - (kGiB >> 4));
 }
 
 }  // namespace

@@ -16,7 +16,9 @@
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/internal/fileops.h"
 #include "quarnel/platform/internal/handles.h"
+#include "quarnel/platform/internal/simdisk.h"
 #include "quarnel/platform/lasterror.h"
+#include "quarnel/platform/netapi.h"
 
 using namespace quarnel_internal;
 
@@ -117,7 +119,7 @@ bool MountOf(const std::string& host, std::string* type, std::string* mountPoint
 }
 
 unsigned DriveTypeOf(const Volume& v) {
-  if (v.share) return kDriveRemote;
+  if (v.share || !RemoteNameOfHost(v.host).empty()) return kDriveRemote;
   std::string type, point;
   if (!MountOf(v.host, &type, &point)) return kDriveFixed;
   if (type == "tmpfs" || type == "ramfs") return kDriveRamdisk;
@@ -258,8 +260,10 @@ int USetVolumeLabel(const char16_t* root, const char16_t* label) {
   const std::u16string text = label ? std::u16string(label) : std::u16string();
   if (text.size() > kMaxLabel) return Refuse(kWinLabelTooLong);
   const std::string file = JoinHost(v.host, ".windows-label");
+  DiskTouch(file);
   if (text.empty()) {
     if (::unlink(file.c_str()) != 0 && errno != ENOENT) return Refuse(UWinErrorFromErrno(errno));
+    DiskNoteDelete(file);
     return 1;
   }
   std::FILE* f = std::fopen(file.c_str(), "w");
@@ -267,6 +271,7 @@ int USetVolumeLabel(const char16_t* root, const char16_t* label) {
   const std::string bytes = HostFromWide(text) + "\n";
   const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
   if (std::fclose(f) != 0 || !ok) return Refuse(UWinErrorFromErrno(errno));
+  DiskNoteWhole(file);
   return 1;
 }
 

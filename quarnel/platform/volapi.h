@@ -12,7 +12,8 @@
 //                preserved (0x2), Unicode (0x4) and, when mounted read-only,
 //                read-only volume (0x80000); names up to 255 units
 //   drive type   tmpfs and ramfs: RAM disk (6); nfs, cifs, smb and other
-//                network file systems, and every share: remote (4); iso9660
+//                network file systems, every share and every drive whose
+//                folder lies inside a share's (netapi.h): remote (4); iso9660
 //                and udf: CD-ROM (5); a mount under /media or /run/media:
 //                removable (2); anything else: fixed (3); a letter that is not
 //                mapped, or a path that is not a root: no root folder (1)

@@ -14,22 +14,9 @@
 #include "quarnel/resources/resmgr.h"
 #include "quarnel/text/token.h"
 #include "quarnel/text/tstring.h"
-#include "tests/support/recording_hooks.h"
+#include "tests/support/helpers.h"
 
 namespace {
-
-constexpr unsigned Key(const char (&k)[5]) {
-  return (static_cast<unsigned>(static_cast<unsigned char>(k[0])) << 24) |
-         (static_cast<unsigned>(static_cast<unsigned char>(k[1])) << 16) |
-         (static_cast<unsigned>(static_cast<unsigned char>(k[2])) << 8) |
-         static_cast<unsigned>(static_cast<unsigned char>(k[3]));
-}
-
-std::string ErrorText(int err) {
-  TString s;
-  s.SPrintf(u"%E", err);
-  return Utf8(s);
-}
 
 std::string Words(int listId, const char (&key)[5]) {
   return Utf8(TString(static_cast<unsigned short>(listId), Key(key)));
@@ -52,28 +39,21 @@ class VelloresTest : public RecordingTest {
  protected:
   void SetUp() override {
     RecordingTest::SetUp();
-    saved_ = QuarnelEnv()->appFolder;
-    QuarnelEnv()->appFolder = QUARNEL_VELLORES_DIR;
+    env_->appFolder = QUARNEL_VELLORES_DIR;
   }
   void TearDown() override {
-    TString name(u"vellores.dll");
-    while (UGetModuleHandle(name.Text()) != nullptr) DLUnloadLib(&name);
-    QuarnelEnv()->appFolder = saved_;
+    while (UGetModuleHandle(name_.Text()) != nullptr) DLUnloadLib(&name_);
     RecordingTest::TearDown();
   }
-  int LoadVellores() {
-    TString name(u"vellores.dll");
-    return DLLoadLib(&name);
-  }
-  std::string saved_;
+  int LoadVellores() { return DLLoadLib(&name_); }
+  ScopedEnv env_;
+  TString name_{u"vellores.dll"};
 };
 
 TEST_F(VelloresTest, EveryLibraryCodePrintsItsOwnMessage) {
   // Without the module: the '0000' entry of whatever list 16000 there is.
   EXPECT_EQ(ErrorText(-1115), "");
-  const std::vector<unsigned char> fallback = {11,  0,   '0', '0', '0', '0', 'n',  'o',
-                                               ' ', 't', 'e', 'x', 't', 0,   0xFF, 0xFF};
-  RMAddHostKList(16000, fallback.data(), static_cast<int>(fallback.size()));
+  HostList fallback(16000, {{"0000", "no text"}});
   for (int code : kLibraryCodes) EXPECT_EQ(ErrorText(code), "no text") << code;
 
   ASSERT_EQ(LoadVellores(), kErrNone);
@@ -107,26 +87,20 @@ TEST_F(VelloresTest, EveryLibraryCodePrintsItsOwnMessage) {
   EXPECT_EQ(list, 16049);
   EXPECT_EQ(key, Key("0025"));
 
-  TString name(u"vellores.dll");
-  DLUnloadLib(&name);
-  EXPECT_EQ(ErrorText(-1115), "no text");
-  EXPECT_EQ(ErrorText(-625), "no text");
-  RMAddHostKList(16000, nullptr, 0);
+  DLUnloadLib(&name_);
+  EXPECT_EQ(ErrorText(-1115) + ErrorText(-625), "no textno text");
 }
 
 TEST_F(VelloresTest, LoadsWithItsRangesAndPassesTheCheck) {
   ASSERT_EQ(LoadVellores(), kErrNone);
   // It carries its symbol map, so loading it logs nothing.
-  EXPECT_TRUE(Lines().empty()) << Lines().front();
-  std::vector<RMRangeRecord> ranges(static_cast<std::size_t>(RMGetRanges(nullptr, 0)));
-  RMGetRanges(ranges.data(), static_cast<int>(ranges.size()));
-  ASSERT_EQ(ranges.size(), 2u);
-  EXPECT_EQ(ranges[1].firstRes, 16000);
-  EXPECT_EQ(ranges[1].lastRes, 16050);
-  EXPECT_EQ(ranges[1].firstErr, -600);
-  EXPECT_EQ(ranges[1].lastErr, -700);
-  TString name(u"vellores.dll");
-  EXPECT_EQ(DLCheckLib(&name), kErrNone);
+  EXPECT_EQ(Logged(), "");
+  RMRangeRecord ranges[2];
+  ASSERT_EQ(RMGetRanges(ranges, 2), 2);
+  EXPECT_EQ(std::vector<int>(
+                {ranges[1].firstRes, ranges[1].lastRes, ranges[1].firstErr, ranges[1].lastErr}),
+            std::vector<int>({16000, 16050, -600, -700}));
+  EXPECT_EQ(DLCheckLib(&name_), kErrNone);
 }
 
 TEST_F(VelloresTest, WordsTokensAndOrdinals) {
@@ -144,17 +118,13 @@ TEST_F(VelloresTest, WordsTokensAndOrdinals) {
                 std::uint64_t{10000}, std::uint64_t{1} << 40);
   EXPECT_EQ(Utf8(sizes), "3,072 K|2 k|Zero K|9.8 M|1,048,576.0 G");
 
-  const struct {
-    int n;
-    const char* text;
-  } ordinals[] = {{1, "1st"},     {2, "2nd"},     {3, "3rd"},   {4, "4th"},       {11, "11th"},
-                  {12, "12th"},   {13, "13th"},   {21, "21st"}, {22, "22nd"},     {101, "101st"},
-                  {111, "111th"}, {112, "112th"}, {0, "0th"},   {1000, "1,000th"}};
-  for (const auto& o : ordinals) {
-    TString s;
-    s.FormatOrdinal(o.n);
-    EXPECT_EQ(Utf8(s), o.text);
+  std::string ordinals;
+  for (int n : {1, 2, 3, 11, 22, 1000}) {
+    TString o;
+    o.FormatOrdinal(n);
+    ordinals += Utf8(o) + " ";
   }
+  EXPECT_EQ(ordinals, "1st 2nd 3rd 11th 22nd 1,000th ");
 
   const struct {
     unsigned short token;
@@ -162,7 +132,7 @@ TEST_F(VelloresTest, WordsTokensAndOrdinals) {
   } tokens[] = {{0, "..."}, {15, "Tomorrow"}, {16, "Today"}, {17, "\\"}, {18, ":"}, {19, "."},
                 {20, ":"},  {21, ".."},       {22, "::"},    {70, "/"},  {71, "."}, {72, ".."}};
   for (const auto& t : tokens) EXPECT_EQ(Utf8(TokenToString(t.token, 0x0409)), t.text) << t.token;
-  EXPECT_TRUE(Assertions().empty());
+  EXPECT_EQ(Asserted(), "");
 }
 
 }  // namespace

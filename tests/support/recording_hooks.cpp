@@ -5,7 +5,12 @@
 
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/platform/debugout.h"
+#include "quarnel/platform/faults.h"
+#include "quarnel/platform/heap.h"
+#include "quarnel/platform/tick.h"
 #include "quarnel/platform/utf8.h"
+#include "quarnel/platform/vmem.h"
+#include "quarnel/platform/wintime.h"
 #include "quarnel/text/tstring.h"
 
 namespace {
@@ -72,6 +77,14 @@ void RecordingTest::TearDown() {
   HookDebugLogf(nullptr);
   SetAssertionObserver(nullptr);
   USetDebugOutputSink(nullptr);
+  UClearFaults();
+  USetVirtualReserveLimit(0);
+  USetGlobalMemoryStatusOverride(nullptr);
+  USetHeapFreeDeferred(0);
+  USetClockOverride(nullptr);
+  USetTimeZone(nullptr);
+  UFreezeTickCount(0);
+  USetTickOffset(0);
 }
 
 const std::vector<LogLine>& RecordingTest::Lines() const { return g_lines; }
@@ -83,4 +96,19 @@ void RecordingTest::ClearRecords() {
   g_lines.clear();
   g_assertions.clear();
   g_debugger.clear();
+}
+
+std::string RecordingTest::Logged() const {
+  std::lock_guard<std::mutex> hold(g_lock);
+  std::string out;
+  for (const LogLine& l : g_lines) out += std::to_string(l.level) + " " + l.text + "\n";
+  return out;
+}
+
+std::string RecordingTest::Asserted() const {
+  std::lock_guard<std::mutex> hold(g_lock);
+  std::string out;
+  for (const AssertionSeen& a : g_assertions)
+    out += (out.empty() ? "" : " ") + a.module + "-" + std::to_string(a.line);
+  return out;
 }

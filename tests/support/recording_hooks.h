@@ -37,7 +37,9 @@ std::string Utf8(const char16_t* s);  // up to the terminator
 std::u16string Utf16(const std::string& utf8);
 
 // Installs the recording hooks for the lifetime of the test and quietens the
-// debugger output; restores the previous state at tear-down.
+// debugger output; at tear-down removes them and puts every platform test seam
+// back: no armed faults, no reserve limit, the real memory status, heap frees
+// at once, the real clock and time zone, a running tick count without offset.
 class RecordingTest : public ::testing::Test {
  protected:
   void SetUp() override;
@@ -47,6 +49,12 @@ class RecordingTest : public ::testing::Test {
   const std::vector<AssertionSeen>& Assertions() const;
   const std::string& DebuggerOutput() const;
   void ClearRecords();
+
+  // The same records as text, for compact expectations and table rows:
+  // Logged() gives one "level text" per line, each ended by a newline;
+  // Asserted() gives "module-line" per assertion, separated by blanks.
+  std::string Logged() const;
+  std::string Asserted() const;
 };
 
 #endif  // QUARNEL_TESTS_SUPPORT_RECORDING_HOOKS_H_
