@@ -32,3 +32,5 @@ endif()
 
 # The crash report opens files and lists threads through ntdll's own calls.
 string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -lntdll")
+# Network connections are the WNet calls of mpr.
+string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -lmpr")

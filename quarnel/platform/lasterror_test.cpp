@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/platform_cases.h"
 #include "tests/support/helpers.h"
+#include "tests/support/platform_cases.h"
 
 namespace {
 

@@ -28,12 +28,13 @@ class UTestChild {
   static void SetRerunArguments(const char* arguments);
   // True in a child started again on Windows (always false on Linux).
   static bool InChild();
-  // Forks a child that runs `work(arg)` and ends with its result (0..255)
-  // as exit status, without waiting for it. 0, or -1 when no child started.
+  // Starts a child that runs `work(arg)` and ends with its result (0..255)
+  // as exit status, without waiting for it (a fork on Linux, this program
+  // started again on Windows). 0, or -1 when no child started.
   int Spawn(int (*work)(void* arg), void* arg);
   // Waits for the spawned child: its exit status, or -1 when a signal ended it.
   int Wait();
-  // Ends the child at once (SIGKILL) and waits for it.
+  // Ends the child at once (SIGKILL, TerminateProcess) and waits for it.
   void Kill();
 
  private:
@@ -41,6 +42,7 @@ class UTestChild {
   int release_ = -1;         // the parent's end of the pipe the child waits on
   void* process_ = nullptr;  // Windows: the child and the event it waits on
   void* releaseEvent_ = nullptr;
+  void* spawned_ = nullptr;  // Windows: the spawned child
 };
 
 #endif  // QUARNEL_PLATFORM_TESTCHILD_H_

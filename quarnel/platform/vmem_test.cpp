@@ -191,6 +191,7 @@ TEST_F(VmemTest, GlobalMemoryStatus) {
 // A reading is kept for a short while only: a gigabyte reserved afterwards
 // shows in the figures once the hold has passed.
 TEST_F(VmemTest, GlobalMemoryStatusFollowsTheAddressSpace) {
+  QUARNEL_SKIP_UNDER_WINE("GlobalMemoryStatusEx's available virtual figure ignores reservations");
   constexpr std::size_t kGiB = std::size_t{1} << 30;
   UMEMORYSTATUS before{};
   std::this_thread::sleep_for(std::chrono::milliseconds(20));

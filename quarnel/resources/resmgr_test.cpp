@@ -100,9 +100,11 @@ class ResmgrTest : public RecordingTest {
     for (const RMRangeRecord& x : r) {
       std::string who = x.module == nullptr ? "host" : "?";
       for (const std::string& name : names_) {
-        if (x.module != nullptr && name.starts_with(kDir + "/libqnt_") &&
-            UGetModuleHandle(T(name).Text()) == x.module)
-          who = name.substr(kDir.size() + 8, name.size() - kDir.size() - 11);
+        // ".../libqnt_NAME.so" or ".../qnt_NAME.dll"
+        const std::size_t at = name.rfind("qnt_"), dot = name.rfind('.');
+        if (x.module != nullptr && at != std::string::npos && dot != std::string::npos &&
+            dot > at && UGetModuleHandle(T(name).Text()) == x.module)
+          who = name.substr(at + 4, dot - at - 4);
       }
       out += who + " " + std::to_string(x.firstRes) + ".." + std::to_string(x.lastRes) + " " +
              std::to_string(x.firstErr) + ".." + std::to_string(x.lastErr) + "\n";

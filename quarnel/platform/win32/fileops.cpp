@@ -184,3 +184,16 @@ int UFindNextFile(UHANDLE find, UWIN32_FIND_DATAW* data) {
 int UFindClose(UHANDLE find) {
   return CloseTableHandle(find, [](HandleKind k) { return k == HandleKind::kFind; });
 }
+
+int UMoveFileEx(const char16_t* from, const char16_t* to, unsigned flags) {
+  if ((flags & ~(kMoveFileReplaceExisting | kMoveFileCopyAllowed | kMoveFileWriteThrough)) != 0)
+    return Refuse(ERROR_INVALID_PARAMETER);
+  if ((flags & kMoveFileReplaceExisting) == 0) return UMoveFile(from, to);
+  std::wstring f, t;
+  if (Faulted(UCall::kMoveFile) || !Path(from, &f) || !Path(to, &t)) return 0;
+  // MoveFileEx replaces a folder's name too; the library's rule refuses it.
+  const DWORD target = ::GetFileAttributesW(t.c_str());
+  if (target != INVALID_FILE_ATTRIBUTES && (target & FILE_ATTRIBUTE_DIRECTORY) != 0)
+    return Refuse(ERROR_ACCESS_DENIED);
+  return ::MoveFileExW(f.c_str(), t.c_str(), flags) ? 1 : 0;
+}

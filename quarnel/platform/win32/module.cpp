@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "quarnel/platform/env.h"
 #include "quarnel/platform/faults.h"
@@ -182,3 +184,76 @@ int ULoadString(HMODULE module, unsigned id, char16_t* buffer, int size) {
 }
 
 unsigned UModuleGeneration() { return g_generation.load(std::memory_order_acquire); }
+
+namespace {
+
+// One resource of a module's walk: its type, its number or name.
+struct WalkEntry {
+  unsigned type;
+  int id;
+  std::u16string name;
+};
+
+BOOL CALLBACK OnName(HMODULE, LPCWSTR type, LPWSTR name, LONG_PTR walk) {
+  auto* entries = reinterpret_cast<std::vector<WalkEntry>*>(walk);
+  WalkEntry e{static_cast<unsigned>(reinterpret_cast<ULONG_PTR>(type)), 0, {}};
+  if (IS_INTRESOURCE(name)) {
+    e.id = static_cast<int>(reinterpret_cast<ULONG_PTR>(name));
+  } else {
+    for (const wchar_t* c = name; *c != 0; ++c) e.name.push_back(static_cast<char16_t>(*c));
+  }
+  entries->push_back(std::move(e));
+  return TRUE;
+}
+
+BOOL CALLBACK OnType(HMODULE module, LPWSTR type, LONG_PTR walk) {
+  // Types are numbers 1 to 65535 here, as for UFindResource; named types are
+  // left out.
+  if (IS_INTRESOURCE(type)) ::EnumResourceNamesW(module, type, OnName, walk);
+  return TRUE;
+}
+
+// The last walk, kept for the entry's name, which lives as long as the next
+// walk of any module.
+std::mutex g_walkLock;
+std::vector<WalkEntry> g_walk;
+
+}  // namespace
+
+// The walk runs afresh at index 0 and whenever another module is asked for;
+// the order is the system's (types, then names before numbers, each sorted).
+int UEnumResource(HMODULE module, int index, UResEntry* entry) {
+  static HMODULE walked = nullptr;
+  static unsigned walkedGeneration = 0;
+  const HMODULE m = module == nullptr ? ::GetModuleHandleW(nullptr) : module;
+  std::lock_guard<std::mutex> hold(g_walkLock);
+  if (index == 0 || walked != m || walkedGeneration != UModuleGeneration()) {
+    g_walk.clear();
+    walked = nullptr;
+    if (!::EnumResourceTypesW(m, OnType, reinterpret_cast<LONG_PTR>(&g_walk)) &&
+        ::GetLastError() != ERROR_RESOURCE_TYPE_NOT_FOUND &&
+        ::GetLastError() != ERROR_RESOURCE_DATA_NOT_FOUND) {
+      USetLastError(ERROR_INVALID_HANDLE);
+      return 0;
+    }
+    walked = m;
+    walkedGeneration = UModuleGeneration();
+  }
+  if (index < 0 || static_cast<std::size_t>(index) >= g_walk.size()) {
+    USetLastError(ERROR_RESOURCE_TYPE_NOT_FOUND);
+    return 0;
+  }
+  const WalkEntry& e = g_walk[static_cast<std::size_t>(index)];
+  const HRSRC found = e.name.empty() ? UFindResource(m, e.id, e.type)
+                                     : UFindResourceNamed(m, e.name.c_str(),
+                                                          static_cast<int>(e.name.size()), e.type);
+  const HGLOBAL data = found != nullptr ? ULoadResource(m, found) : nullptr;
+  if (data == nullptr) return 0;
+  entry->type = e.type;
+  entry->id = e.id;
+  entry->name = e.name.empty() ? nullptr : reinterpret_cast<const unsigned char*>(e.name.data());
+  entry->nameLength = static_cast<unsigned>(e.name.size());
+  entry->bytes = static_cast<const unsigned char*>(::LockResource(data));
+  entry->size = ::SizeofResource(m, found);
+  return 1;
+}

@@ -95,6 +95,60 @@ int UTestChild::Start(int (*work)(void* arg), void* arg) {
   return result;
 }
 
+// A spawned child is this program started again, like a started one; it runs
+// the test up to its own Spawn of the same number and ends with the work's
+// result. In the child, the test's earlier Spawns start nothing and answer 0.
+int UTestChild::Spawn(int (*work)(void* arg), void* arg) {
+  Release();
+  const int number = ++g_starts;
+  int wanted;
+  HANDLE answer, release;
+  if (ChildSpec(&wanted, &answer, &release)) {
+    if (number == wanted) ::ExitProcess(static_cast<UINT>(work(arg) & 0xFF));
+    return 0;
+  }
+  char spec[96];
+  std::snprintf(spec, sizeof spec, "%d 0 0", number);
+  wchar_t exe[MAX_PATH];
+  ::GetModuleFileNameW(nullptr, exe, MAX_PATH);
+  std::wstring command = L"\"" + std::wstring(exe) + L"\" " + quarnel_internal::WideOf(g_rerun);
+  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+  HANDLE nul = ::CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                             OPEN_EXISTING, 0, nullptr);
+  STARTUPINFOW si{};
+  si.cb = sizeof si;
+  si.dwFlags = STARTF_USESTDHANDLES;
+  si.hStdOutput = nul;
+  si.hStdError = nul;
+  PROCESS_INFORMATION pi{};
+  ::SetEnvironmentVariableA(kChildVariable, spec);
+  const BOOL started =
+      nul != INVALID_HANDLE_VALUE &&
+      ::CreateProcessW(exe, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
+  ::SetEnvironmentVariableA(kChildVariable, nullptr);
+  if (nul != INVALID_HANDLE_VALUE) ::CloseHandle(nul);
+  if (!started) return -1;
+  ::CloseHandle(pi.hThread);
+  spawned_ = pi.hProcess;
+  return 0;
+}
+
+int UTestChild::Wait() {
+  if (spawned_ == nullptr) return -1;
+  ::WaitForSingleObject(static_cast<HANDLE>(spawned_), INFINITE);
+  DWORD code = 0;
+  const bool got = ::GetExitCodeProcess(static_cast<HANDLE>(spawned_), &code);
+  ::CloseHandle(static_cast<HANDLE>(spawned_));
+  spawned_ = nullptr;
+  return got && code <= 0xFF ? static_cast<int>(code) : -1;
+}
+
+void UTestChild::Kill() {
+  if (spawned_ == nullptr) return;
+  ::TerminateProcess(static_cast<HANDLE>(spawned_), 0x100);
+  Wait();
+}
+
 void UTestChild::Release() {
   if (process_ == nullptr) return;
   ::SetEvent(static_cast<HANDLE>(releaseEvent_));

@@ -1,6 +1,7 @@
 #include "quarnel/platform/vmem.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <mutex>
 
@@ -53,14 +54,16 @@ std::size_t UVirtualPageSize() {
   return size;
 }
 
-void UGlobalMemoryStatus(UMEMORYSTATUS* status) {
-  if (status == nullptr) return;
-  if (g_statusOverridden.load(std::memory_order_acquire)) {
-    std::lock_guard<std::mutex> hold(g_statusLock);
-    *status = g_statusOverride;
-    status->dwLength = sizeof(UMEMORYSTATUS);
-    return;
-  }
+namespace {
+
+// A reading of the real figures stays current for kStatusHold, as on Linux:
+// the growth check of every block asks for them.
+constexpr std::chrono::milliseconds kStatusHold{10};
+UMEMORYSTATUS g_statusCache{};
+std::chrono::steady_clock::time_point g_statusCacheTime{};
+bool g_statusCached = false;
+
+void ReadMemoryStatus(UMEMORYSTATUS* status) {
   std::memset(status, 0, sizeof *status);
   status->dwLength = sizeof(UMEMORYSTATUS);
   MEMORYSTATUSEX ex{};
@@ -75,6 +78,29 @@ void UGlobalMemoryStatus(UMEMORYSTATUS* status) {
   status->dwAvailVirtual = static_cast<std::size_t>(ex.ullAvailVirtual);
 }
 
+}  // namespace
+
+void UGlobalMemoryStatus(UMEMORYSTATUS* status) {
+  if (status == nullptr) return;
+  {
+    std::lock_guard<std::mutex> hold(g_statusLock);
+    if (g_statusOverridden.load(std::memory_order_acquire)) {
+      *status = g_statusOverride;
+      status->dwLength = sizeof(UMEMORYSTATUS);
+    } else {
+      const auto now = std::chrono::steady_clock::now();
+      if (!g_statusCached || now - g_statusCacheTime >= kStatusHold) {
+        ReadMemoryStatus(&g_statusCache);
+        g_statusCacheTime = now;
+        g_statusCached = true;
+      }
+      *status = g_statusCache;
+    }
+  }
+  const std::size_t limit = g_reserveLimit.load(std::memory_order_relaxed);
+  if (limit != 0 && status->dwAvailVirtual > limit) status->dwAvailVirtual = limit;
+}
+
 void USetVirtualReserveLimit(std::size_t limit) {
   g_reserveLimit.store(limit, std::memory_order_relaxed);
 }
@@ -83,4 +109,5 @@ void USetGlobalMemoryStatusOverride(const UMEMORYSTATUS* status) {
   std::lock_guard<std::mutex> hold(g_statusLock);
   if (status != nullptr) g_statusOverride = *status;
   g_statusOverridden.store(status != nullptr, std::memory_order_release);
+  g_statusCached = false;
 }

@@ -4,7 +4,9 @@
 
 #include <cstring>
 
+#include "quarnel/platform/env.h"
 #include "quarnel/platform/lasterror.h"
+#include "quarnel/platform/netapi.h"
 #include "quarnel/platform/win32/files.h"
 
 using namespace quarnel_internal;
@@ -93,8 +95,19 @@ int UGetDiskFreeSpaceEx(const char16_t* path, std::uint64_t* freeToCaller, std::
   return 1;
 }
 
+// A letter the host aliases to a folder of a share under the aliased UNC
+// root, and a share under that root, are network drives, as on Linux.
 unsigned UGetDriveType(const char16_t* root) {
   if (root == nullptr) return ::GetDriveTypeW(nullptr);
+  char16_t letter = 0;
+  if (OnAliasedDrive(root, &letter) &&
+      !quarnel_internal::RemoteNameOfHost(QuarnelGetDrive(letter)).empty()) {
+    return kDriveRemote;
+  }
+  if ((root[0] == u'\\' || root[0] == u'/') && (root[1] == u'\\' || root[1] == u'/') &&
+      root[2] != u'?' && root[2] != u'.' && !QuarnelGetUncRoot().empty()) {
+    return kDriveRemote;
+  }
   unsigned err = 0;
   const std::wstring r = SystemVolumeRoot(root, &err);
   if (r.empty()) return kDriveNoRootDir;
