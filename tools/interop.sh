@@ -21,10 +21,18 @@ folder=$root/build/interop
 rm -rf "$folder"
 mkdir -p "$folder/from-win32" "$folder/from-linux"
 status=0
-echo "== Windows writes, Linux reads"
+echo "== Windows writes, Linux reads and changes, Windows reopens"
 wine "$windows" write "$folder/from-win32"
 "$linux" check "$folder/from-win32" || status=1
-echo "== Linux writes, Windows reads"
+"$linux" change "$folder/from-win32" || status=1
+wine "$windows" reopen "$folder/from-win32" || status=1
+echo "== Linux writes, Windows reads and changes, Linux reopens"
 "$linux" write "$folder/from-linux"
 wine "$windows" check "$folder/from-linux" || status=1
+wine "$windows" change "$folder/from-linux" || status=1
+"$linux" reopen "$folder/from-linux" || status=1
+# Either way round, the same changes to the same files leave the same bytes.
+for file in store.chk settings.ini; do
+  cmp "$folder/from-win32/$file" "$folder/from-linux/$file" || status=1
+done
 exit $status
