@@ -26,6 +26,32 @@ bool ChildSpec(int* number, HANDLE* answer, HANDLE* release) {
   return true;
 }
 
+// Starts this program again with the rerun arguments and `spec` in the
+// child variable, its output going nowhere; the inheritable handles named in
+// `spec` pass to it. False when it could not start.
+bool StartAgain(const char* spec, PROCESS_INFORMATION* pi) {
+  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+  HANDLE nul = ::CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                             OPEN_EXISTING, 0, nullptr);
+  if (nul == INVALID_HANDLE_VALUE) return false;
+  wchar_t exe[MAX_PATH];
+  ::GetModuleFileNameW(nullptr, exe, MAX_PATH);
+  std::wstring command = L"\"" + std::wstring(exe) + L"\" " + quarnel_internal::WideOf(g_rerun);
+  STARTUPINFOW si{};
+  si.cb = sizeof si;
+  si.dwFlags = STARTF_USESTDHANDLES;
+  si.hStdInput = nullptr;
+  si.hStdOutput = nul;
+  si.hStdError = nul;
+  ::SetEnvironmentVariableA(kChildVariable, spec);
+  const BOOL started =
+      ::CreateProcessW(exe, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, pi);
+  ::SetEnvironmentVariableA(kChildVariable, nullptr);
+  ::CloseHandle(nul);
+  if (started) ::CloseHandle(pi->hThread);
+  return started != 0;
+}
+
 }  // namespace
 
 UTestChild::~UTestChild() { Release(); }
@@ -56,32 +82,15 @@ int UTestChild::Start(int (*work)(void* arg), void* arg) {
   if (!::CreatePipe(&readEnd, &writeEnd, &inherit, 0)) return -1;
   ::SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
   HANDLE event = ::CreateEventW(&inherit, TRUE, FALSE, nullptr);
-  HANDLE nul = ::CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
-                             OPEN_EXISTING, 0, nullptr);
   char spec[96];
   std::snprintf(spec, sizeof spec, "%d %llu %llu", number,
                 static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(writeEnd)),
                 static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(event)));
-  wchar_t exe[MAX_PATH];
-  ::GetModuleFileNameW(nullptr, exe, MAX_PATH);
-  std::wstring command = L"\"" + std::wstring(exe) + L"\" " + quarnel_internal::WideOf(g_rerun);
-  STARTUPINFOW si{};
-  si.cb = sizeof si;
-  si.dwFlags = STARTF_USESTDHANDLES;
-  si.hStdInput = nullptr;
-  si.hStdOutput = nul;
-  si.hStdError = nul;
   PROCESS_INFORMATION pi{};
-  ::SetEnvironmentVariableA(kChildVariable, spec);
-  const BOOL started =
-      event != nullptr && nul != INVALID_HANDLE_VALUE &&
-      ::CreateProcessW(exe, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
-  ::SetEnvironmentVariableA(kChildVariable, nullptr);
+  const bool started = event != nullptr && StartAgain(spec, &pi);
   ::CloseHandle(writeEnd);
-  if (nul != INVALID_HANDLE_VALUE) ::CloseHandle(nul);
   int result = -1;
   if (started) {
-    ::CloseHandle(pi.hThread);
     process_ = pi.hProcess;
     releaseEvent_ = event;
     DWORD got = 0;
@@ -109,26 +118,8 @@ int UTestChild::Spawn(int (*work)(void* arg), void* arg) {
   }
   char spec[96];
   std::snprintf(spec, sizeof spec, "%d 0 0", number);
-  wchar_t exe[MAX_PATH];
-  ::GetModuleFileNameW(nullptr, exe, MAX_PATH);
-  std::wstring command = L"\"" + std::wstring(exe) + L"\" " + quarnel_internal::WideOf(g_rerun);
-  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-  HANDLE nul = ::CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
-                             OPEN_EXISTING, 0, nullptr);
-  STARTUPINFOW si{};
-  si.cb = sizeof si;
-  si.dwFlags = STARTF_USESTDHANDLES;
-  si.hStdOutput = nul;
-  si.hStdError = nul;
   PROCESS_INFORMATION pi{};
-  ::SetEnvironmentVariableA(kChildVariable, spec);
-  const BOOL started =
-      nul != INVALID_HANDLE_VALUE &&
-      ::CreateProcessW(exe, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
-  ::SetEnvironmentVariableA(kChildVariable, nullptr);
-  if (nul != INVALID_HANDLE_VALUE) ::CloseHandle(nul);
-  if (!started) return -1;
-  ::CloseHandle(pi.hThread);
+  if (!StartAgain(spec, &pi)) return -1;
   spawned_ = pi.hProcess;
   return 0;
 }
