@@ -327,6 +327,7 @@ std::string ChangeStore(const std::string& host) {
     TMemory* h = nullptr;
     if (m.CHGetChunk(key.first, key.second, &h) != 0 || m.CHRemoveChunk(h) != 0)
       return "cannot remove a chunk";
+    delete h;  // given back to the caller
   }
   for (const auto& [key, data] : Changed()) {
     const auto old = Saved().find(key);
