@@ -4,6 +4,8 @@
 //
 // Input: two bytes (little-endian) giving the length of the area, the area,
 // then a script of operations, each an opcode byte and two 16-bit arguments.
+//
+// Area: quarnel/containers/elementspace.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

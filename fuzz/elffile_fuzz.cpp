@@ -1,6 +1,8 @@
 // The ELF reader that finds a module's resource blob in its file, and the
 // check made before a file goes to the loader: arbitrary bytes never lead
 // them outside the file, and what they find lies within it.
+//
+// Area: quarnel/platform/internal/elffile.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
