@@ -28,7 +28,9 @@
 #
 # Environment: FUZZ_FLAGS adds libFuzzer flags to ci and campaign runs;
 # FUZZ_BUILD_JOBS sets the build parallelism (default: the number of cores);
-# FUZZ_NO_BUILD=1 uses the targets as they are built (for runs side by side).
+# FUZZ_BUILD_DIR builds the targets there instead of build/fuzz (a second tree
+# to rebuild in while a campaign runs); FUZZ_NO_BUILD=1 uses the targets as
+# they are built.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -38,6 +40,7 @@ case "${1:-}" in
 esac
 
 jobs=${FUZZ_BUILD_JOBS:-$(nproc 2>/dev/null || echo 2)}
+bin=${FUZZ_BUILD_DIR:-build/fuzz}
 read -r -a extra_flags <<<"${FUZZ_FLAGS:-}"
 common_flags=(-timeout=10 -rss_limit_mb=2048 -print_final_stats=1)
 
@@ -77,11 +80,11 @@ count_files() { find "$1" -maxdepth 1 -type f 2>/dev/null | wc -l; }
 # ---------------------------------------------------------------------------
 run_ci() {
   local total=${1:-600}
-  build build/fuzz
-  mapfile -t targets < <(targets_in build/fuzz)
+  build "$bin"
+  mapfile -t targets < <(targets_in "$bin")
   local n=${#targets[@]} left=$total start failed=() t name seconds scratch log rc
   [ "$n" -gt 0 ] || { echo "no fuzz targets built" >&2; exit 1; }
-  mkdir -p build/fuzz/logs build/fuzz/artifacts
+  mkdir -p $bin/logs $bin/artifacts
   start=$(date +%s)
   for t in "${targets[@]}"; do
     name=$(basename "$t")
@@ -90,14 +93,14 @@ run_ci() {
     seconds=$((left / n))
     [ "$seconds" -ge 10 ] || seconds=10
     n=$((n - 1))
-    scratch=build/fuzz/ci-corpus/$name
+    scratch=$bin/ci-corpus/$name
     rm -rf "$scratch"
     mkdir -p "$scratch"
-    log=build/fuzz/logs/$name.ci.log
+    log=$bin/logs/$name.ci.log
     echo "-- $name for ${seconds}s"
     rc=0
     "$t" -max_total_time="$seconds" "${common_flags[@]}" "${extra_flags[@]}" \
-      -artifact_prefix="build/fuzz/artifacts/$name-" "$scratch" "$(seeds_of "$name")" >"$log" 2>&1 ||
+      -artifact_prefix="$bin/artifacts/$name-" "$scratch" "$(seeds_of "$name")" >"$log" 2>&1 ||
       rc=$?
     if [ "$rc" -ne 0 ]; then
       failed+=("$name")
@@ -108,7 +111,7 @@ run_ci() {
   done
   echo "-- fuzzing took $(($(date +%s) - start))s of ${total}s"
   if [ ${#failed[@]} -gt 0 ]; then
-    echo "FAILED: ${failed[*]} (inputs in build/fuzz/artifacts/, logs in build/fuzz/logs/)" >&2
+    echo "FAILED: ${failed[*]} (inputs in $bin/artifacts/, logs in $bin/logs/)" >&2
     exit 1
   fi
 }
@@ -126,8 +129,8 @@ run_campaign() {
     esac
   done
   shift $((OPTIND - 1))
-  build build/fuzz
-  mapfile -t targets < <(targets_in build/fuzz "$@")
+  build "$bin"
+  mapfile -t targets < <(targets_in "$bin" "$@")
   mkdir -p "$dir/logs" "$dir/artifacts"
   local summary=() t name corpus log begin left crashes rc execs n
   for t in "${targets[@]}"; do
@@ -172,8 +175,8 @@ run_merge() {
     esac
   done
   shift $((OPTIND - 1))
-  build build/fuzz
-  mapfile -t targets < <(targets_in build/fuzz "$@")
+  build "$bin"
+  mapfile -t targets < <(targets_in "$bin" "$@")
   local t name seeds work f before after big
   for t in "${targets[@]}"; do
     name=$(basename "$t")
