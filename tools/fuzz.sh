@@ -84,7 +84,7 @@ run_ci() {
   mapfile -t targets < <(targets_in "$bin")
   local n=${#targets[@]} left=$total start failed=() t name seconds scratch log rc
   [ "$n" -gt 0 ] || { echo "no fuzz targets built" >&2; exit 1; }
-  mkdir -p $bin/logs $bin/artifacts
+  mkdir -p "$bin/logs" "$bin/artifacts"
   start=$(date +%s)
   for t in "${targets[@]}"; do
     name=$(basename "$t")
