@@ -205,7 +205,7 @@ run_merge() {
     done
     after=$(count_files "$seeds")
     big=$(find "$seeds" -type f -size +64k | wc -l)
-    echo "$name: $before -> $after seed files, $(du -sk "$seeds" | cut -f1) KiB, over 64 KiB: $big"
+    echo "$name: $before -> $after seed files, $(du -sk --apparent-size "$seeds" | cut -f1) KiB, over 64 KiB: $big"
   done
 }
 
