@@ -3,8 +3,9 @@
 // unpacking, the one-lookup-per-byte table and zlib's crc32 (another
 // polynomial, the same work) for the checksum.
 //
-// Corpus: the library's specification text, a system binary, random bytes
-// and zeros, each as 4 KiB blocks (1 MiB of them per iteration, every block
+// Corpus: text (this repository's README, docs and library sources, in path
+// order), a binary (the C++ runtime, libstdc++), random bytes and zeros,
+// each as 4 KiB blocks (1 MiB of them per iteration, every block
 // packed by itself) and as one 16 MiB block (the file repeated). Throughput
 // is of the unpacked bytes; "ratio" is packed size / unpacked size. The
 // packer works in place, so each iteration first copies the data into the
@@ -13,8 +14,10 @@
 #include <lz4.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -39,6 +42,27 @@ Bytes ReadFile(const char* path) {
   return Bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
 }
 
+// The repository's own text: README.md, docs/ and the library's sources.
+Bytes RepositoryText() {
+  namespace fs = std::filesystem;
+  const fs::path root = QUARNEL_SOURCE_DIR;
+  std::vector<fs::path> files = {root / "README.md"};
+  for (const char* folder : {"docs", "quarnel"}) {
+    for (const auto& e : fs::recursive_directory_iterator(root / folder)) {
+      const auto ext = e.path().extension();
+      if (e.is_regular_file() && (ext == ".md" || ext == ".h" || ext == ".cpp"))
+        files.push_back(e.path());
+    }
+  }
+  std::sort(files.begin() + 1, files.end());
+  Bytes text;
+  for (const fs::path& f : files) {
+    const Bytes b = ReadFile(f.c_str());
+    text.insert(text.end(), b.begin(), b.end());
+  }
+  return text;
+}
+
 // `n` bytes of `source` repeated from its start.
 Bytes Tile(const Bytes& source, std::size_t n) {
   Bytes out(n);
@@ -56,9 +80,9 @@ struct Corpus {
 const std::vector<Corpus>& Corpora() {
   static const std::vector<Corpus> corpora = [] {
     std::vector<Corpus> c;
-    const Bytes spec = ReadFile("/work/shared/spec.md");
+    const Bytes text = RepositoryText();
     const Bytes binary = ReadFile("/usr/lib/x86_64-linux-gnu/libstdc++.so.6");
-    if (!spec.empty()) c.push_back({"text", Tile(spec, kLarge)});
+    if (!text.empty()) c.push_back({"text", Tile(text, kLarge)});
     if (!binary.empty()) c.push_back({"binary", Tile(binary, kLarge)});
     Bytes random(kLarge);
     std::mt19937 rng(1);

@@ -21,8 +21,8 @@ function(quarnel_test name)
 endfunction()
 
 # The objects are compiled once; the shared library exports only what
-# QUARNEL_API marks, while the tests link the same objects statically so that
-# they can reach internal helpers too.
+# QUARNEL_API marks (cmake/quarnel.map.in), while the tests link the same
+# objects statically so that they can reach internal helpers and test seams.
 function(quarnel_assemble_library)
   get_property(srcs GLOBAL PROPERTY QUARNEL_SOURCES)
   add_library(quarnel_objects OBJECT ${srcs})
@@ -37,9 +37,20 @@ function(quarnel_assemble_library)
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(quarnel PRIVATE ${CMAKE_DL_LIBS})
+  # Before 1.0 each minor release may change the binary interface, so the
+  # soname names major and minor (libquarnel.so.0.1); from 1.0 on, the major
+  # alone. The version script versions every export and keeps the rest local.
+  if(PROJECT_VERSION_MAJOR EQUAL 0)
+    set(soversion ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+  else()
+    set(soversion ${PROJECT_VERSION_MAJOR})
+  endif()
+  set(map ${PROJECT_BINARY_DIR}/quarnel.map)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/quarnel.map.in ${map} @ONLY)
+  target_link_options(quarnel PRIVATE -Wl,--version-script=${map})
   set_target_properties(quarnel PROPERTIES
-    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-    EXPORT_NAME quarnel)
+    VERSION ${PROJECT_VERSION} SOVERSION ${soversion}
+    EXPORT_NAME quarnel LINK_DEPENDS ${map})
   target_compile_features(quarnel PUBLIC cxx_std_20)
 
   add_library(quarnel_static STATIC $<TARGET_OBJECTS:quarnel_objects>)

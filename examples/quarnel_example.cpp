@@ -15,23 +15,7 @@
 namespace {
 
 // UTF-16 to UTF-8 for printing on the terminal.
-std::string Utf8(const TString& s) {
-  std::string out;
-  for (short i = 0; i < s.Length(); ++i) {
-    const char32_t c = s.GetAt(i);
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
-  return out;
-}
+std::string Utf8(const TString& s) { return s.ToUtf8(); }
 
 // The host's log hook: formats the line with the library's own engine and
 // prints it with its level.

@@ -1,5 +1,6 @@
-// The ELF reader that finds a module's resource blob in its file, and the
-// check made before a file goes to the loader: arbitrary bytes never lead
+// The ELF reader that finds a module's resource blob in its file, the
+// reader of its functions (qnrc's symbol maps), and the check made before a
+// file goes to the loader: arbitrary bytes never lead
 // them outside the file, and what they find lies within it.
 //
 // Area: quarnel/platform/internal/elffile.cpp
@@ -20,5 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (r == quarnel_internal::kElfFound && (offset > size || length > size - offset)) std::abort();
   if (r != quarnel_internal::kElfFound && (offset != 0 || length != 0)) std::abort();
   quarnel_internal::ElfCheckLoadable(source);
+  std::vector<quarnel_internal::ElfFunction> functions;
+  quarnel_internal::ElfFunctionSymbols(source, &functions);
   return 0;
 }

@@ -1,4 +1,6 @@
-// The umbrella header: includes every public header of the library.
+// The umbrella header: includes every public header of the library, except
+// the test seams (quarnel/platform/faults.h, quarnel/platform/testchild.h),
+// which a host's tests include on their own.
 #ifndef QUARNEL_QUARNEL_H_
 #define QUARNEL_QUARNEL_H_
 
@@ -16,7 +18,11 @@
 #include "quarnel/datetime/pcfsdate.h"
 #include "quarnel/datetime/tdate.h"
 #include "quarnel/datetime/ticker.h"
+#include "quarnel/fileio/location.h"
+#include "quarnel/fileio/tfile.h"
+#include "quarnel/fileio/tvol.h"
 #include "quarnel/foundation/alert.h"
+#include "quarnel/foundation/crashreport.h"
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/error.h"
 #include "quarnel/foundation/errors.h"
@@ -28,8 +34,9 @@
 #include "quarnel/platform/codepage.h"
 #include "quarnel/platform/debugger.h"
 #include "quarnel/platform/debugout.h"
+#include "quarnel/platform/drivemap.h"
 #include "quarnel/platform/env.h"
-#include "quarnel/platform/faults.h"
+#include "quarnel/platform/fileapi.h"
 #include "quarnel/platform/heap.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/locale.h"
@@ -39,8 +46,11 @@
 #include "quarnel/platform/resblob.h"
 #include "quarnel/platform/threadid.h"
 #include "quarnel/platform/tick.h"
+#include "quarnel/platform/utf8.h"
 #include "quarnel/platform/vmem.h"
+#include "quarnel/platform/volapi.h"
 #include "quarnel/platform/wintime.h"
+#include "quarnel/resources/loadedlib.h"
 #include "quarnel/resources/rescache.h"
 #include "quarnel/resources/resmgr.h"
 #include "quarnel/text/args.h"

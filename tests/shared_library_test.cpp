@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
 
 #include "quarnel/quarnel.h"
 
@@ -87,4 +91,63 @@ TEST(SharedLibrary, ExportsContainersDatesAndResources) {
   message.SPrintf(u"%E", kErrFileNotFound);
   EXPECT_GT(message.Length(), 0);
   DLUnloadLib(&vellores);
+}
+
+// The library installs its crash handler when it is loaded; an assertion
+// appends a report to the crash log the default resource module names, in the
+// log folder, below the module's heading.
+TEST(SharedLibrary, AssertionsWriteTheCrashReport) {
+  const QuarnelEnvType saved = *QuarnelEnv();
+  const std::filesystem::path folder = std::filesystem::temp_directory_path() /
+                                       ("quarnel_shared_" + std::to_string(UGetCurrentThreadId()));
+  std::filesystem::create_directories(folder);
+  QuarnelEnv()->logFolder = folder.string();
+  EXPECT_EQ(InstallCrashHandler(), 1);
+  TString vellores(u"vellores.dll");
+  ASSERT_EQ(DLLoadLib(&vellores), 0);
+  Debug("shared", 12);
+  DLUnloadLib(&vellores);
+  std::ifstream in(folder / "assert_log.utx", std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  EXPECT_EQ(text.str().rfind("Vellomarch assertion and exception log\r\nEach report", 0), 0u);
+  EXPECT_NE(text.str().find("Error info: Assertion failure at \"shared-12\""), std::string::npos);
+  EXPECT_NE(text.str().find("\r\nException code: E0000000 ASSERTION\r\n"), std::string::npos);
+  *QuarnelEnv() = saved;
+  std::filesystem::remove_all(folder);
+}
+
+// The file subsystem through the shared object: a drive mapped to a fresh
+// folder, a file written and read back, the volume and the folder cleared.
+TEST(SharedLibrary, ExportsFilesFoldersAndVolumes) {
+  const std::filesystem::path root = std::filesystem::temp_directory_path() /
+                                     ("quarnel-shared-" + std::to_string(UGetTickCount()));
+  std::filesystem::create_directory(root);
+  const std::string saved = QuarnelGetDrive(u'Y');
+  ASSERT_EQ(QuarnelSetDrive(u'Y', root.c_str()), 1);
+  TFolderLoc folder;
+  TString path(u"Y:\\Data");
+  folder.SetPath(&path);
+  ASSERT_EQ(folder.Create(255), 0);
+  TFileLoc loc;
+  TString name(u"note.txt");
+  loc.Set(&folder, &name);
+  TFile file;
+  ASSERT_EQ(file.Create(&loc, 0x3), 0);
+  TString text(u"hello");
+  EXPECT_EQ(file.Write(&text), 0);
+  EXPECT_EQ(file.SetPosFromBegin(0), 0);
+  unsigned count = 0;
+  TString back;
+  EXPECT_EQ(file.Read(&count, &back), 0);
+  EXPECT_TRUE(back.Identical(u"hello"));
+  EXPECT_EQ(file.Close(), 0);
+  TVol vol;
+  EXPECT_EQ(folder.GetVol(&vol), 0);
+  NativVolInfo info;
+  EXPECT_EQ(vol.GetInfo(&info), 0);
+  EXPECT_EQ(folder.Delete(), 0);
+  QuarnelSetDrive(u'Y', saved.c_str());
+  EXPECT_TRUE(std::filesystem::is_empty(root));
+  std::filesystem::remove(root);
 }

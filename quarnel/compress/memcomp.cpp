@@ -1,6 +1,7 @@
 #include "quarnel/compress/memcomp.h"
 
 #include <cstdint>
+#include <optional>
 
 #include "quarnel/compress/internal/packblock.h"
 #include "quarnel/compress/internal/segcode.h"
@@ -104,7 +105,10 @@ int TCompStat::unpack() {
       !quarnel_internal::StartsWithMagic(memory_->MemPtr(), b, kMemCompMagic)) {
     return 0;
   }
-  TTicker ticker(kUnpackTickerId);
+  // The ticker only times the closing log line: without a hook it is not
+  // started (starting one takes the ticker registry's lock).
+  std::optional<TTicker> ticker;
+  if (quarnel_internal::DebugLogCharHooked()) ticker.emplace(kUnpackTickerId);
   UnpackPlan plan;
   auto corrupt = [&plan] {
     DebugLogf(kLogInternalData, "TCompStat::unpack: corrupt packed block: %s at offset %d",
@@ -122,7 +126,7 @@ int TCompStat::unpack() {
     memory_->SetSize(b);
     return corrupt();
   }
-  if (plan.margin != 0) {
+  if (memory_->GetSize() != plan.n) {
     const int err = memory_->SetSize(plan.n);
     if (err != 0) {
       DebugLogf(kLogMisuse, "TCompStat::unpack: can't shrink buffer from %d to %d",
@@ -132,7 +136,7 @@ int TCompStat::unpack() {
   }
   DebugLogf(kLogInternalData,
             "TCompStat::unpack: decompressed buffer from %d to %d in %.3F seconds",
-            static_cast<int>(b), static_cast<int>(plan.n), ticker.GetMS());
+            static_cast<int>(b), static_cast<int>(plan.n), ticker ? ticker->GetMS() : 0u);
   return 0;
 }
 

@@ -13,9 +13,17 @@
 // big-endian word (-N when a segment is stored raw), then for each segment its
 // body and its body length as an unsigned 16-bit big-endian trailer.
 //
-// Unpacking checks the whole packed block before it changes anything: a
-// damaged block is refused with kErrInvalidData and a log line and is left
-// as it was.
+// Unpacking checks the structure of the packed block before it changes
+// anything it could not restore: the size word, every trailer, that the
+// records fill the block from its header to its end, and that each coded
+// body is a whole token stream giving exactly its slice, every copy from
+// bytes already written. A block that fails is refused with kErrInvalidData
+// and a log line and is left as it was. The content is not checked: a packed
+// block carries no checksum, so damage that keeps the structure (a changed
+// literal or raw byte, a copy position or length that still fits; most single
+// bit flips are of this kind) unpacks to different bytes without complaint.
+// Where the content matters, keep a checksum of the data beside it, as the
+// chunk store does with its data hash (HashBlock).
 //
 // One block is packed or unpacked by one thread at a time; different blocks
 // may be worked on by different threads at once.

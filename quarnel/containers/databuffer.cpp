@@ -11,6 +11,14 @@
 
 namespace {
 
+// The element an out-of-range index refers to, one per thread and type; kept
+// out of the class so that it is no part of the exported interface.
+template <class T>
+T& Scratch() {
+  thread_local T scratch;
+  return scratch;
+}
+
 // Assertion lines of module "databuffer".
 constexpr int kLineZeroElement = 30;  // TDataBuffer with element size 0
 constexpr int kLineTooLarge = 45;     // a count whose bytes pass 32 bits
@@ -162,7 +170,7 @@ template <class T>
 T& TIntegerBuffer<T>::operator[](unsigned i) {
   if (i >= count()) {
     Debug("databuffer", kLineIndex);
-    thread_local T scratch;
+    T& scratch = Scratch<T>();
     scratch = 0;
     return scratch;
   }

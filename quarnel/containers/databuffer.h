@@ -16,7 +16,10 @@
 #ifndef QUARNEL_CONTAINERS_DATABUFFER_H_
 #define QUARNEL_CONTAINERS_DATABUFFER_H_
 
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
+#include <type_traits>
 
 #include "quarnel/datetime/tdate.h"
 #include "quarnel/foundation/export.h"
@@ -55,6 +58,48 @@ class QUARNEL_API TDataBuffer : public TMemory {
   // growth inserts nothing (null).
   void* Insert(const void* data, unsigned n, unsigned at);
 
+  // Range-for over the elements' addresses, one element size apart; valid
+  // until the buffer next changes size.
+  template <class Address>
+  class Iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = Address;
+    using difference_type = std::ptrdiff_t;
+    using pointer = void;
+    using reference = Address;
+
+    Iterator() = default;
+    Iterator(Address at, unsigned step) : at_(at), step_(step) {}
+    Address operator*() const { return at_; }
+    Iterator& operator++() {
+      at_ = static_cast<Address>(static_cast<Byte*>(at_) + step_);
+      return *this;
+    }
+    Iterator operator++(int) {
+      Iterator was(*this);
+      ++*this;
+      return was;
+    }
+    bool operator==(const Iterator& o) const { return at_ == o.at_; }
+
+   private:
+    using Byte = std::conditional_t<std::is_const_v<std::remove_pointer_t<Address>>,
+                                    const unsigned char, unsigned char>;
+    Address at_ = nullptr;
+    unsigned step_ = 0;
+  };
+  using iterator = Iterator<void*>;
+  using const_iterator = Iterator<const void*>;
+  iterator begin() { return {MemPtr(), elementSize_}; }
+  iterator end() {
+    return {MemPtr() + static_cast<std::size_t>(Count()) * elementSize_, elementSize_};
+  }
+  const_iterator begin() const { return {MemPtr(), elementSize_}; }
+  const_iterator end() const {
+    return {MemPtr() + static_cast<std::size_t>(Count()) * elementSize_, elementSize_};
+  }
+
  protected:
   // Whether n more elements keep the size within 32 bits (asserts when
   // not); false too with element size 0.
@@ -75,6 +120,12 @@ class QUARNEL_API TDateBuffer : public TDataBuffer {
   // Asserts only when i is not below the size in bytes (a deliberately loose
   // test), then returns GetAt(i): the date's address, or null beyond Count.
   TDate* operator[](unsigned i) const;
+
+  // Range-for over the dates; valid until the buffer next changes size.
+  TDate* begin() { return reinterpret_cast<TDate*>(MemPtr()); }
+  TDate* end() { return begin() + Count(); }
+  const TDate* begin() const { return reinterpret_cast<const TDate*>(MemPtr()); }
+  const TDate* end() const { return begin() + Count(); }
 };
 
 // The pattern the integer buffers share. Not used on its own.
@@ -89,9 +140,16 @@ class QUARNEL_API TIntegerBuffer : public TMemory {
   // Stores value at i; i >= count asserts and the value is lost.
   void SetAt(unsigned i, T value);
 
+  // Range-for over the elements; valid until the buffer next changes size.
+  T* begin() { return elements(); }
+  T* end() { return elements() + count(); }
+  const T* begin() const { return elements(); }
+  const T* end() const { return elements() + count(); }
+
  protected:
   unsigned count() const { return GetSize() / sizeof(T); }
-  T* elements() const { return reinterpret_cast<T*>(MemPtr()); }
+  T* elements() { return reinterpret_cast<T*>(MemPtr()); }
+  const T* elements() const { return reinterpret_cast<const T*>(MemPtr()); }
   // Grows by one element (SetSize(size + element size, -1)) and stores value
   // at the old count; a refused growth stores nothing.
   void add(T value);

@@ -113,20 +113,20 @@ int ElementSpace::LmNew(int size, int required) {
   return 0;
 }
 
-int ElementSpace::LmCount() { return isArea() ? rd(kOffCount) : 0; }
+int ElementSpace::LmCount() const { return isArea() ? rd(kOffCount) : 0; }
 
-int ElementSpace::LmAvail() {
+int ElementSpace::LmAvail() const {
   if (!isArea()) return 0;
   const long long gap =
       static_cast<long long>(rd(kOffStart)) - kEmptyAreaExtra - 4LL * rd(kOffCount);
   return static_cast<int>(gap & ~3LL);
 }
 
-int ElementSpace::LmPhys(int size) {
+int ElementSpace::LmPhys(int size) const {
   return size >= 0 && size < 0x40000000 ? static_cast<int>(Phys(size)) : 0;
 }
 
-int ElementSpace::LmOverhead(int n) {
+int ElementSpace::LmOverhead(int n) const {
   const int count = LmCount();
   if (n < 0 || static_cast<long long>(n) + count >= 0x40000001LL) return 0;
   // Computed exactly so, in 32 bits.
@@ -135,17 +135,17 @@ int ElementSpace::LmOverhead(int n) {
   return static_cast<int>((un + (un - empty)) * 4u);
 }
 
-int ElementSpace::LmFull() {
+int ElementSpace::LmFull() const {
   if (!isArea()) return 0;
   return static_cast<long long>(rd(kOffEnd)) - rd(kOffFreed) > 0x3FFF7FFF ? 1 : 0;
 }
 
-int ElementSpace::LmTest(int refnum) {
+int ElementSpace::LmTest(int refnum) const {
   if (!isArea() || refnum < 1 || refnum > rd(kOffCount)) return -1;
   return slot(refnum) != 0 ? 0 : -1;
 }
 
-int ElementSpace::LmSize(int refnum) {
+int ElementSpace::LmSize(int refnum) const {
   if (!isArea() || refnum < 1 || refnum > rd(kOffCount) || slot(refnum) == 0) {
     DebugLogf(kLogMisuse, "LmSize: ndex = %~d, not in range", refnum);
     return kErrLmBadArgument;
@@ -706,7 +706,7 @@ int ElementSpace::LmPreflight(int size) {
   return err;
 }
 
-int ElementSpace::LmValid() {
+int ElementSpace::LmValid() const {
   const unsigned char* p = MemPtr();
   const long long bufferSize = GetSize();
   const unsigned signature = bufferSize >= 4 ? LoadLE(p) : 0;
@@ -814,7 +814,7 @@ int ElementSpace::LmSetParms(int unit, int required) {
   return 0;
 }
 
-int ElementSpace::LmGetParms(int* unit, int* required) {
+int ElementSpace::LmGetParms(int* unit, int* required) const {
   const bool area = isArea();
   if (unit != nullptr) *unit = area ? rd(kOffBaseUnit) * 1024 : 0;
   if (required != nullptr) *required = area ? rd(kOffFlags) & kFlagRequired : 0;

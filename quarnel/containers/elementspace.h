@@ -36,20 +36,30 @@
 #define QUARNEL_CONTAINERS_ELEMENTSPACE_H_
 
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 
 #include "quarnel/foundation/export.h"
 #include "quarnel/foundation/tmemory.h"
 
 constexpr unsigned kLmSignature = 0x4C6D732E;  // 'Lms.'
 constexpr int kLmHeaderSize = 80;              // header and slot 0
+constexpr int kLmOffsetMask = 0x3FFFFFFF;      // a slot's offset bits
 
 class QUARNEL_API ElementSpace : public TMemory {
  public:
   // A TMemory of priority 2, then LmNew(size, required).
   ElementSpace(int size, int required);
   ~ElementSpace();
+  // Copies are byte copies of the area (it holds no pointers); a move takes
+  // the storage (TMemory's move). Pointers from LmGet stay valid across a
+  // move only while the area is not held inline (GetSize above 1,024 bytes).
+  ElementSpace(const ElementSpace& other) = default;
+  ElementSpace& operator=(const ElementSpace& other) = default;
+  ElementSpace(ElementSpace&& other) noexcept = default;
+  ElementSpace& operator=(ElementSpace&& other) noexcept = default;
 
   // Makes an empty area with room for `size` bytes (at least 1 KiB, in whole
   // KiB) and that growth unit. 0, or the sizing error after "LmNew: not
@@ -75,18 +85,18 @@ class QUARNEL_API ElementSpace : public TMemory {
   // (with a log line and an assertion) for a bad refnum.
   char* LmGet(int refnum);
   // The element's size, or -610.
-  int LmSize(int refnum);
+  int LmSize(int refnum) const;
   // 0 when refnum names an element, else -1.
-  int LmTest(int refnum);
-  int LmCount();
+  int LmTest(int refnum) const;
+  int LmCount() const;
   // Free room: the gap less one future slot and 4 bytes, rounded down to 4.
-  int LmAvail();
+  int LmAvail() const;
   // The physical size of a record of `size` bytes; 0 for a size out of range.
-  int LmPhys(int size);
+  int LmPhys(int size) const;
   // Slot bytes that `n` more elements would take; 0 for n out of range.
-  int LmOverhead(int n);
+  int LmOverhead(int n) const;
   // 1 when the live storage approaches the 1 GiB limit.
-  int LmFull();
+  int LmFull() const;
 
   // Mark and sweep: LmMark returns 1 when it set the mark, 0 when the mark
   // was set already; LmCollect removes every unmarked element.
@@ -106,17 +116,70 @@ class QUARNEL_API ElementSpace : public TMemory {
   int LmPreflight(int size);
   // 0 for a sound area, else one of twelve positive codes (not error codes),
   // each logged at 517.
-  int LmValid();
+  int LmValid() const;
   // Clears the lock count and the required flag, then LmValid.
   int LmRepair();
   // The growth unit in bytes and the required flag.
   int LmSetParms(int unit, int required);
-  int LmGetParms(int* unit, int* required);
+  int LmGetParms(int* unit, int* required) const;
   // LmAdd, LmSet and LmDupe with the required flag set for the one call; a
   // failure asserts.
   int LmAddAssert(const char* data, int size);
   int LmSetAssert(int refnum, int size);
   int LmDupeAssert(int refnum);
+
+  // Range-for over the elements in refnum order, empty slots skipped. Each
+  // step gives the refnum, the element's bytes (as LmGet) and its size; the
+  // addresses are valid until the next call that can move data. An area
+  // read from elsewhere is checked with LmValid first, as for LmGet.
+  template <class Byte>
+  struct ElementOf {
+    int refnum;
+    Byte* data;
+    int size;
+  };
+  template <class Space, class Byte>
+  class Iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = ElementOf<Byte>;
+    using difference_type = std::ptrdiff_t;
+    using pointer = void;
+    using reference = ElementOf<Byte>;
+
+    Iterator() = default;
+    Iterator(Space* space, int refnum) : space_(space), refnum_(refnum) { skip(); }
+    ElementOf<Byte> operator*() const {
+      const int offset = space_->slot(refnum_) & kLmOffsetMask;
+      return {refnum_, reinterpret_cast<Byte*>(space_->MemPtr() + offset + 4), space_->rd(offset)};
+    }
+    Iterator& operator++() {
+      ++refnum_;
+      skip();
+      return *this;
+    }
+    Iterator operator++(int) {
+      Iterator was(*this);
+      ++*this;
+      return was;
+    }
+    bool operator==(const Iterator& o) const { return refnum_ == o.refnum_; }
+
+   private:
+    void skip() {
+      const int count = space_->LmCount();
+      while (refnum_ <= count && space_->slot(refnum_) == 0) ++refnum_;
+      if (refnum_ > count) refnum_ = count + 1;
+    }
+    Space* space_ = nullptr;
+    int refnum_ = 1;
+  };
+  using iterator = Iterator<ElementSpace, char>;
+  using const_iterator = Iterator<const ElementSpace, const char>;
+  iterator begin() { return iterator(this, 1); }
+  iterator end() { return iterator(this, LmCount() + 1); }
+  const_iterator begin() const { return const_iterator(this, 1); }
+  const_iterator end() const { return const_iterator(this, LmCount() + 1); }
 
  protected:
   int lmSizer(int want);

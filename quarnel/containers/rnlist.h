@@ -63,8 +63,16 @@ class QUARNEL_API RNList : public TMemory {
   // addresses and `context`.
   int Sort(void* context, void* compare);
 
+  // Range-for over the entries, in order; valid until the list next changes
+  // size.
+  int* begin() { return entries(); }
+  int* end() { return entries() + Count(); }
+  const int* begin() const { return entries(); }
+  const int* end() const { return entries() + Count(); }
+
  private:
-  int* entries() const { return reinterpret_cast<int*>(MemPtr()); }
+  int* entries() { return reinterpret_cast<int*>(MemPtr()); }
+  const int* entries() const { return reinterpret_cast<const int*>(MemPtr()); }
   // Sets the count to n; false (unchanged) when the memory refuses.
   bool resize(int n);
 };

@@ -40,10 +40,20 @@ TDict::TDict(int size, int ordered)
   Reset(size);
 }
 
-TDict::TDict(TDict& other) : TDict(0, other.ordered_) { Ops::Copy(*this, other); }
+TDict::TDict(const TDict& other) : TDict(0, other.ordered_) { Ops::Copy(*this, other); }
 
-TDict& TDict::operator=(TDict& other) {
+TDict& TDict::operator=(const TDict& other) {
   if (this != &other) Ops::Copy(*this, other);
+  return *this;
+}
+
+TDict::TDict(TDict&& other) noexcept : TDict(0, other.ordered_) { Ops::Swap(*this, other); }
+
+TDict& TDict::operator=(TDict&& other) noexcept {
+  if (this != &other) {
+    Ops::Swap(*this, other);
+    other.Reset(0);
+  }
   return *this;
 }
 
@@ -52,12 +62,12 @@ TDict::~TDict() { delete tableMemory_; }
 void TDict::Reset(int size) { Ops::Reset(*this, size); }
 void TDict::Define(int key, int value) { Ops::Define(*this, key, value); }
 void TDict::Undefine(int key) { Ops::Undefine(*this, key); }
-int TDict::Lookup(int key) { return Ops::Lookup(*this, key); }
-int TDict::Find(int value) { return Ops::Find(*this, value); }
-int TDict::GetCount() { return Ops::Count(*this); }
-int TDict::GetIndKey(int i) { return Ops::IndKey(*this, i); }
-int TDict::GetIndData(int i) { return Ops::IndData(*this, i); }
-int TDict::LookupKeydex(int key) { return Ops::Keydex(*this, key); }
+int TDict::Lookup(int key) const { return Ops::Lookup(*this, key); }
+int TDict::Find(int value) const { return Ops::Find(*this, value); }
+int TDict::GetCount() const { return Ops::Count(*this); }
+int TDict::GetIndKey(int i) const { return Ops::IndKey(*this, i); }
+int TDict::GetIndData(int i) const { return Ops::IndData(*this, i); }
+int TDict::LookupKeydex(int key) const { return Ops::Keydex(*this, key); }
 void TDict::addTable(int key, int value) { Ops::Add(*this, key, value); }
 void TDict::delTable(int key) { Ops::Undefine(*this, key); }
 void TDict::checkRehash() { Ops::CheckRehash(*this); }
@@ -66,7 +76,7 @@ TDictShape TDict::Shape() const {
   return TDictShape{size_, mask_, shift_, used_, deleted_, lowWater_, highWater_, tombstoneLimit_};
 }
 
-TDictIter::TDictIter(TDict& dict) : dict_(dict), index_(-1), state_(0) { Reset(); }
+TDictIter::TDictIter(const TDict& dict) : dict_(dict), index_(-1), state_(0) { Reset(); }
 
 void TDictIter::Reset() { Ops::IterReset(*this); }
 

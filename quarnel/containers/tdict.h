@@ -30,6 +30,10 @@
 #ifndef QUARNEL_CONTAINERS_TDICT_H_
 #define QUARNEL_CONTAINERS_TDICT_H_
 
+#include <cstddef>
+#include <iterator>
+#include <utility>
+
 #include "quarnel/foundation/export.h"
 
 class TMemory;
@@ -37,6 +41,54 @@ namespace quarnel_internal {
 template <class D>
 struct DictOps;
 }
+
+namespace quarnel_dict {
+
+// Range-for over one dictionary (not its parents) as (key, value) pairs, in
+// TDictIter's order: key 0 first when it has a value, then the live slots in
+// ascending slot order. Valid until the dictionary next changes.
+template <class D, class K, class V>
+class PairIterator {
+ public:
+  using iterator_category = std::forward_iterator_tag;
+  using value_type = std::pair<K, V>;
+  using difference_type = std::ptrdiff_t;
+  using pointer = void;
+  using reference = std::pair<K, V>;
+
+  PairIterator() = default;
+  // index -1 is key 0, 0 .. size - 1 a slot, size the end.
+  PairIterator(const D* dict, int index) : dict_(dict), index_(index) { skip(); }
+
+  std::pair<K, V> operator*() const {
+    if (index_ < 0) return {K{0}, dict_->nullValue_};
+    return {dict_->table_[index_].key, dict_->table_[index_].value};
+  }
+  PairIterator& operator++() {
+    ++index_;
+    skip();
+    return *this;
+  }
+  PairIterator operator++(int) {
+    PairIterator was(*this);
+    ++*this;
+    return was;
+  }
+  bool operator==(const PairIterator& o) const { return index_ == o.index_; }
+
+ private:
+  void skip() {
+    if (index_ < 0) return;
+    while (index_ < dict_->size_ &&
+           (dict_->table_[index_].key == 0 || dict_->table_[index_].value == 0))
+      ++index_;
+  }
+
+  const D* dict_ = nullptr;
+  int index_ = 0;
+};
+
+}  // namespace quarnel_dict
 
 // The counters of a dictionary's table, for diagnostics and tests.
 struct TDictShape {
@@ -62,8 +114,13 @@ class QUARNEL_API TDict {
   // be one of the primes. `ordered` non-zero keeps probe chains descending.
   TDict(int size, int ordered);
   // Copies the entries, the counters, the ordered flag and the parent.
-  TDict(TDict& other);
-  TDict& operator=(TDict& other);
+  TDict(const TDict& other);
+  TDict& operator=(const TDict& other);
+  // Takes the table, counters, ordered flag and parent of `other`, which is
+  // left empty (its smallest table, no parent). Dictionaries that name
+  // `other` as their parent keep pointing at it.
+  TDict(TDict&& other) noexcept;
+  TDict& operator=(TDict&& other) noexcept;
   ~TDict();
 
   // Empties the dictionary (null value and parent too) and sizes the table
@@ -75,22 +132,22 @@ class QUARNEL_API TDict {
   void Undefine(int key);
   // Key's value from this dictionary, else from its parents in turn; 0 when
   // absent.
-  int Lookup(int key);
+  int Lookup(int key) const;
   // The key of the first live slot (lowest slot index) holding value, in
   // this dictionary only; 0 when value is 0, equals the null value or is
   // absent.
-  int Find(int value);
+  int Find(int value) const;
   // Live entries, key 0 included.
-  int GetCount();
+  int GetCount() const;
   // Key or value of the i-th live slot counted from slot 0; 0 for i < 0 or
   // beyond. GetIndData answers the null value for i equal to the number of
   // live slots.
-  int GetIndKey(int i);
-  int GetIndData(int i);
+  int GetIndKey(int i) const;
+  int GetIndData(int i) const;
   // The index (as GetIndKey counts) of key among the live slots; for key 0
   // the number of live slots; -1 when absent.
-  int LookupKeydex(int key);
-  TDict* GetParent() { return parent_; }
+  int LookupKeydex(int key) const;
+  TDict* GetParent() const { return parent_; }
   void SetParent(TDict* parent) { parent_ = parent; }
 
   // Diagnostics: the table's counters and its slots (Shape().size of them).
@@ -98,8 +155,15 @@ class QUARNEL_API TDict {
   const Slot* Slots() const { return table_; }
   int IsOrdered() const { return ordered_; }
 
+  // Range-for over the entries as (key, value) pairs:
+  //   for (auto [key, value] : dict) ...
+  using const_iterator = quarnel_dict::PairIterator<TDict, int, int>;
+  const_iterator begin() const { return const_iterator(this, nullValue_ != 0 ? -1 : 0); }
+  const_iterator end() const { return const_iterator(this, size_); }
+
  private:
   friend class TDictIter;
+  friend class quarnel_dict::PairIterator<TDict, int, int>;
   template <class D>
   friend struct quarnel_internal::DictOps;
 
@@ -129,7 +193,7 @@ class QUARNEL_API TDict {
 //   for (TDictIter it(dict); it; ++it) use(it.Key(), it.Data());
 class QUARNEL_API TDictIter {
  public:
-  explicit TDictIter(TDict& dict);
+  explicit TDictIter(const TDict& dict);
   void Reset();
   TDictIter& operator++();
   operator int() const;
@@ -140,7 +204,7 @@ class QUARNEL_API TDictIter {
   template <class D>
   friend struct quarnel_internal::DictOps;
 
-  TDict& dict_;
+  const TDict& dict_;
   int index_;
   int state_;  // -1 on key 0, else the number of live slots passed
 };

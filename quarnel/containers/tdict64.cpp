@@ -41,10 +41,22 @@ TDict64::TDict64(int size, int ordered)
   Reset(size);
 }
 
-TDict64::TDict64(TDict64& other) : TDict64(0, other.ordered_) { Ops64::Copy(*this, other); }
+TDict64::TDict64(const TDict64& other) : TDict64(0, other.ordered_) { Ops64::Copy(*this, other); }
 
-TDict64& TDict64::operator=(TDict64& other) {
+TDict64& TDict64::operator=(const TDict64& other) {
   if (this != &other) Ops64::Copy(*this, other);
+  return *this;
+}
+
+TDict64::TDict64(TDict64&& other) noexcept : TDict64(0, other.ordered_) {
+  Ops64::Swap(*this, other);
+}
+
+TDict64& TDict64::operator=(TDict64&& other) noexcept {
+  if (this != &other) {
+    Ops64::Swap(*this, other);
+    other.Reset(0);
+  }
   return *this;
 }
 
@@ -53,12 +65,12 @@ TDict64::~TDict64() { delete tableMemory_; }
 void TDict64::Reset(int size) { Ops64::Reset(*this, size); }
 void TDict64::Define(std::uint64_t key, std::uint64_t value) { Ops64::Define(*this, key, value); }
 void TDict64::Undefine(std::uint64_t key) { Ops64::Undefine(*this, key); }
-std::uint64_t TDict64::Lookup(std::uint64_t key) { return Ops64::Lookup(*this, key); }
-std::uint64_t TDict64::Find(std::uint64_t value) { return Ops64::Find(*this, value); }
-int TDict64::GetCount() { return Ops64::Count(*this); }
-std::uint64_t TDict64::GetIndKey(int i) { return Ops64::IndKey(*this, i); }
-std::uint64_t TDict64::GetIndData(int i) { return Ops64::IndData(*this, i); }
-int TDict64::LookupKeydex(std::uint64_t key) { return Ops64::Keydex(*this, key); }
+std::uint64_t TDict64::Lookup(std::uint64_t key) const { return Ops64::Lookup(*this, key); }
+std::uint64_t TDict64::Find(std::uint64_t value) const { return Ops64::Find(*this, value); }
+int TDict64::GetCount() const { return Ops64::Count(*this); }
+std::uint64_t TDict64::GetIndKey(int i) const { return Ops64::IndKey(*this, i); }
+std::uint64_t TDict64::GetIndData(int i) const { return Ops64::IndData(*this, i); }
+int TDict64::LookupKeydex(std::uint64_t key) const { return Ops64::Keydex(*this, key); }
 void TDict64::addTable(std::uint64_t key, std::uint64_t value) { Ops64::Add(*this, key, value); }
 void TDict64::delTable(std::uint64_t key) { Ops64::Undefine(*this, key); }
 void TDict64::checkRehash() { Ops64::CheckRehash(*this); }
@@ -67,7 +79,7 @@ TDictShape TDict64::Shape() const {
   return TDictShape{size_, mask_, shift_, used_, deleted_, lowWater_, highWater_, tombstoneLimit_};
 }
 
-TDict64Iter::TDict64Iter(TDict64& dict) : dict_(dict), index_(-1), state_(0) { Reset(); }
+TDict64Iter::TDict64Iter(const TDict64& dict) : dict_(dict), index_(-1), state_(0) { Reset(); }
 
 void TDict64Iter::Reset() { Ops64::IterReset(*this); }
 

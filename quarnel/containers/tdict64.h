@@ -26,20 +26,23 @@ class QUARNEL_API TDict64 {
   };
 
   TDict64(int size, int ordered);
-  TDict64(TDict64& other);
-  TDict64& operator=(TDict64& other);
+  // Copies and moves as TDict does.
+  TDict64(const TDict64& other);
+  TDict64& operator=(const TDict64& other);
+  TDict64(TDict64&& other) noexcept;
+  TDict64& operator=(TDict64&& other) noexcept;
   ~TDict64();
 
   void Reset(int size);
   void Define(std::uint64_t key, std::uint64_t value);
   void Undefine(std::uint64_t key);
-  std::uint64_t Lookup(std::uint64_t key);
-  std::uint64_t Find(std::uint64_t value);
-  int GetCount();
-  std::uint64_t GetIndKey(int i);
-  std::uint64_t GetIndData(int i);
-  int LookupKeydex(std::uint64_t key);
-  TDict64* GetParent() { return parent_; }
+  std::uint64_t Lookup(std::uint64_t key) const;
+  std::uint64_t Find(std::uint64_t value) const;
+  int GetCount() const;
+  std::uint64_t GetIndKey(int i) const;
+  std::uint64_t GetIndData(int i) const;
+  int LookupKeydex(std::uint64_t key) const;
+  TDict64* GetParent() const { return parent_; }
   void SetParent(TDict64* parent) { parent_ = parent; }
 
   // Diagnostics: the table's counters and its slots (Shape().size of them).
@@ -47,8 +50,14 @@ class QUARNEL_API TDict64 {
   const Slot* Slots() const { return table_; }
   int IsOrdered() const { return ordered_; }
 
+  // Range-for over the entries as (key, value) pairs, as over a TDict.
+  using const_iterator = quarnel_dict::PairIterator<TDict64, std::uint64_t, std::uint64_t>;
+  const_iterator begin() const { return const_iterator(this, nullValue_ != 0 ? -1 : 0); }
+  const_iterator end() const { return const_iterator(this, size_); }
+
  private:
   friend class TDict64Iter;
+  friend class quarnel_dict::PairIterator<TDict64, std::uint64_t, std::uint64_t>;
   template <class D>
   friend struct quarnel_internal::DictOps;
 
@@ -75,7 +84,7 @@ class QUARNEL_API TDict64 {
 // value, then the live slots in ascending slot order.
 class QUARNEL_API TDict64Iter {
  public:
-  explicit TDict64Iter(TDict64& dict);
+  explicit TDict64Iter(const TDict64& dict);
   void Reset();
   TDict64Iter& operator++();
   operator int() const;
@@ -86,7 +95,7 @@ class QUARNEL_API TDict64Iter {
   template <class D>
   friend struct quarnel_internal::DictOps;
 
-  TDict64& dict_;
+  const TDict64& dict_;
   int index_;
   int state_;  // -1 on key 0, else the number of live slots passed
 };

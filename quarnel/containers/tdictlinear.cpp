@@ -18,7 +18,7 @@ TDictLinear::TDictLinear() : count_(0), parent_(nullptr), capacity_(0), array_(n
   resize(kInitialRoom);
 }
 
-TDictLinear::TDictLinear(TDictLinear& other)
+TDictLinear::TDictLinear(const TDictLinear& other)
     : count_(0), parent_(other.parent_), capacity_(0), array_(nullptr) {
   if (!resize(other.count_)) return;
   count_ = other.count_;
@@ -26,7 +26,7 @@ TDictLinear::TDictLinear(TDictLinear& other)
   if (n != 0 && other.array_ != nullptr) BlockMove(other.array_, array_, n);
 }
 
-TDictLinear& TDictLinear::operator=(TDictLinear& other) {
+TDictLinear& TDictLinear::operator=(const TDictLinear& other) {
   if (this == &other) return *this;
   // The own block is forgotten, not freed: kept as the library has it.
   count_ = 0;
@@ -37,6 +37,31 @@ TDictLinear& TDictLinear::operator=(TDictLinear& other) {
   count_ = other.count_;
   const unsigned n = std::min(capacity_, other.capacity_);
   if (n != 0 && other.array_ != nullptr) BlockMove(other.array_, array_, n);
+  return *this;
+}
+
+TDictLinear::TDictLinear(TDictLinear&& other) noexcept
+    : count_(other.count_),
+      parent_(other.parent_),
+      capacity_(other.capacity_),
+      array_(other.array_) {
+  other.count_ = 0;
+  other.parent_ = nullptr;
+  other.capacity_ = 0;
+  other.array_ = nullptr;
+}
+
+TDictLinear& TDictLinear::operator=(TDictLinear&& other) noexcept {
+  if (this == &other) return *this;
+  MemFree(array_);
+  count_ = other.count_;
+  parent_ = other.parent_;
+  capacity_ = other.capacity_;
+  array_ = other.array_;
+  other.count_ = 0;
+  other.parent_ = nullptr;
+  other.capacity_ = 0;
+  other.array_ = nullptr;
   return *this;
 }
 
@@ -67,7 +92,7 @@ bool TDictLinear::resize(int delta) {
 }
 
 // The position (1..count) of key, 0 when absent.
-int TDictLinear::search(int key) {
+int TDictLinear::search(int key) const {
   if (array_ == nullptr) return 0;
   array_[0].key = key;
   int i = count_;
@@ -106,9 +131,9 @@ void TDictLinear::Undefine(int key) {
   --count_;
 }
 
-int TDictLinear::Lookup(int key) {
+int TDictLinear::Lookup(int key) const {
   int depth = 0;
-  for (TDictLinear* d = this; d != nullptr; d = d->parent_) {
+  for (const TDictLinear* d = this; d != nullptr; d = d->parent_) {
     if (++depth > kMaxParentDepth) {
       Debug("dictlinear", kLineParentCycle);
       return 0;
@@ -119,9 +144,9 @@ int TDictLinear::Lookup(int key) {
   return 0;
 }
 
-int TDictLinear::LookupKeydex(int key) { return search(key) - 1; }
+int TDictLinear::LookupKeydex(int key) const { return search(key) - 1; }
 
-int TDictLinear::Find(int value) {
+int TDictLinear::Find(int value) const {
   if (array_ == nullptr) return 0;
   array_[0].key = 0;
   array_[0].value = value;
@@ -130,12 +155,12 @@ int TDictLinear::Find(int value) {
   return array_[i].key;
 }
 
-int TDictLinear::GetIndKey(int i) {
+int TDictLinear::GetIndKey(int i) const {
   if (i >= count_ || i < -1 || array_ == nullptr) return 0;
   return array_[i + 1].key;
 }
 
-int TDictLinear::GetIndData(int i) {
+int TDictLinear::GetIndData(int i) const {
   if (i >= count_ || i < -1 || array_ == nullptr) return 0;
   return array_[i + 1].value;
 }

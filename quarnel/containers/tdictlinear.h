@@ -24,10 +24,15 @@ class QUARNEL_API TDictLinear {
 
   TDictLinear();  // empty, room for 10 entries
   // The source's entries and parent; room for exactly its entries.
-  TDictLinear(TDictLinear& other);
+  TDictLinear(const TDictLinear& other);
   // As the copy constructor, after forgetting (not freeing) the own block.
   // Assigning a dictionary to itself changes nothing.
-  TDictLinear& operator=(TDictLinear& other);
+  TDictLinear& operator=(const TDictLinear& other);
+  // Takes the block, entries and parent of `other`, which is left empty with
+  // no block (its next change makes one). Move assignment frees this
+  // dictionary's own block first.
+  TDictLinear(TDictLinear&& other) noexcept;
+  TDictLinear& operator=(TDictLinear&& other) noexcept;
   ~TDictLinear();
 
   // Empties the dictionary and forgets the parent; room for 10 entries.
@@ -39,17 +44,17 @@ class QUARNEL_API TDictLinear {
   void Undefine(int key);
   // The value from this dictionary, else from its parents in turn; 0 when
   // absent.
-  int Lookup(int key);
+  int Lookup(int key) const;
   // The 0-based entry index of key, -1 when absent.
-  int LookupKeydex(int key);
+  int LookupKeydex(int key) const;
   // The key of the last entry holding value; 0 when none (and for value 0).
-  int Find(int value);
+  int Find(int value) const;
   // Key or value of entry i (0-based) when i < count, else 0. Index -1 reads
   // the search sentinel; below -1 the answer is 0.
-  int GetIndKey(int i);
-  int GetIndData(int i);
-  int GetCount() { return count_; }
-  TDictLinear* GetParent() { return parent_; }
+  int GetIndKey(int i) const;
+  int GetIndData(int i) const;
+  int GetCount() const { return count_; }
+  TDictLinear* GetParent() const { return parent_; }
   // Setting the dictionary as its own parent asserts (dictlinear 207) and is
   // refused.
   void SetParent(TDictLinear* parent);
@@ -58,9 +63,14 @@ class QUARNEL_API TDictLinear {
   unsigned Capacity() const { return capacity_; }
   const Pair* Array() const { return array_; }
 
+  // Range-for over the entries (pairs 1..count), in the order they are
+  // stored. Valid until the dictionary next changes.
+  const Pair* begin() const { return array_ != nullptr ? array_ + 1 : nullptr; }
+  const Pair* end() const { return array_ != nullptr ? array_ + 1 + count_ : nullptr; }
+
  private:
   bool resize(int delta);
-  int search(int key);
+  int search(int key) const;
 
   int count_;
   TDictLinear* parent_;

@@ -23,6 +23,36 @@ TList::TList() : head_(nullptr), sentinel_(&sentinelNode_), count_(0) {
   head_ = sentinel_;
 }
 
+TList::TList(TList&& other) noexcept : TList() {
+  TMonitorHold hold(other);
+  takeNodes(other);
+}
+
+TList& TList::operator=(TList&& other) noexcept {
+  if (&other == this) return *this;
+  TMonitorHold own(*this);
+  Clear();
+  TMonitorHold hold(other);
+  takeNodes(other);
+  return *this;
+}
+
+void TList::takeNodes(TList& other) {
+  if (!other.checkRing(kLineRing) || other.count_ == 0) return;
+  Node* first = other.head_;
+  Node* last = other.sentinel_->prev;
+  first->prev = sentinel_;
+  last->next = sentinel_;
+  sentinel_->next = first;
+  sentinel_->prev = last;
+  head_ = first;
+  count_.store(other.count_.load(std::memory_order_relaxed), std::memory_order_relaxed);
+  other.sentinel_->next = other.sentinel_;
+  other.sentinel_->prev = other.sentinel_;
+  other.head_ = other.sentinel_;
+  other.count_.store(0, std::memory_order_relaxed);
+}
+
 TList::~TList() {
   Clear();
   if (head_ != sentinel_) Debug("list", kLineDestroy);
@@ -95,8 +125,8 @@ std::intptr_t TList::RemoveLast() {
   return RemoveAt(count_ - 1);
 }
 
-void* TList::GetAtRaw(int index) {
-  TMonitorHold hold(*this);
+void* TList::GetAtRaw(int index) const {
+  TMonitorHold hold(monitor());
   if (!checkRing(kLineRing)) return nullptr;
   if (index < 0 || index >= count_) {
     Debug("list", kLineRawIndex);
@@ -105,14 +135,14 @@ void* TList::GetAtRaw(int index) {
   return index == count_ - 1 ? sentinel_->prev : nodeAt(index);
 }
 
-std::intptr_t TList::GetAt(int index) {
+std::intptr_t TList::GetAt(int index) const {
   void* node = GetAtRaw(index);
   return node == nullptr ? 0 : Item(node);
 }
 
-std::intptr_t TList::GetFirst() { return GetAt(0); }
-std::intptr_t TList::GetLast() {
-  TMonitorHold hold(*this);
+std::intptr_t TList::GetFirst() const { return GetAt(0); }
+std::intptr_t TList::GetLast() const {
+  TMonitorHold hold(monitor());
   return GetAt(count_ - 1);
 }
 
@@ -122,8 +152,8 @@ void TList::Clear() {
 }
 
 // The sought item goes into the sentinel, so the walk needs no bound check.
-int TList::Find(std::intptr_t item) {
-  TMonitorHold hold(*this);
+int TList::Find(std::intptr_t item) const {
+  TMonitorHold hold(monitor());
   if (!checkRing(kLineRing)) return -1;
   sentinel_->item = item;
   int index = 0;
@@ -154,7 +184,7 @@ void* TList::Next(void* position) const {
 
 std::intptr_t TList::Item(void* position) { return static_cast<Node*>(position)->item; }
 
-std::intptr_t TList::FindIf(Predicate pred, void** position) {
+std::intptr_t TList::FindIf(Predicate pred, void** position) const {
   void* node = (position == nullptr || *position == nullptr) ? First() : Next(*position);
   for (; node != nullptr; node = Next(node)) {
     if (pred(Item(node)) != 0) {
@@ -189,14 +219,14 @@ void TList::FilterIf(Predicate pred) {
   kept.Clear();
 }
 
-TList& TList::operator+=(TList& other) {
+TList& TList::operator+=(const TList& other) {
   for (void* node = other.First(); node != nullptr; node = other.Next(node)) {
     if (Find(Item(node)) < 0) AddFirst(Item(node));
   }
   return *this;
 }
 
-TList& TList::operator-=(TList& other) {
+TList& TList::operator-=(const TList& other) {
   if (&other == this) {  // removing every item of itself: walking it while removing would not work
     Clear();
     return *this;

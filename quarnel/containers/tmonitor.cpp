@@ -38,16 +38,19 @@ TMonitor::~TMonitor() {
   older_ = kDestroyedLink;
 }
 
+// The lock is taken at the first entry and released at the last exit; the
+// entries between only count. Only the holder finds its own list's address
+// in owner_, so the test needs no ordering.
 int TMonitor::Enter() {
+  if (owner_.load(std::memory_order_relaxed) == &t_mostRecent) return ++count_;
   lock_.lock();
-  if (++count_ == 1) {
-    owner_.store(&t_mostRecent, std::memory_order_relaxed);
-    newer_ = nullptr;
-    older_ = t_mostRecent;
-    if (older_ != nullptr) older_->newer_ = this;
-    t_mostRecent = this;
-  }
-  return count_;
+  owner_.store(&t_mostRecent, std::memory_order_relaxed);
+  count_ = 1;
+  newer_ = nullptr;
+  older_ = t_mostRecent;
+  if (older_ != nullptr) older_->newer_ = this;
+  t_mostRecent = this;
+  return 1;
 }
 
 // Leaving a monitor the thread does not hold asserts and changes nothing:
@@ -61,8 +64,8 @@ int TMonitor::Exit() {
   if (count == 0) {
     unlink();
     owner_.store(nullptr, std::memory_order_relaxed);
+    lock_.unlock();
   }
-  lock_.unlock();
   return count;
 }
 

@@ -43,11 +43,14 @@ class QUARNEL_API TMonitor {
  private:
   void unlink();
 
-  std::recursive_mutex lock_;
-  std::atomic<const void*> owner_{nullptr};  // the holding thread, by its list pointer's address
-  int count_;
-  TMonitor* newer_;
-  TMonitor* older_;
+  // Mutable: the lock is no part of the value of what it guards, so that
+  // const queries of a list may hold it.
+  mutable std::mutex lock_;  // held from the first entry to the last exit
+  mutable std::atomic<const void*> owner_{
+      nullptr};  // the holding thread, by its list pointer's address
+  mutable int count_;
+  mutable TMonitor* newer_;
+  mutable TMonitor* older_;
 };
 
 // The address of the calling thread's pointer to the monitor it entered most

@@ -52,10 +52,17 @@ TQueue::TQueue(int capacity) : TQueue() {
   SetSize(static_cast<unsigned>(capacity));
 }
 
-TQueue::TQueue(TQueue& other) : TQueue() { copyFrom(other); }
+TQueue::TQueue(const TQueue& other) : TQueue() { copyFrom(other); }
 
-TQueue& TQueue::operator=(TQueue& other) {
+TQueue& TQueue::operator=(const TQueue& other) {
   copyFrom(other);
+  return *this;
+}
+
+TQueue::TQueue(TQueue&& other) noexcept : TQueue() { moveFrom(other); }
+
+TQueue& TQueue::operator=(TQueue&& other) noexcept {
+  if (this != &other) moveFrom(other);
   return *this;
 }
 
@@ -64,7 +71,16 @@ TQueue::~TQueue() {
   monitor_ = nullptr;
 }
 
-void TQueue::copyFrom(TQueue& other) {
+void TQueue::moveFrom(TQueue& other) {
+  TMonitorHold hold(*other.monitor_);
+  TMemory::operator=(static_cast<TMemory&&>(other));
+  head_ = other.head_;
+  dataSize_.store(other.DataSize(), std::memory_order_relaxed);
+  other.head_ = 0;
+  other.dataSize_.store(0, std::memory_order_relaxed);
+}
+
+void TQueue::copyFrom(const TQueue& other) {
   TMonitorHold hold(*other.monitor_);
   TMemory::operator=(other);
   if (GetSize() == other.GetSize()) {

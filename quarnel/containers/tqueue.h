@@ -25,10 +25,16 @@ class QUARNEL_API TQueue : public TMemory {
   // Copies storage, head and size under the source's monitor; the copy has
   // a monitor of its own. When the storage cannot be sized, the copy is an
   // empty queue (the TMemory error stays in CheckError).
-  TQueue(TQueue& other);
+  TQueue(const TQueue& other);
   // As the copy constructor, holding only the source's monitor; the own
   // monitor stays.
-  TQueue& operator=(TQueue& other);
+  TQueue& operator=(const TQueue& other);
+  // Take the storage (TMemory's move), head and size of `other` under its
+  // monitor; `other` is left an empty queue of capacity 0. Each queue keeps
+  // a monitor of its own; assignment holds only the source's, as copying
+  // does.
+  TQueue(TQueue&& other) noexcept;
+  TQueue& operator=(TQueue&& other) noexcept;
   // Deletes the monitor, then the storage.
   ~TQueue();
 
@@ -68,7 +74,8 @@ class QUARNEL_API TQueue : public TMemory {
   TMonitor& Monitor() { return *monitor_; }
 
  private:
-  void copyFrom(TQueue& other);
+  void copyFrom(const TQueue& other);
+  void moveFrom(TQueue& other);
 
   unsigned head_;
   std::atomic<unsigned> dataSize_;

@@ -79,17 +79,22 @@ void TInterval::Set(int days, int hours, int minutes, int seconds, int milliseco
 }
 
 void TInterval::normalize() {
-  long long d = static_cast<long long>(days_) + milliseconds_ / kMsPerDay;
-  long long ms = milliseconds_ % kMsPerDay;
+  // In the fields' own 32-bit arithmetic: a carry past the day limit wraps, and
+  // the sign fix then works on the wrapped days, so the result always keeps
+  // the invariant and a second normalisation changes nothing.
+  constexpr std::int32_t kDay = kMsPerDay;
+  std::int32_t d = static_cast<std::int32_t>(static_cast<std::uint32_t>(days_) +
+                                             static_cast<std::uint32_t>(milliseconds_ / kDay));
+  std::int32_t ms = milliseconds_ % kDay;
   if (d > 0 && ms < 0) {
     d -= 1;
-    ms += kMsPerDay;
+    ms += kDay;
   } else if (d < 0 && ms > 0) {
     d += 1;
-    ms -= kMsPerDay;
+    ms -= kDay;
   }
-  days_ = static_cast<std::int32_t>(d);
-  milliseconds_ = static_cast<std::int32_t>(ms);
+  days_ = d;
+  milliseconds_ = ms;
 }
 
 int TInterval::GetDays() {

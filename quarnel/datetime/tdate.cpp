@@ -282,10 +282,20 @@ int TDate::Export(void* buf, int size) const {
 }
 
 int TDate::Import(const void* buf, int size) {
-  TDate fields = *this;
-  const int r =
-      quarnel_internal::ImportDateRecord(buf, size, kDateSignature, &fields, sizeof(TDate));
-  if (r > 0) *this = fields;
+  TDate f = *this;
+  const int r = quarnel_internal::ImportDateRecord(buf, size, kDateSignature, &f, sizeof(TDate));
+  if (r <= 0) return r;
+  // Fields outside what the setters accept mark a damaged record. Second 60
+  // passes: MakeEven writes it on purpose.
+  if (f.year_ < 1 || f.year_ > 4000 || f.month_ < 1 || f.month_ > 12 || f.day_ < 1 || f.day_ > 31 ||
+      f.hour_ > 23 || f.minute_ > 59 || f.second_ > 60 || f.millisecond_ > 999) {
+    DebugLogf(kLogInternalData, "TDate::Import: bad date %~d-%~d-%~d %~d:%~d:%~d.%~d",
+              static_cast<int>(f.year_), static_cast<int>(f.month_), static_cast<int>(f.day_),
+              static_cast<int>(f.hour_), static_cast<int>(f.minute_), static_cast<int>(f.second_),
+              static_cast<int>(f.millisecond_));
+    return kErrInvalidData;
+  }
+  *this = f;
   return r;
 }
 

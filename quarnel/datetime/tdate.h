@@ -23,7 +23,7 @@
 // setter keeps only the low eight bits of its argument (999 is stored as
 // 231), and every path that sets milliseconds goes through it: dates built
 // from fields, from a SYSTEMTIME or by arithmetic carry milliseconds modulo
-// 256. Only Import and assignment place a full 16-bit value. Kept so on
+// 256. Only Import and assignment place a value above 255. Kept so on
 // purpose: stored dates of the existing applications depend on it.
 //
 // Arithmetic (+, -, +=, -= with a TDateStep or a TInterval) builds a fresh
@@ -272,8 +272,11 @@ class QUARNEL_API TDate {
 
   // Persistence. StoreSize is 24. Export: -695 when size is below 24, else
   // the header and the 16 bytes; returns 24. Import: -696 when size is below
-  // 24, the header check's code (-690 .. -694) when it refuses, else the 16
-  // bytes are copied as they are; returns 24.
+  // 24, the header check's code (-690 .. -694) when it refuses, -1124 with
+  // the line "TDate::Import: bad date ..." (517) for a field outside year
+  // 1..4000, month 1..12, day 1..31, hour 0..23, minute 0..59, second 0..60,
+  // millisecond 0..999; else the 16 bytes are copied as they are; returns 24.
+  // A refused record leaves the date as it was.
   int StoreSize() const { return 24; }
   int Export(void* buf, int size) const;
   int Import(const void* buf, int size);

@@ -604,13 +604,13 @@ TEST_F(TDateTest, ExportWritesTheTaggedRecord) {
 }
 
 TEST_F(TDateTest, ImportReadsOwnRecordsAndRefusesOthersWithTheirCodes) {
-  // A record written by hand: 9999-99-99 with millisecond 999 and reserved
-  // 0x5A, which no setter would make, reads as it stands.
-  const Bytes good = {0x2E, 0x65, 0x74, 0x44, 0x00, 0x01, 0x00, 0x01, 0x34, 0x12, 0x0F, 0x27,
-                      0x63, 0x63, 0xE7, 0x03, 0x3B, 0x3B, 0x17, 0x5A, 0x05, 0x00, 0xC4, 0xFF};
+  // A record written by hand: millisecond 999 and reserved 0x5A, which no
+  // setter would make, read as they stand.
+  const Bytes good = {0x2E, 0x65, 0x74, 0x44, 0x00, 0x01, 0x00, 0x01, 0x34, 0x12, 0xA0, 0x0F,
+                      0x0C, 0x1F, 0xE7, 0x03, 0x3B, 0x3B, 0x17, 0x5A, 0x05, 0x00, 0xC4, 0xFF};
   TDate t;
   EXPECT_EQ(t.Import(good.data(), 24), 24);
-  EXPECT_EQ(Of(t), (F{9999, 99, 99, 23, 59, 59, 999}));
+  EXPECT_EQ(Of(t), (F{4000, 12, 31, 23, 59, 59, 999}));
   EXPECT_EQ(t.GetFlags(), 0x1234);
   EXPECT_EQ(t.GetTimezone(), 5);
   EXPECT_EQ(t.GetGMTOffset(), -60);
@@ -634,6 +634,12 @@ TEST_F(TDateTest, ImportReadsOwnRecordsAndRefusesOthersWithTheirCodes) {
   tooNew[5] = 0x02;  // compatible version 512
   Bytes badSig = good;
   badSig[3] = 0xC4;
+  // A field out of its range: the byte at an offset set to a value.
+  auto with = [&](std::initializer_list<std::pair<int, int>> set) {
+    Bytes b = good;
+    for (auto [at, v] : set) b[static_cast<std::size_t>(at)] = static_cast<unsigned char>(v);
+    return b;
+  };
   const Row rows[] = {
       {"short", good, 23, kErrImportDataTooShort},
       {"empty", good, 0, kErrImportDataTooShort},
@@ -641,6 +647,16 @@ TEST_F(TDateTest, ImportReadsOwnRecordsAndRefusesOthersWithTheirCodes) {
       {"other byte order", bigEndian, 24, kErrPersistOtherByteOrder},
       {"too new", tooNew, 24, kErrPersistTooNew},
       {"malformed signature", badSig, 24, kErrPersistBadSignature},
+      {"year 0", with({{10, 0}, {11, 0}}), 24, kErrInvalidData},
+      {"year 4001", with({{10, 0xA1}}), 24, kErrInvalidData},
+      {"month 0", with({{12, 0}}), 24, kErrInvalidData},
+      {"month 77 day 200 hour 99", with({{12, 77}, {13, 200}, {18, 99}}), 24, kErrInvalidData},
+      {"day 0", with({{13, 0}}), 24, kErrInvalidData},
+      {"day 32", with({{13, 32}}), 24, kErrInvalidData},
+      {"hour 24", with({{18, 24}}), 24, kErrInvalidData},
+      {"minute 60", with({{17, 60}}), 24, kErrInvalidData},
+      {"second 61", with({{16, 61}}), 24, kErrInvalidData},
+      {"millisecond 1000", with({{14, 0xE8}}), 24, kErrInvalidData},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
@@ -648,13 +664,27 @@ TEST_F(TDateTest, ImportReadsOwnRecordsAndRefusesOthersWithTheirCodes) {
     EXPECT_EQ(keep.Import(r.bytes.data(), r.size), r.code);
     EXPECT_EQ(Of(keep), (F{2024, 3, 5, 14, 7, 9, 42}));
   }
+  EXPECT_EQ(Lines()[0], (LogLine{517, "", "TDate::Import: bad date 0-12-31 23:59:59.999"}));
+  EXPECT_EQ(Lines()[3], (LogLine{517, "", "TDate::Import: bad date 4000-77-200 99:59:59.999"}));
+  EXPECT_EQ(Lines().size(), 10u);
   TDate keep;
   EXPECT_EQ(keep.Import(nullptr, 24), kErrImportDataTooShort);
-  // Export and Import round-trip any fields.
+  // Every date the setters make without asserting, and MakeEven's second
+  // 60, round-trip; so do any flags, time zone and offset.
   std::mt19937 rng(3);
   for (int i = 0; i < 1000; ++i) {
-    Bytes rec = good;
-    for (int k = 8; k < 24; ++k) rec[k] = static_cast<unsigned char>(rng());
+    auto u = [&](unsigned lo, unsigned hi) {
+      return static_cast<unsigned short>(lo + rng() % (hi - lo + 1));
+    };
+    TDate d(u(1, 4000), u(1, 12), u(1, 31), u(0, 23), u(0, 59), u(0, 59), u(0, 999));
+    d.SetFlags(u(0, 0xFFFF), 0);
+    d.SetTimezone(u(0, 0xFFFF));
+    d.SetGMTOffset(u(0, 0xFFFF));
+    if (i % 10 == 0) {
+      d.SetSecond(59);
+      d.MakeEven();
+    }
+    const Bytes rec = ExportBytes(d);
     TDate r;
     ASSERT_EQ(r.Import(rec.data(), 24), 24);
     ASSERT_EQ(ExportBytes(r), rec);

@@ -368,6 +368,10 @@ int GetThreadCount() {
   return proc ? proc() : 1;
 }
 
+bool quarnel_internal::HasEnumThreadsHook() {
+  return g_enumThreads.load(std::memory_order_acquire) != nullptr;
+}
+
 int EnumThreads(int index, TThdDescriptor* thread) {
   if (EnumThreadsProc proc = g_enumThreads.load(std::memory_order_acquire))
     return proc(index, thread);

@@ -105,14 +105,13 @@ QUARNEL_API int DefaultQueryf(int style, const TString* format, const Args* args
 namespace quarnel_internal {
 // The query entry points; `variadic` chooses the wording of the "no UI
 // available" line of the input queries.
-QUARNEL_API int QueryfChoose(int style, unsigned* choice, TString* choices, const TString* format,
-                             const Args* args, bool variadic);
-QUARNEL_API int QueryfText(int style, unsigned maxLength, TString* text, const TString* format,
-                           const Args* args, bool variadic);
-QUARNEL_API int QueryfDate(int style, TDate* date, const TString* format, const Args* args,
-                           bool variadic);
+int QueryfChoose(int style, unsigned* choice, TString* choices, const TString* format,
+                 const Args* args, bool variadic);
+int QueryfText(int style, unsigned maxLength, TString* text, const TString* format,
+               const Args* args, bool variadic);
+int QueryfDate(int style, TDate* date, const TString* format, const Args* args, bool variadic);
 // The message-box style (buttons and default button) of an alert style word.
-QUARNEL_API unsigned AlertButtonStyle(int style);
+unsigned AlertButtonStyle(int style);
 }  // namespace quarnel_internal
 
 // Without a hook the input queries log "Queryf(choose...): no UI available"
@@ -227,6 +226,11 @@ QUARNEL_API int ProcessScriptErr(int a, int b, TString* c, TString* d, TString* 
                                  TString* g, TString* h);
 // Without a hook: 1.
 QUARNEL_API int GetThreadCount();
+namespace quarnel_internal {
+// True when the host installed an EnumThreads hook (the crash report then
+// lists the host's threads instead of the system's).
+bool HasEnumThreadsHook();
+}  // namespace quarnel_internal
 // Without a hook: resets `thread`, stores the calling thread's id and handle
 // in it and returns 1.
 QUARNEL_API int EnumThreads(int index, TThdDescriptor* thread);

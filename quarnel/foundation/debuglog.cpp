@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "quarnel/foundation/alert.h"
+#include "quarnel/foundation/crashreport.h"
 #include "quarnel/platform/debugout.h"
 #include "quarnel/text/sprintf.h"
 #include "quarnel/text/tstring.h"
@@ -60,6 +61,7 @@ void Assertion(const char* file, int line, const TString* text) {
   if (AssertionObserverProc observer = g_observer.load(std::memory_order_acquire)) {
     observer(module, line, message);
   }
+  quarnel_internal::ReportAssertion(message);
 }
 
 }  // namespace
@@ -70,6 +72,10 @@ void HookDebugLogf(DebugLogfProc proc) { g_log.store(proc, std::memory_order_rel
 int DebugLogfArgs(unsigned level, const char* format, const Args* args) {
   DebugLogfCharProc proc = g_logChar.load(std::memory_order_acquire);
   return proc ? proc(level, format, args) : 0;
+}
+
+bool quarnel_internal::DebugLogCharHooked() {
+  return g_logChar.load(std::memory_order_acquire) != nullptr;
 }
 
 int DebugLogfArgs(unsigned level, const TString* format, const Args* args) {

@@ -75,15 +75,23 @@ QUARNEL_API void FormatLogLine(TString* out, const char* format, const Args* arg
 // writes "Assertion failure at "module-line"" and a line feed to the debugger
 // output; the three-argument form writes the same without the line feed, and
 // its full message (", " and the text in 8-bit characters appended) is cut to
-// 2048 bytes. Both close the splash screen, hand the message to the observer
-// (the crash report) and return: the caller goes on with its next statement.
+// 2048 bytes. Both close the splash screen, hand the message to the observer,
+// write the crash report (code E0000000, "ASSERTION", the message as error
+// info; see crashreport.h) and return: the caller goes on with its next
+// statement.
 QUARNEL_API void Debug(const char* file, int line);
 QUARNEL_API void Debug(const char* file, int line, const TString* text);
 
 // Sees every assertion after it was written to the debugger output: the
-// module (base name), the line and the full message. The crash report and
-// the tests use it; null removes the observer. Returns the previous one.
+// module (base name), the line and the full message. The tests use it; null
+// removes the observer. Returns the previous one.
 using AssertionObserverProc = void (*)(const char* module, int line, const char* message);
-QUARNEL_API AssertionObserverProc SetAssertionObserver(AssertionObserverProc proc);
+AssertionObserverProc SetAssertionObserver(AssertionObserverProc proc);
+
+namespace quarnel_internal {
+// Whether a narrow log hook is installed: work done only for a log line (a
+// timing, say) can be skipped without one.
+bool DebugLogCharHooked();
+}  // namespace quarnel_internal
 
 #endif  // QUARNEL_FOUNDATION_DEBUGLOG_H_

@@ -103,7 +103,21 @@ void* Reallocate(void* p, unsigned size, bool fill) {
     return p;
   }
   const std::int32_t old = h->size;
-  auto* n = static_cast<BlockHeader*>(UHeapReAlloc(0, h, sizeof(BlockHeader) + size));
+  // An unfilled block (the string class's buffer, grown a step at a time)
+  // grows into what the heap already gave it without a call, and otherwise
+  // asks the heap for half as much again as it held, so that the next steps
+  // fit. The size asked for is what MemSize and the counters show.
+  std::size_t request = sizeof(BlockHeader) + size;
+  if (!fill && size > static_cast<unsigned>(old)) {
+    if (quarnel_internal::HeapUsableSize(h) >= request) {
+      h->size = static_cast<std::int32_t>(size);
+      Count(0, static_cast<std::int64_t>(size) - old);
+      return p;
+    }
+    const unsigned ahead = std::min(static_cast<unsigned>(old) / 2 * 3, kMemLargestRequest);
+    request = sizeof(BlockHeader) + std::max(size, ahead);
+  }
+  auto* n = static_cast<BlockHeader*>(UHeapReAlloc(0, h, request));
   if (n == nullptr) {
     if (UHeapValidate()) {
       UHeapCompact();
@@ -253,20 +267,37 @@ int MemByteCount() {
   return static_cast<int>(static_cast<std::uint32_t>(g_counters.load(std::memory_order_relaxed)));
 }
 
+namespace {
+
+// A null pointer with a non-zero count asserts and the call does nothing.
+constexpr int kLineNullMove = 364;
+constexpr int kLineNullFill = 377;
+constexpr int kLineNullZero = 389;
+constexpr int kLineNullCompare = 402;
+
+bool NullWithBytes(const void* a, const void* b, long long n, int line) {
+  if (n <= 0 || (a != nullptr && b != nullptr)) return false;
+  Debug("memutil", line);
+  return true;
+}
+
+}  // namespace
+
 void BlockMove(const void* from, void* to, unsigned n) {
-  if (n != 0) std::memmove(to, from, n);
+  if (n != 0 && !NullWithBytes(from, to, n, kLineNullMove)) std::memmove(to, from, n);
 }
 
 void BlockFill(void* p, unsigned n, unsigned char value) {
-  if (n != 0) std::memset(p, value, n);
+  if (n != 0 && !NullWithBytes(p, p, n, kLineNullFill)) std::memset(p, value, n);
 }
 
 void ZeroFill(void* p, unsigned n) {
-  if (n != 0) std::memset(p, 0, n);
+  if (n != 0 && !NullWithBytes(p, p, n, kLineNullZero)) std::memset(p, 0, n);
 }
 
 int EqualBlock(const void* a, const void* b, int n) {
   if (n <= 0) return 1;
+  if (NullWithBytes(a, b, n, kLineNullCompare)) return 0;
   return std::memcmp(a, b, static_cast<std::size_t>(n)) == 0 ? 1 : 0;
 }
 

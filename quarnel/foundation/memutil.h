@@ -8,6 +8,8 @@
 //
 // The block utilities are the library's names for copy, fill and compare.
 // BlockMove takes the source first, deliberately the reverse of memmove.
+// A null pointer with a count above 0 asserts (module memutil) and nothing is
+// touched; EqualBlock then answers 0.
 #ifndef QUARNEL_FOUNDATION_MEMUTIL_H_
 #define QUARNEL_FOUNDATION_MEMUTIL_H_
 
@@ -64,13 +66,13 @@ namespace quarnel_internal {
 // MemAlloc and MemRealloc without the zero fill, for callers that write every
 // byte they later read (TString's storage). Same header, counters, limits and
 // assertions.
-QUARNEL_API void* MemAllocUnfilled(unsigned size);
-QUARNEL_API void* MemReallocUnfilled(void* p, unsigned size);
+void* MemAllocUnfilled(unsigned size);
+void* MemReallocUnfilled(void* p, unsigned size);
 
 // The memory lock: the TMonitor that guards MemAvail's measurement, the
 // memory report, and the TMemory statistics and purgeable list. Made on first
 // use and never destroyed, so that it outlives every block.
-QUARNEL_API TMonitor& MemoryLock();
+TMonitor& MemoryLock();
 
 }  // namespace quarnel_internal
 

@@ -145,8 +145,15 @@ TEST_F(MemTest, RandomOperationsMatchModel) {
       Live& l = live[rng() % live.size()];
       const unsigned size = rng() % 5000;
       total += static_cast<long>(size) - static_cast<long>(l.bytes.size());
-      l.p = static_cast<unsigned char*>(MemRealloc(l.p, size));
-      l.bytes.resize(size, 0);
+      // Half the time unfilled, as strings grow: the new bytes are then written.
+      const bool fill = rng() % 2 == 0;
+      l.p = static_cast<unsigned char*>(fill ? MemRealloc(l.p, size)
+                                             : quarnel_internal::MemReallocUnfilled(l.p, size));
+      for (std::size_t i = l.bytes.size(); i < size && !fill; ++i)
+        l.p[i] = static_cast<unsigned char>(i);
+      for (std::size_t i = l.bytes.size(); i < size; ++i)
+        l.bytes.push_back(fill ? 0 : static_cast<unsigned char>(i));
+      l.bytes.resize(size);
     } else {
       const std::size_t i = rng() % live.size();
       ASSERT_EQ(MemSize(live[i].p), live[i].bytes.size());
@@ -499,6 +506,22 @@ TEST_F(MemTest, MemDebugReportAndBreaks) {
   MemDebug(1);
   EXPECT_EQ(UDebugBreakCount(), breaks + 1);
   EXPECT_TRUE(Lines().empty());
+}
+
+TEST_F(MemTest, NullBlocksAssertAndAreLeftAlone) {
+  unsigned char b[4] = {1, 2, 3, 4};
+  BlockMove(nullptr, b, 4);
+  BlockMove(b, nullptr, 4);
+  BlockFill(nullptr, 4, 9);
+  ZeroFill(nullptr, 4);
+  EXPECT_EQ(EqualBlock(b, nullptr, 4), 0);
+  BlockMove(nullptr, nullptr, 0);  // nothing to do, nothing to say
+  EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{{"memutil", 364, ""},
+                                                      {"memutil", 364, ""},
+                                                      {"memutil", 377, ""},
+                                                      {"memutil", 389, ""},
+                                                      {"memutil", 402, ""}}));
+  EXPECT_EQ(b[0] + b[3], 5);
 }
 
 }  // namespace

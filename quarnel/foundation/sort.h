@@ -24,8 +24,8 @@ QUARNEL_API void Sort(void* records, unsigned count, unsigned size, void* contex
 namespace quarnel_internal {
 
 // Sort as it runs when no buffer can be had: merging in place.
-QUARNEL_API void SortInPlace(void* records, unsigned count, unsigned size, void* context,
-                             SortCompareProc compare);
+void SortInPlace(void* records, unsigned count, unsigned size, void* context,
+                 SortCompareProc compare);
 
 }  // namespace quarnel_internal
 

@@ -146,15 +146,65 @@ TMemory::TMemory() { init(2); }
 
 TMemory::TMemory(short priority) { init(priority); }
 
-TMemory::TMemory(TMemory& other) {
+TMemory::TMemory(const TMemory& other) {
   init(other.priority_);
   if (SetSize(other.size_, -1) == 0) BlockMove(other.data_, data_, other.size_);
 }
 
-TMemory& TMemory::operator=(TMemory& other) {
+TMemory& TMemory::operator=(const TMemory& other) {
   SetPriority(other.priority_);
   if (SetSize(other.size_, -1) == 0 && &other != this) BlockMove(other.data_, data_, other.size_);
   return *this;
+}
+
+TMemory::TMemory(TMemory&& other) noexcept {
+  init(other.priority_);
+  takeFrom(other);
+}
+
+TMemory& TMemory::operator=(TMemory&& other) noexcept {
+  if (&other == this) return *this;
+  SetFlags(0, kTMemPurgeable);
+  mhdealloc();
+  takeFrom(other);
+  return *this;
+}
+
+// The counters do not change: the same storage, size and purgeable bytes
+// belong to another object now.
+void TMemory::takeFrom(TMemory& other) {
+  Shared& g = G();
+  std::optional<TMonitorHold> hold;
+  if ((other.flags_ & kTMemPurgeable) != 0) {
+    hold.emplace(g.monitor);
+    const int at = g.purgeable.Find(reinterpret_cast<std::intptr_t>(&other));
+    if (at >= 0) {
+      g.purgeable.RemoveAt(at);
+      g.purgeable.AddAt(reinterpret_cast<std::intptr_t>(this), at);
+    }
+  }
+  if (other.data_ == other.inline_) {
+    // The whole 8-byte steps: bytes past the size within the last step keep
+    // their values, as they do when the size changes within a step.
+    std::memcpy(inline_, other.inline_, static_cast<std::size_t>(Aligned(other.size_)));
+    data_ = inline_;
+  } else {
+    data_ = other.data_;
+  }
+  size_ = other.size_;
+  priority_ = other.priority_;
+  flags_ = other.flags_;
+  lastError_ = other.lastError_;
+  reserved_ = other.reserved_;
+  committed_ = other.committed_;
+  dirty_ = other.dirty_;
+  other.data_ = other.inline_;
+  other.size_ = 0;
+  other.flags_ = 0;
+  other.lastError_ = 0;
+  other.reserved_ = 0;
+  other.committed_ = 0;
+  other.dirty_ = 0;
 }
 
 // The purgeable flag is cleared before the storage is released (the reverse

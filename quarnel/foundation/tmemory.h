@@ -37,13 +37,23 @@ class QUARNEL_API TMemory {
   TMemory();                         // priority 2, size 0
   explicit TMemory(short priority);  // a priority outside 0..2 asserts and is kept
   // Same priority and bytes as `other`; on a sizing failure the bytes are not
-  // copied and the error stays in CheckError.
-  TMemory(TMemory& other);
-  TMemory& operator=(TMemory& other);
+  // copied and the error stays in CheckError. Flags are not copied.
+  TMemory(const TMemory& other);
+  TMemory& operator=(const TMemory& other);
+  // Takes the storage of `other` (heap or virtual storage changes hands; an
+  // inline block's bytes are copied), with its size, priority and flags;
+  // `other` is left empty (size 0, inline, flags 0, its priority kept). A
+  // purgeable block's place on the purge list passes to this block, so the
+  // oldest-first order holds; the whole move runs under the memory monitor
+  // then, so that no purge empties either block halfway. Move assignment
+  // first releases this block's own storage (and its place on the list).
+  TMemory(TMemory&& other) noexcept;
+  TMemory& operator=(TMemory&& other) noexcept;
   ~TMemory();
 
   unsigned GetSize() const { return size_; }
-  unsigned char* MemPtr() const { return data_; }
+  unsigned char* MemPtr() { return data_; }
+  const unsigned char* MemPtr() const { return data_; }
   // Resizes keeping the first min(old, new) bytes; new bytes are zero,
   // except that a size within the same 8-byte step only records the size
   // (the bytes keep their values). `priority` -1 means the block's own;
@@ -79,6 +89,10 @@ class QUARNEL_API TMemory {
 
  private:
   struct Change;  // counter changes of one resize, applied under the monitor
+
+  // Moves the storage, size, priority and flags of `other` into this block,
+  // which holds no storage and is off the purge list.
+  void takeFrom(TMemory& other);
 
   void init(short priority);
   int mhalloc(unsigned size, short priority);

@@ -14,6 +14,7 @@
 #include "quarnel/platform/env.h"
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/internal/codepage_tables.h"
+#include "quarnel/platform/internal/utf8step.h"
 #include "quarnel/platform/lasterror.h"
 
 using quarnel_internal::SbcsTable;
@@ -146,12 +147,38 @@ class Iconv {
     return r == static_cast<std::size_t>(-1) ? errno : 0;
   }
   void Flush(char** out, std::size_t* outLen) { iconv(cd_, nullptr, nullptr, out, outLen); }
+  iconv_t raw() const { return cd_; }
 
  private:
   iconv_t cd_;
 };
 
-std::string IconvName(unsigned codePage) { return "CP" + std::to_string(codePage); }
+std::string IconvName(unsigned codePage) {
+  return codePage == kCpUtf7 ? "UTF-7" : "CP" + std::to_string(codePage);
+}
+
+// Whether iconv converts the page both ways.
+bool IconvKnows(unsigned codePage) {
+  const std::string name = IconvName(codePage);
+  return Iconv(NativeUtf16(), name.c_str()).ok() && Iconv(name.c_str(), NativeUtf16()).ok();
+}
+
+// Whether every byte of an iconv page is a character of its own (or no
+// character): no byte waits for a follower.
+bool IconvSingleByte(unsigned codePage) {
+  Iconv cd(NativeUtf16(), IconvName(codePage).c_str());
+  for (unsigned b = 0; b < 256; ++b) {
+    const char in = static_cast<char>(b);
+    const char* ip = &in;
+    std::size_t il = 1;
+    char16_t out[4];
+    char* op = reinterpret_cast<char*>(out);
+    std::size_t ol = sizeof out;
+    iconv(cd.raw(), nullptr, nullptr, nullptr, nullptr);
+    if (cd.Step(&ip, &il, &op, &ol) == EINVAL) return false;
+  }
+  return true;
+}
 
 // Pages whose WideCharToMultiByte refuses a default character or a
 // usedDefault flag (87), as Windows does for the stateful and the
@@ -301,50 +328,15 @@ int Utf8ToWide(const unsigned char* s, int len, char16_t* dst, int cap, bool str
       }
       continue;
     }
-    int need;                       // continuation bytes
-    unsigned lo = 0x80, hi = 0xBF;  // range of the second byte
-    unsigned cp;
-    if (b >= 0xC2 && b <= 0xDF) {
-      need = 1;
-      cp = b & 0x1F;
-    } else if (b >= 0xE0 && b <= 0xEF) {
-      need = 2;
-      cp = b & 0x0F;
-      if (b == 0xE0) lo = 0xA0;
-      if (b == 0xED) hi = 0x9F;  // no surrogates
-    } else if (b >= 0xF0 && b <= 0xF4) {
-      need = 3;
-      cp = b & 0x07;
-      if (b == 0xF0) lo = 0x90;
-      if (b == 0xF4) hi = 0x8F;  // nothing above U+10FFFF
-    } else {
-      need = -1;
-      cp = 0;
-    }
-    int taken = 1;
-    bool good = need > 0;
-    for (int k = 1; good && k <= need; ++k) {
-      if (i + k >= len) {
-        good = false;
-        break;
-      }
-      const unsigned c = s[i + k];
-      const unsigned l = k == 1 ? lo : 0x80, h = k == 1 ? hi : 0xBF;
-      if (c < l || c > h) {
-        good = false;
-        break;
-      }
-      cp = cp << 6 | (c & 0x3F);
-      ++taken;
-    }
-    if (!good) {
+    char32_t cp;
+    const int taken = quarnel_internal::Utf8Next(s + i, static_cast<std::size_t>(len - i), &cp);
+    if (cp == quarnel_internal::kNoCharacter) {
       if (strict) return Fail(kErrNoUnicodeTranslation);
       if (!out.Put(kReplacement)) break;
     } else if (cp >= 0x10000) {
-      cp -= 0x10000;
-      if (!out.Put2(static_cast<char16_t>(0xD800 + (cp >> 10)),
-                    static_cast<char16_t>(0xDC00 + (cp & 0x3FF))))
-        break;
+      char16_t pair[2];
+      quarnel_internal::Utf16Put(cp, pair);
+      if (!out.Put2(pair[0], pair[1])) break;
     } else if (!out.Put(static_cast<char16_t>(cp))) {
       break;
     }
@@ -479,32 +471,14 @@ int WideToUtf8(const char16_t* src, int len, char* dst, int cap, bool strict) {
       }
       continue;
     }
-    if (u < 0x800) {
-      if (!out.Put2(static_cast<char>(0xC0 | u >> 6), static_cast<char>(0x80 | (u & 0x3F)))) break;
-      continue;
-    }
-    int units = 1;
-    if (IsHighSurrogate(static_cast<char16_t>(u)) && i + 1 < len && IsLowSurrogate(src[i + 1])) {
-      u = 0x10000 + ((u - 0xD800) << 10) + (src[i + 1] - 0xDC00);
-      units = 2;
-    } else if (u >= 0xD800 && u <= 0xDFFF) {
+    char32_t cp;
+    const int units = quarnel_internal::Utf16Next(src + i, static_cast<std::size_t>(len - i), &cp);
+    if (cp == quarnel_internal::kNoCharacter) {
       if (strict) return Fail(kErrNoUnicodeTranslation);
-      u = kReplacement;
+      cp = kReplacement;
     }
     char b[4];
-    int k;
-    if (u < 0x10000) {
-      b[0] = static_cast<char>(0xE0 | u >> 12);
-      b[1] = static_cast<char>(0x80 | (u >> 6 & 0x3F));
-      b[2] = static_cast<char>(0x80 | (u & 0x3F));
-      k = 3;
-    } else {
-      b[0] = static_cast<char>(0xF0 | u >> 18);
-      b[1] = static_cast<char>(0x80 | (u >> 12 & 0x3F));
-      b[2] = static_cast<char>(0x80 | (u >> 6 & 0x3F));
-      b[3] = static_cast<char>(0x80 | (u & 0x3F));
-      k = 4;
-    }
+    const int k = quarnel_internal::Utf8Put(cp, b);
     if (!out.Room(k)) break;
     if (cap) std::memcpy(dst + out.n, b, static_cast<std::size_t>(k));
     out.n += k;
@@ -655,6 +629,42 @@ int UWideCharToMultiByte(unsigned codePage, unsigned flags, const char16_t* src,
     return WideTo932(*t, src, srcLen, dst, dstLen, flags, def, usedDefault);
   }
   return WideToIconv(cp, src, srcLen, dst, dstLen, def, usedDefault);
+}
+
+int UGetCPInfo(unsigned codePage, UCPINFO* info) {
+  if (info == nullptr) return Fail(kErrInvalidParameter);
+  const unsigned cp = ResolveCodePage(codePage);
+  unsigned size = 0;
+  if (cp == kCpUtf8) {
+    size = 4;
+  } else if (cp == kCpUtf7) {
+    size = IconvKnows(cp) ? 5 : 0;
+  } else if (TableFor(cp) != nullptr) {
+    size = 1;
+  } else if (cp == kCp932) {
+    size = Cp932Tables() != nullptr ? 2 : 0;
+  } else if (IconvKnows(cp)) {
+    if (IsDbcsLead(cp, 0x81)) {
+      size = 2;
+    } else if (IconvSingleByte(cp)) {
+      size = 1;
+    }  // other multi-byte pages are not described
+  }
+  if (size == 0) return Fail(kErrInvalidParameter);
+  *info = UCPINFO{};
+  info->MaxCharSize = size;
+  info->DefaultChar[0] = kDefaultByte;
+  // Lead bytes as ranges (first, last), ended by a pair of zeros.
+  unsigned n = 0;
+  for (unsigned b = 0; b < 256 && n + 2 < sizeof info->LeadByte; ++b) {
+    if (!IsDbcsLead(cp, static_cast<unsigned char>(b))) continue;
+    unsigned last = b;
+    while (last < 255 && IsDbcsLead(cp, static_cast<unsigned char>(last + 1))) ++last;
+    info->LeadByte[n++] = static_cast<unsigned char>(b);
+    info->LeadByte[n++] = static_cast<unsigned char>(last);
+    b = last;
+  }
+  return 1;
 }
 
 int UIsDBCSLeadByteEx(unsigned codePage, unsigned char byte) {

@@ -1,4 +1,4 @@
-// Code pages, with Win32 meaning (GetACP, MultiByteToWideChar,
+// Code pages, with Win32 meaning (GetACP, GetCPInfo, MultiByteToWideChar,
 // WideCharToMultiByte, IsDBCSLeadByteEx).
 //
 // UTF-8 (65001), 1252 and 10000 (Mac Roman; code page 2, CP_MACCP, is 10000)
@@ -6,7 +6,8 @@
 // included: a table lookup per byte or unit, no allocation. 932 (Shift-JIS)
 // through glibc's "CP932" converter, corrected where Windows differs (its
 // tables are built once, on first use, from any thread). Other pages through
-// iconv as "CP<n>"; a page iconv does not know fails with 87. CP_ACP and
+// iconv as "CP<n>" (65000 as "UTF-7"); a page iconv does not know fails
+// with 87. CP_ACP and
 // CP_THREAD_ACP are the environment record's page, CP_OEMCP is 437.
 //
 // Both conversions: a source length of -1 converts up to and including the
@@ -46,6 +47,7 @@ enum : unsigned {
   kCp932 = 932,
   kCp1252 = 1252,
   kCpMacRoman = 10000,
+  kCpUtf7 = 65000,
   kCpUtf8 = 65001,
 };
 
@@ -84,6 +86,21 @@ QUARNEL_API int UMultiByteToWideChar(unsigned codePage, unsigned flags, const ch
 QUARNEL_API int UWideCharToMultiByte(unsigned codePage, unsigned flags, const char16_t* src,
                                      int srcLen, char* dst, int dstLen, const char* defaultChar,
                                      int* usedDefault);
+// Win32 CPINFO.
+struct UCPINFO {
+  unsigned MaxCharSize;          // bytes of the longest character
+  unsigned char DefaultChar[2];  // what an unconvertible unit becomes
+  unsigned char LeadByte[12];    // lead-byte ranges (first, last), ended by 0, 0
+};
+
+// Win32 GetCPInfo: 1 and *info filled for a page the conversions support and
+// can describe: 65001 (4 bytes), 65000 (5), 1252 and 10000 (1), 932 (2, lead
+// bytes 81..9F and E0..FC), 936, 949 and 950 (2, lead bytes 81..FE), and
+// other iconv pages whose bytes each stand alone (1). The default character
+// is '?' on every page. Otherwise 0 with last error 87 (also for a null
+// `info`), *info untouched.
+QUARNEL_API int UGetCPInfo(unsigned codePage, UCPINFO* info);
+
 // 1 when `byte` starts a double-byte character of the page (932, and the
 // lead ranges 81..FE of 936, 949 and 950); 0 for every other page.
 QUARNEL_API int UIsDBCSLeadByteEx(unsigned codePage, unsigned char byte);

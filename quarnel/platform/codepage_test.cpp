@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <random>
@@ -580,6 +581,52 @@ TEST_F(CodePageTest, FaultSeamFailsChosenCalls) {
   EXPECT_EQ(UWideCharToMultiByte(kCpUtf8, 0, u"ab", 2, narrow, 8, nullptr, nullptr), 0);
   EXPECT_EQ(UGetLastError(), 1113u);
   EXPECT_EQ(UWideCharToMultiByte(kCpUtf8, 0, u"ab", 2, narrow, 8, nullptr, nullptr), 2);
+}
+
+TEST_F(CodePageTest, CodePageInfoAgreesWithWindows) {
+  QuarnelEnv()->acp = kCp1252;
+  struct Row {
+    unsigned cp;
+    int ret;
+    unsigned size;
+    std::string leads;  // the LeadByte array up to its two zeros
+  } const rows[] = {
+      // As Windows answers.
+      {1252, 1, 1, ""},
+      {10000, 1, 1, ""},
+      {2, 1, 1, ""},
+      {932, 1, 2, "\x81\x9F\xE0\xFC"},
+      {437, 1, 1, ""},
+      {850, 1, 1, ""},
+      {65001, 1, 4, ""},
+      {65000, 1, 5, ""},
+      {42, 0, 0, ""},
+      // The system pages, and the double-byte pages the lead-byte test knows.
+      {kCpAcp, 1, 1, ""},
+      {kCpOemCp, 1, 1, ""},
+      {936, 1, 2, "\x81\xFE"},
+      {950, 1, 2, "\x81\xFE"},
+      {12345, 0, 0, ""},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.cp);
+    UCPINFO info;
+    std::memset(&info, 0xEE, sizeof info);
+    USetLastError(0);
+    ASSERT_EQ(UGetCPInfo(r.cp, &info), r.ret);
+    if (r.ret == 0) {
+      EXPECT_EQ(UGetLastError(), 87u);
+      EXPECT_EQ(info.MaxCharSize, 0xEEEEEEEEu);
+      continue;
+    }
+    EXPECT_EQ(info.MaxCharSize, r.size);
+    EXPECT_EQ(info.DefaultChar[0], '?');
+    EXPECT_EQ(info.DefaultChar[1], 0);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(info.LeadByte), r.leads.size() + 2),
+              r.leads + std::string(2, '\0'));
+  }
+  EXPECT_EQ(UGetCPInfo(kCp1252, nullptr), 0);
+  EXPECT_EQ(ToWide(65000, "Hi+AN8-"), u"Hi\u00DF");
 }
 
 }  // namespace

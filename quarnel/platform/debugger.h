@@ -13,6 +13,6 @@ QUARNEL_API int UIsDebuggerPresent();
 QUARNEL_API void UDebugBreak();
 
 // Test seam: the number of UDebugBreak calls so far.
-QUARNEL_API int UDebugBreakCount();
+int UDebugBreakCount();
 
 #endif  // QUARNEL_PLATFORM_DEBUGGER_H_

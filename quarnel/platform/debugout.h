@@ -7,9 +7,9 @@
 QUARNEL_API void UOutputDebugStringA(const char* text);
 
 // Sends debugger output to `sink` instead of standard error (null restores
-// standard error). Returns the previous sink. Tests use it to read and to
-// quieten the output.
+// standard error). Returns the previous sink. A test seam: the library's tests
+// use it to read and to quieten the output; it is not exported.
 using DebugOutputSink = void (*)(const char* text);
-QUARNEL_API DebugOutputSink USetDebugOutputSink(DebugOutputSink sink);
+DebugOutputSink USetDebugOutputSink(DebugOutputSink sink);
 
 #endif  // QUARNEL_PLATFORM_DEBUGOUT_H_

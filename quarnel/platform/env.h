@@ -75,6 +75,18 @@ QUARNEL_API std::uint64_t QuarnelAvailPhysMemory();
 // exists afterwards, 0 otherwise (the last error says why).
 QUARNEL_API int QuarnelMakeLogFolder();
 
+// The drive map (drivemap.h): drive `letter` ('A'..'Z', either case) becomes
+// the host folder `hostFolder` (made absolute against the current host
+// folder); null or "" removes the drive. Any thread, at any time: calls made
+// afterwards see the new map. Returns 1, or 0 for a letter outside A..Z.
+QUARNEL_API int QuarnelSetDrive(char16_t letter, const char* hostFolder);
+// The host folder of a drive, "" when the letter is not mapped.
+QUARNEL_API std::string QuarnelGetDrive(char16_t letter);
+// The host folder under which \\server\share lives ("/net" unless
+// QUARNEL_UNC_ROOT or this call said otherwise).
+QUARNEL_API void QuarnelSetUncRoot(const char* hostFolder);
+QUARNEL_API std::string QuarnelGetUncRoot();
+
 namespace quarnel_internal {
 // The code page a locale name's codeset implies: 65001 for "xx_YY.UTF-8",
 // "C.utf8" and the like, 1252 for anything else (empty, "C", "POSIX").

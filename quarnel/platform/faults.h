@@ -6,6 +6,10 @@
 // A failing call does what the real call does when it fails: it returns its
 // failure value and sets the last error. When no fault is armed the check is
 // one relaxed atomic load.
+//
+// The arming calls are exported: they are the library's testing interface for
+// a host's own tests. The umbrella header leaves this header out; UShouldFail
+// is the library's own check and is not exported.
 #ifndef QUARNEL_PLATFORM_FAULTS_H_
 #define QUARNEL_PLATFORM_FAULTS_H_
 
@@ -29,6 +33,20 @@ enum class UCall : int {
   kLoadLibrary,   // ULoadLibrary and ULoadLibraryEx
   kFreeLibrary,   // UFreeLibrary
   kLoadResource,  // ULoadResource
+  kCloseHandle,   // UCloseHandle, UFindClose (the handle stays open)
+  kGetFileInformationByHandle,
+  kDeleteFile,
+  kCopyFile,
+  kMoveFile,
+  kCreateDirectory,
+  kRemoveDirectory,
+  kGetFileAttributes,
+  kSetFileAttributes,
+  kFindFirstFile,
+  kFindNextFile,
+  kGetTempFileName,
+  kGetVolumeInformation,  // UGetVolumeInformation, USetVolumeLabel
+  kGetDiskFreeSpace,      // UGetDiskFreeSpace and UGetDiskFreeSpaceEx
   kCount
 };
 
@@ -38,6 +56,6 @@ QUARNEL_API void UFailCall(UCall call, int nth, unsigned winerr, int repeat = 1)
 // Disarms every fault.
 QUARNEL_API void UClearFaults();
 // For U-functions: true when this call must fail; *winerr gets the error.
-QUARNEL_API bool UShouldFail(UCall call, unsigned* winerr);
+bool UShouldFail(UCall call, unsigned* winerr);
 
 #endif  // QUARNEL_PLATFORM_FAULTS_H_

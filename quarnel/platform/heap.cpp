@@ -37,7 +37,7 @@ void* UHeapReAlloc(unsigned flags, void* block, std::size_t bytes) {
     USetLastError(winerr);
     return nullptr;
   }
-  const std::size_t old = block ? malloc_usable_size(block) : 0;
+  const std::size_t old = block && (flags & kHeapZeroMemory) ? malloc_usable_size(block) : 0;
   void* p = std::realloc(block, bytes ? bytes : 1);
   if (p == nullptr) {
     USetLastError(kErrNotEnoughMemory);
@@ -46,6 +46,10 @@ void* UHeapReAlloc(unsigned flags, void* block, std::size_t bytes) {
   if ((flags & kHeapZeroMemory) && bytes > old)
     std::memset(static_cast<char*>(p) + old, 0, bytes - old);
   return p;
+}
+
+std::size_t quarnel_internal::HeapUsableSize(void* block) {
+  return block ? malloc_usable_size(block) : 0;
 }
 
 int UHeapFree(void* block) {

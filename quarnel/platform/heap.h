@@ -27,6 +27,12 @@ QUARNEL_API std::size_t UHeapCompact();
 // (their memory stays readable, as a Win32 heap's freed block stays until it
 // is reused); turning it off frees them. Lets a test reach a second free
 // of the same block under AddressSanitizer.
-QUARNEL_API void USetHeapFreeDeferred(int on);
+void USetHeapFreeDeferred(int on);
+
+namespace quarnel_internal {
+// The bytes of a heap block that may be used: at least what was asked for,
+// often a little more (the allocator's rounding). 0 for null.
+std::size_t HeapUsableSize(void* block);
+}  // namespace quarnel_internal
 
 #endif  // QUARNEL_PLATFORM_HEAP_H_

@@ -352,6 +352,8 @@ TEST(CompareString, OrdersAccentsLettersAndOtherUnits) {
       {u"\u00E9", u"f", 0x1000, 1},
       {u"E", u"\u00E9", 0x1000, 1},
       {u"\u00E9", u"\u00E8", 0x1000, 1},  // acute before grave
+      {u"\u0131", u"\u0130", 0x1000, 1},  // dotless i before I with dot
+      {u"\u0131", u"\u0130", 0x1001, 1},
       {u"\u00E9", u"\u00C9", 0x1001, 2},
       {u"r\u00E9sum\u00E9", u"resume", 0x1001, 3},
       {u"r\u00E9sum\u00E9", u"resumes", 0x1001, 1},  // letters decide before accents

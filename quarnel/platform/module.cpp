@@ -18,6 +18,7 @@
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/internal/elffile.h"
 #include "quarnel/platform/lasterror.h"
+#include "quarnel/platform/utf8.h"
 
 struct UModule {
   enum class Kind { kShared, kDataFile, kHost };
@@ -36,6 +37,7 @@ constexpr unsigned kErrorInvalidHandle = 6;
 constexpr unsigned kErrorInvalidData = 13;
 constexpr unsigned kErrorBadParameter = 87;
 constexpr unsigned kErrorModNotFound = 126;
+constexpr unsigned kErrorProcNotFound = 127;
 constexpr unsigned kErrorBadExeFormat = 193;
 constexpr unsigned kErrorResourceTypeNotFound = 1813;
 constexpr unsigned kErrorResourceNameNotFound = 1814;
@@ -44,6 +46,29 @@ constexpr std::uint64_t kMaxBlobBytes = 256ull << 20;
 
 std::mutex g_lock;  // the table of loaded modules and their reference counts
 std::atomic<unsigned> g_generation{0};
+
+// Every call into the dynamic loader runs under this lock. The loader keeps
+// its own lock, but takes it inside the C library where ThreadSanitizer does
+// not see it; the loader's own bookkeeping (a module's open count, its
+// link map, freed at the last dlclose) then reads as a race between threads
+// that load and free the same module. Held the same way, this lock adds no
+// waiting the loader's lock does not already impose, and it is recursive
+// because a module's constructors may load modules too. It is never taken
+// while g_lock is held.
+std::recursive_mutex& LoaderLock() {
+  static auto* lock = new std::recursive_mutex;  // used until the process ends
+  return *lock;
+}
+
+void* LoaderOpen(const char* path, int flags) {
+  std::lock_guard<std::recursive_mutex> hold(LoaderLock());
+  return dlopen(path, flags);
+}
+
+void LoaderClose(void* dl) {
+  std::lock_guard<std::recursive_mutex> hold(LoaderLock());
+  dlclose(dl);
+}
 
 std::vector<UModule*>& Modules() {
   static auto* modules = new std::vector<UModule*>;
@@ -55,79 +80,10 @@ unsigned Fail(unsigned winerr) {
   return winerr;
 }
 
-// UTF-16 to UTF-8 (a lone surrogate becomes U+FFFD).
-std::string ToUtf8(const char16_t* s, std::size_t n) {
-  std::string out;
-  out.reserve(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    char32_t c = s[i];
-    if (c >= 0xD800 && c <= 0xDBFF && i + 1 < n && s[i + 1] >= 0xDC00 && s[i + 1] <= 0xDFFF) {
-      c = 0x10000 + ((c - 0xD800) << 10) + (s[i + 1] - 0xDC00);
-      ++i;
-    } else if (c >= 0xD800 && c <= 0xDFFF) {
-      c = 0xFFFD;
-    }
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
-  return out;
-}
+// UTF-16 to UTF-8 and back (bad input becomes U+FFFD).
+std::string ToUtf8(const char16_t* s, std::size_t n) { return Utf16ToUtf8({s, n}); }
 
-std::u16string ToUtf16(const std::string& s) {
-  std::u16string out;
-  for (std::size_t i = 0; i < s.size();) {
-    const unsigned char b = static_cast<unsigned char>(s[i]);
-    char32_t c = 0xFFFD;
-    int n = 1;
-    if (b < 0x80) {
-      c = b;
-    } else if ((b & 0xE0) == 0xC0) {
-      n = 2;
-    } else if ((b & 0xF0) == 0xE0) {
-      n = 3;
-    } else if ((b & 0xF8) == 0xF0) {
-      n = 4;
-    }
-    if (n > 1) {
-      if (i + n > s.size()) {
-        n = 1;
-      } else {
-        c = b & (0x7F >> n);
-        for (int k = 1; k < n; ++k) {
-          const unsigned char t = static_cast<unsigned char>(s[i + k]);
-          if ((t & 0xC0) != 0x80) {
-            c = 0xFFFD;
-            n = k;
-            break;
-          }
-          c = (c << 6) | (t & 0x3F);
-        }
-      }
-    }
-    i += n;
-    if (c >= 0x10000 && c <= 0x10FFFF) {
-      c -= 0x10000;
-      out += static_cast<char16_t>(0xD800 + (c >> 10));
-      out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
-    } else {
-      out += static_cast<char16_t>(c > 0x10FFFF ? 0xFFFD : c);
-    }
-  }
-  return out;
-}
+std::u16string ToUtf16(const std::string& s) { return Utf8ToUtf16(s); }
 
 std::string NameOf(const char16_t* name) {
   std::size_t n = 0;
@@ -149,6 +105,7 @@ bool IsFile(const std::string& path) {
 // the executable itself (its folder is the application folder).
 std::string LibraryFolder() {
   static const std::string folder = [] {
+    std::lock_guard<std::recursive_mutex> hold(LoaderLock());
     Dl_info info{};
     void* mapHere = nullptr;
     if (dladdr1(reinterpret_cast<void*>(&ULoadLibrary), &info, &mapHere, RTLD_DL_LINKMAP) == 0 ||
@@ -210,6 +167,7 @@ bool InObject(void* handle, const void* address, std::uint64_t* symbolSize) {
 // Finds the blob a loaded object exports. 0 (with an empty blob when the
 // object has none of its own) or 13 for a malformed blob.
 unsigned FindLoadedBlob(void* handle, UResBlob* blob) {
+  std::lock_guard<std::recursive_mutex> hold(LoaderLock());
   *blob = UResBlob{};
   dlerror();
   const void* address = dlsym(handle, kResourceSymbol);
@@ -325,38 +283,45 @@ UModule* LoadShared(const std::string& path, bool isPath, unsigned* err) {
     *err = CheckFile(path);
     if (*err != 0) return nullptr;
   }
-  void* dl = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  void* dl = LoaderOpen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (dl == nullptr) {
     *err = isPath ? kErrorBadExeFormat : kErrorModNotFound;
     return nullptr;
   }
-  std::lock_guard<std::mutex> hold(g_lock);
-  for (UModule* m : Modules()) {
-    if (m->dl == dl && m->kind == UModule::Kind::kShared) {
-      ++m->refs;
-      return m;
-    }
-  }
+  // What a new entry needs is read before the table is locked, so that the
+  // loader is never called under g_lock.
   UResBlob blob;
-  if (const unsigned bad = FindLoadedBlob(dl, &blob)) {
-    dlclose(dl);
-    *err = bad;
-    return nullptr;
-  }
-  auto* m = new UModule;
-  m->dl = dl;
-  m->blob = blob;
-  m->path = path;
+  const unsigned bad = FindLoadedBlob(dl, &blob);
+  std::string name = path;
   if (!isPath) {
+    std::lock_guard<std::recursive_mutex> hold(LoaderLock());
     const link_map* map = nullptr;
     if (dlinfo(dl, RTLD_DI_LINKMAP, &map) == 0 && map != nullptr && map->l_name != nullptr &&
         map->l_name[0] != 0) {
-      m->path = map->l_name;
+      name = map->l_name;
     }
   }
-  Modules().push_back(m);
-  g_generation.fetch_add(1, std::memory_order_release);
-  return m;
+  {
+    std::lock_guard<std::mutex> hold(g_lock);
+    for (UModule* m : Modules()) {
+      if (m->dl == dl && m->kind == UModule::Kind::kShared) {
+        ++m->refs;
+        return m;
+      }
+    }
+    if (bad == 0) {
+      auto* m = new UModule;
+      m->dl = dl;
+      m->blob = blob;
+      m->path = std::move(name);
+      Modules().push_back(m);
+      g_generation.fetch_add(1, std::memory_order_release);
+      return m;
+    }
+  }
+  LoaderClose(dl);
+  *err = bad;
+  return nullptr;
 }
 
 UModule& Host() {
@@ -366,10 +331,10 @@ UModule& Host() {
     char buf[4096];
     const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
     if (n > 0) m->path.assign(buf, static_cast<std::size_t>(n));
-    void* self = dlopen(nullptr, RTLD_NOW);
+    void* self = LoaderOpen(nullptr, RTLD_NOW);
     if (self != nullptr) {
       if (FindLoadedBlob(self, &m->blob) != 0) m->blob = UResBlob{};
-      dlclose(self);
+      LoaderClose(self);
     }
     return m;
   }();
@@ -508,7 +473,7 @@ int UFreeLibrary(HMODULE module) {
       delete module;
     }
   }
-  if (dl != nullptr) dlclose(dl);
+  if (dl != nullptr) LoaderClose(dl);
   return 1;
 }
 
@@ -529,15 +494,37 @@ HMODULE UGetModuleHandle(const char16_t* name) {
   return nullptr;
 }
 
+void* UGetProcAddress(HMODULE module, const char* name) {
+  void* handle = nullptr;
+  bool host = false;
+  {
+    std::lock_guard<std::mutex> hold(g_lock);
+    UModule* m = module == nullptr ? &Host() : module;
+    host = m == &Host();
+    if (!host && Known(m) && m->kind == UModule::Kind::kShared) handle = m->dl;
+  }
+  if (host) handle = dlopen(nullptr, RTLD_NOW);
+  if (handle == nullptr || name == nullptr) {
+    if (host && handle != nullptr) dlclose(handle);
+    Fail(kErrorInvalidHandle);
+    return nullptr;
+  }
+  void* address = dlsym(handle, name);
+  if (host) dlclose(handle);
+  if (address == nullptr) Fail(kErrorProcNotFound);
+  return address;
+}
+
 int UGetModuleFileName(HMODULE module, char16_t* buffer, int size) {
   if (buffer == nullptr || size <= 0) {
     Fail(kErrorBadParameter);
     return 0;
   }
   std::string path;
+  UModule* const host = &Host();  // made before g_lock: making it calls the loader
   {
     std::lock_guard<std::mutex> hold(g_lock);
-    UModule* m = module == nullptr ? &Host() : module;
+    UModule* m = module == nullptr ? host : module;
     if (!Known(m)) {
       buffer[0] = 0;
       Fail(kErrorInvalidHandle);

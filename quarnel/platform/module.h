@@ -70,6 +70,10 @@ QUARNEL_API HMODULE UGetModuleHandle(const char16_t* name);
 // The module's file path (the host executable's for null), cut to size - 1
 // units and terminated. Returns the units written, 0 on failure.
 QUARNEL_API int UGetModuleFileName(HMODULE module, char16_t* buffer, int size);
+// The address of the exported symbol `name` of a shared object (the host
+// executable's for null). Null when there is none (127) or the handle is not a
+// loaded shared object (6).
+QUARNEL_API void* UGetProcAddress(HMODULE module, const char* name);
 
 QUARNEL_API HRSRC UFindResource(HMODULE module, int id, unsigned type);
 QUARNEL_API HRSRC UFindResourceNamed(HMODULE module, const char16_t* name, int length,
@@ -87,10 +91,10 @@ QUARNEL_API int ULoadString(HMODULE module, unsigned id, char16_t* buffer, int s
 
 // A number that changes whenever a shared object enters or leaves the table
 // of loaded modules (callers cache UGetModuleHandle results against it).
-QUARNEL_API unsigned UModuleGeneration();
+unsigned UModuleGeneration();
 
 // The module's checked resource blob (empty for a module without one).
-QUARNEL_API UResBlob UModuleResources(HMODULE module);
+UResBlob UModuleResources(HMODULE module);
 
 namespace quarnel_internal {
 // The file names a module name is looked for as, in order.

@@ -5,36 +5,14 @@
 #include <atomic>
 #include <string>
 
+#include "quarnel/platform/utf8.h"
+
 namespace {
 
 std::atomic<MessageBoxResponder> g_responder{nullptr};
 
 void AppendUtf8(std::string* out, const char16_t* text) {
-  if (text == nullptr) return;
-  for (const char16_t* p = text; *p; ++p) {
-    char32_t c = *p;
-    if (c >= 0xD800 && c < 0xDC00 && p[1] >= 0xDC00 && p[1] < 0xE000) {
-      c = 0x10000 + ((c - 0xD800) << 10) + (p[1] - 0xDC00);
-      ++p;
-    } else if (c >= 0xD800 && c < 0xE000) {
-      c = 0xFFFD;  // a lone surrogate
-    }
-    if (c < 0x80) {
-      *out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      *out += static_cast<char>(0xC0 | (c >> 6));
-      *out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      *out += static_cast<char>(0xE0 | (c >> 12));
-      *out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      *out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      *out += static_cast<char>(0xF0 | (c >> 18));
-      *out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      *out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      *out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
+  if (text != nullptr) *out += Utf16ToUtf8(text);
 }
 
 const char* IconWord(unsigned style) {

@@ -3,8 +3,9 @@
 // Linux gives the library no dialog of its own, so the box behaves as a
 // headless one would: it writes the title, the icon word and the text as one
 // line to standard error and answers the default button that the style word
-// chooses. A test (or a host with a UI of its own) can install a responder
-// that sees the box and chooses the button instead.
+// chooses. The library's tests install a responder that sees the box and
+// chooses the button instead; the responder and UMessageBoxDefaultButton are
+// not exported (tests link the static archive).
 #ifndef QUARNEL_PLATFORM_MSGBOX_H_
 #define QUARNEL_PLATFORM_MSGBOX_H_
 
@@ -49,12 +50,12 @@ QUARNEL_API int UMessageBoxW(const char16_t* text, const char16_t* title, unsign
 // The id of the button a headless box answers: the default button of the
 // style's button set (a default beyond the set's last button falls back to
 // the first, as Win32 does).
-QUARNEL_API int UMessageBoxDefaultButton(unsigned style);
+int UMessageBoxDefaultButton(unsigned style);
 
 // Replaces the headless answer: the responder is called with the box's text,
 // title and style and returns the button id; nothing is written to standard
 // error. Null restores the headless box. Returns the previous responder.
 using MessageBoxResponder = int (*)(const char16_t* text, const char16_t* title, unsigned style);
-QUARNEL_API MessageBoxResponder USetMessageBoxResponder(MessageBoxResponder responder);
+MessageBoxResponder USetMessageBoxResponder(MessageBoxResponder responder);
 
 #endif  // QUARNEL_PLATFORM_MSGBOX_H_

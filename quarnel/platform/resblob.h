@@ -62,20 +62,18 @@ struct UResEntry {
 // this format or any part of it lies outside its bytes; `*blob` is then
 // empty. Accepts a directory entry size of 20 or more (later fields are
 // skipped), so that a newer writer's blobs stay readable.
-QUARNEL_API unsigned UResBlobOpen(const void* data, std::size_t available, UResBlob* blob);
+unsigned UResBlobOpen(const void* data, std::size_t available, UResBlob* blob);
 
 // The `index`-th entry of a checked blob (index below blob.count).
-QUARNEL_API UResEntry UResBlobEntry(const UResBlob& blob, unsigned index);
+UResEntry UResBlobEntry(const UResBlob& blob, unsigned index);
 
 // The first resource of `type` with the number `id`, or with the name
 // `name` (`length` UTF-16 units, compared without regard to the case of
 // ASCII letters). Returns the address of its directory entry (a stable
 // identity for the resource) and fills `*found` (may be null); null when there
 // is none.
-QUARNEL_API const unsigned char* UResBlobFind(const UResBlob& blob, unsigned type, int id,
-                                              UResEntry* found);
-QUARNEL_API const unsigned char* UResBlobFindNamed(const UResBlob& blob, unsigned type,
-                                                   const char16_t* name, unsigned length,
-                                                   UResEntry* found);
+const unsigned char* UResBlobFind(const UResBlob& blob, unsigned type, int id, UResEntry* found);
+const unsigned char* UResBlobFindNamed(const UResBlob& blob, unsigned type, const char16_t* name,
+                                       unsigned length, UResEntry* found);
 
 #endif  // QUARNEL_PLATFORM_RESBLOB_H_

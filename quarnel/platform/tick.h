@@ -28,10 +28,10 @@ QUARNEL_API unsigned UGetTickCount();
 // Test seam. The offset is added to every reading from now on (it may be
 // negative; readings are taken modulo 2^64). Setting it back to 0 returns to
 // the real clock.
-QUARNEL_API void USetTickOffset(std::int64_t ms);
-QUARNEL_API std::int64_t UGetTickOffset();
+void USetTickOffset(std::int64_t ms);
+std::int64_t UGetTickOffset();
 // Non-zero: the clock stops at its current reading (offset changes still
 // move it); 0: it runs again from the real clock. Returns the previous state.
-QUARNEL_API int UFreezeTickCount(int frozen);
+int UFreezeTickCount(int frozen);
 
 #endif  // QUARNEL_PLATFORM_TICK_H_

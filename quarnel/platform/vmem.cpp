@@ -1,5 +1,6 @@
 #include "quarnel/platform/vmem.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -7,10 +8,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <string_view>
 
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/lasterror.h"
@@ -227,6 +228,46 @@ int UVirtualMove(const void* from, void* to, std::size_t size) {
 
 std::size_t UVirtualPageSize() { return PageSize(); }
 
+namespace {
+
+// Reads up to `cap` bytes of a /proc file; the count read (0 when it cannot
+// be read). Status is read often (every growth check of the memory blocks),
+// so without stdio.
+std::size_t ReadSmallFile(const char* path, char* buf, std::size_t cap) {
+  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  std::size_t n = 0;
+  while (n < cap) {
+    const ssize_t got = ::read(fd, buf + n, cap - n);
+    if (got <= 0) break;
+    n += static_cast<std::size_t>(got);
+  }
+  ::close(fd);
+  return n;
+}
+
+// The decimal number at `at` (after blanks), 0 when there is none.
+unsigned long long Number(std::string_view text, std::size_t at) {
+  while (at < text.size() && (text[at] == ' ' || text[at] == '\t')) ++at;
+  unsigned long long v = 0;
+  for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at)
+    v = v * 10 + (text[at] - '0');
+  return v;
+}
+
+// The number after `key` at the start of a line, 0 when the key is missing.
+unsigned long long Field(std::string_view text, std::string_view key) {
+  for (std::size_t at = 0; at < text.size();) {
+    if (text.compare(at, key.size(), key) == 0) return Number(text, at + key.size());
+    const std::size_t eol = text.find('\n', at);
+    if (eol == std::string_view::npos) break;
+    at = eol + 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
 void UGlobalMemoryStatus(UMEMORYSTATUS* status) {
   if (status == nullptr) return;
   if (g_statusOverridden.load(std::memory_order_acquire)) {
@@ -237,30 +278,17 @@ void UGlobalMemoryStatus(UMEMORYSTATUS* status) {
   }
   std::memset(status, 0, sizeof *status);
   status->dwLength = sizeof(UMEMORYSTATUS);
-  unsigned long long totalKb = 0, availKb = 0, swapTotalKb = 0, swapFreeKb = 0, vmSizeKb = 0;
-  if (std::FILE* f = std::fopen("/proc/meminfo", "re")) {
-    char line[256];
-    while (std::fgets(line, sizeof line, f)) {
-      unsigned long long v;
-      if (std::sscanf(line, "MemTotal: %llu", &v) == 1)
-        totalKb = v;
-      else if (std::sscanf(line, "MemAvailable: %llu", &v) == 1)
-        availKb = v;
-      else if (std::sscanf(line, "SwapTotal: %llu", &v) == 1)
-        swapTotalKb = v;
-      else if (std::sscanf(line, "SwapFree: %llu", &v) == 1)
-        swapFreeKb = v;
-    }
-    std::fclose(f);
-  }
-  if (std::FILE* f = std::fopen("/proc/self/status", "re")) {
-    char line[256];
-    while (std::fgets(line, sizeof line, f)) {
-      unsigned long long v;
-      if (std::sscanf(line, "VmSize: %llu", &v) == 1) vmSizeKb = v;
-    }
-    std::fclose(f);
-  }
+  unsigned long long totalKb = 0, availKb = 0, swapTotalKb = 0, swapFreeKb = 0;
+  char text[8192];
+  const std::size_t n = ReadSmallFile("/proc/meminfo", text, sizeof text);
+  const std::string_view meminfo(text, n);
+  totalKb = Field(meminfo, "MemTotal:");
+  availKb = Field(meminfo, "MemAvailable:");
+  swapTotalKb = Field(meminfo, "SwapTotal:");
+  swapFreeKb = Field(meminfo, "SwapFree:");
+  // The first figure of statm is the process's virtual size in pages.
+  const std::size_t m = ReadSmallFile("/proc/self/statm", text, sizeof text);
+  const unsigned long long vmSizeKb = Number(std::string_view(text, m), 0) * (PageSize() / 1024);
   status->dwTotalPhys = static_cast<std::size_t>(totalKb) * 1024;
   status->dwAvailPhys = static_cast<std::size_t>(availKb) * 1024;
   status->dwTotalPageFile = static_cast<std::size_t>(totalKb + swapTotalKb) * 1024;

@@ -77,8 +77,8 @@ QUARNEL_API void UGlobalMemoryStatus(UMEMORYSTATUS* status);
 // ---- Test seam ----
 // Reservations of more than `limit` bytes fail with 8 (0: no limit), so that
 // a search for the largest reservation has a known answer.
-QUARNEL_API void USetVirtualReserveLimit(std::size_t limit);
+void USetVirtualReserveLimit(std::size_t limit);
 // UGlobalMemoryStatus answers a copy of `*status` (null: the real figures).
-QUARNEL_API void USetGlobalMemoryStatusOverride(const UMEMORYSTATUS* status);
+void USetGlobalMemoryStatusOverride(const UMEMORYSTATUS* status);
 
 #endif  // QUARNEL_PLATFORM_VMEM_H_

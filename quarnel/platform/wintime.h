@@ -116,7 +116,7 @@ QUARNEL_API int USetLocalTime(const USYSTEMTIME* st);
 // stands still there: UGetSystemTimeAsFileTime answers it, UGetLocalTime
 // its local time, and the local/UTC conversions take the offset in force at
 // that instant. Null returns to the system clock.
-QUARNEL_API void USetClockOverride(const UFILETIME* utcNow);
+void USetClockOverride(const UFILETIME* utcNow);
 
 // Sets the process time zone (the TZ variable, POSIX or zoneinfo form such as
 // "CET-1CEST,M3.5.0,M10.5.0/3" or "Europe/Berlin") and makes the C library

@@ -27,12 +27,12 @@ TResCache::TResCache(int count)
   if (slots_ == nullptr) slotCount_ = 0;
 }
 
-TResCache::TResCache(TResCache& /*other*/)
+TResCache::TResCache(const TResCache& /*other*/)
     : TDict(0, 0), slots_(nullptr), slotCount_(0), nextSlot_(1) {
   Debug("trescache", kLineCopy);
 }
 
-TResCache& TResCache::operator=(TResCache& /*other*/) {
+TResCache& TResCache::operator=(const TResCache& /*other*/) {
   Debug("trescache", kLineCopy);
   return *this;
 }

@@ -31,8 +31,8 @@ class QUARNEL_API TResCache : public TDict {
   explicit TResCache(int count);
   // Copying is not allowed: asserts (trescache 66) and copies nothing; the
   // copy is an empty cache without slots.
-  TResCache(TResCache& other);
-  TResCache& operator=(TResCache& other);
+  TResCache(const TResCache& other);
+  TResCache& operator=(const TResCache& other);
   // Frees the slot array; the handles are not released.
   ~TResCache();
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "quarnel/containers/tlist.h"
+#include "quarnel/foundation/crashreport.h"
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/marshall.h"
 #include "quarnel/foundation/memutil.h"
@@ -300,7 +301,11 @@ const unsigned char* ModuleResource(HMODULE module, unsigned type, int id, unsig
 
 }  // namespace quarnel_internal
 
-int DLLoadLib(TString* name) { return Load(name, 0, 0, 0, 0); }
+int DLLoadLib(TString* name) {
+  const int err = Load(name, 0, 0, 0, 0);
+  if (err == kErrNone) PrepareCrashReport();  // the crash log's name and heading may have changed
+  return err;
+}
 
 int DLLoadLib(TString* name, int firstRes, int lastRes, int firstErr, int lastErr) {
   {
@@ -310,10 +315,14 @@ int DLLoadLib(TString* name, int firstRes, int lastRes, int firstErr, int lastEr
     USetLastError(saved);
     if (present != nullptr) return Reenter(present, firstRes, lastRes, firstErr, lastErr);
   }
-  return Load(name, firstRes, lastRes, firstErr, lastErr);
+  const int err = Load(name, firstRes, lastRes, firstErr, lastErr);
+  if (err == kErrNone) PrepareCrashReport();  // the crash log's name and heading may have changed
+  return err;
 }
 
-void DLUnloadLib(TString* name) {
+namespace {
+
+void UnloadModule(TString* name) {
   TMonitorHold cacheHold(quarnel_internal::RawCacheLock());
   TMonitorHold hold(quarnel_internal::ModuleLock());
   HMODULE module = UGetModuleHandle(TextOf(name));
@@ -328,6 +337,13 @@ void DLUnloadLib(TString* name) {
   if (index >= 0) delete reinterpret_cast<ResErrAlloc*>(s.ranges.RemoveAt(index));
   s.loaded.Remove(reinterpret_cast<std::intptr_t>(module));
   if (!UFreeLibrary(module)) Debug("resmgr", kResmgrLineFreeFailed);
+}
+
+}  // namespace
+
+void DLUnloadLib(TString* name) {
+  UnloadModule(name);
+  PrepareCrashReport();  // the crash log's name and heading may have changed
 }
 
 int DLCheckLib(TString* name) {
@@ -543,12 +559,15 @@ int RMGetErrID(int err, unsigned short* listId, unsigned* key) {
 }
 
 int RMAddHostKList(int listId, const void* data, int size) {
-  TMonitorHold hold(quarnel_internal::ModuleLock());
-  auto& lists = S().hostLists;
-  lists.erase(std::remove_if(lists.begin(), lists.end(),
-                             [listId](const HostList& l) { return l.id == listId; }),
-              lists.end());
-  if (data != nullptr) lists.insert(lists.begin(), HostList{listId, data, size});
-  ++S().hostEpoch;
+  {
+    TMonitorHold hold(quarnel_internal::ModuleLock());
+    auto& lists = S().hostLists;
+    lists.erase(std::remove_if(lists.begin(), lists.end(),
+                               [listId](const HostList& l) { return l.id == listId; }),
+                lists.end());
+    if (data != nullptr) lists.insert(lists.begin(), HostList{listId, data, size});
+    ++S().hostEpoch;
+  }
+  PrepareCrashReport();
   return 1;
 }

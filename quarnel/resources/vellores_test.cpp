@@ -116,10 +116,8 @@ TEST_F(VelloresTest, EveryLibraryCodePrintsItsOwnMessage) {
 
 TEST_F(VelloresTest, LoadsWithItsRangesAndPassesTheCheck) {
   ASSERT_EQ(LoadVellores(), kErrNone);
-  // It carries no code, hence no symbol map.
-  EXPECT_EQ(Lines(),
-            (std::vector<LogLine>{
-                {515, "", "DLLoadLib: \"vellores.dll\" was built without assert symbols"}}));
+  // It carries its symbol map, so loading it logs nothing.
+  EXPECT_TRUE(Lines().empty()) << Lines().front();
   std::vector<RMRangeRecord> ranges(static_cast<std::size_t>(RMGetRanges(nullptr, 0)));
   RMGetRanges(ranges.data(), static_cast<int>(ranges.size()));
   ASSERT_EQ(ranges.size(), 2u);

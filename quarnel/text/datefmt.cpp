@@ -10,6 +10,7 @@
 #include "quarnel/text/internal/datefmt.h"
 
 #include <string>
+#include <string_view>
 
 #include "quarnel/datetime/internal/calendar.h"
 #include "quarnel/datetime/tdate.h"
@@ -39,9 +40,13 @@ enum : unsigned short {
 };
 
 // Fixed pictures of the forms that do not come from the locale.
-constexpr char16_t kAbbreviatedPicture[] = u"ddd, dd MMM yyyy";
-constexpr char16_t kIsoDatePicture[] = u"yyyy-MM-dd";
-constexpr char16_t kIsoDateTimePicture[] = u"yyyy-MM-dd'T'HH:mm:ss";
+// The crash report's narrow formatter uses the same pictures.
+#define QN_ABBREVIATED_PICTURE "ddd, dd MMM yy"
+#define QN_ISO_DATE_PICTURE "yyyy-MM-dd"
+#define QN_ISO_DATE_TIME_PICTURE "yyyy-MM-dd'T'HH:mm:ss"
+constexpr char16_t kAbbreviatedPicture[] = u"" QN_ABBREVIATED_PICTURE;
+constexpr char16_t kIsoDatePicture[] = u"" QN_ISO_DATE_PICTURE;
+constexpr char16_t kIsoDateTimePicture[] = u"" QN_ISO_DATE_TIME_PICTURE;
 
 struct Fields {
   long long year = 1;
@@ -129,17 +134,22 @@ struct Element {
   char16_t literal;
 };
 
-// Calls fn(Element) for every element of the picture.
-template <class Fn>
-bool ForEachElement(const std::u16string& p, Fn fn) {
+// A unit of a picture as UTF-16 (8-bit pictures are read byte by byte).
+inline char16_t Unit(char16_t c) { return c; }
+inline char16_t Unit(char c) { return static_cast<unsigned char>(c); }
+
+// Calls fn(Element) for every element of the picture (a u16string or an
+// 8-bit string_view).
+template <class P, class Fn>
+bool ForEachElement(const P& p, Fn fn) {
   std::size_t i = 0;
   while (i < p.size()) {
-    const char16_t c = p[i];
+    const char16_t c = Unit(p[i]);
     if (c == u'\'') {
       ++i;
       while (i < p.size()) {
-        if (p[i] == u'\'') {
-          if (i + 1 < p.size() && p[i + 1] == u'\'') {
+        if (p[i] == '\'') {
+          if (i + 1 < p.size() && p[i + 1] == '\'') {
             if (!fn(Element{0, 1, u'\''})) return false;
             i += 2;
             continue;
@@ -147,14 +157,14 @@ bool ForEachElement(const std::u16string& p, Fn fn) {
           ++i;
           break;
         }
-        if (!fn(Element{0, 1, p[i]})) return false;
+        if (!fn(Element{0, 1, Unit(p[i])})) return false;
         ++i;
       }
       continue;
     }
     if (IsPictureLetter(c)) {
       std::size_t j = i;
-      while (j < p.size() && p[j] == c) ++j;
+      while (j < p.size() && Unit(p[j]) == c) ++j;
       if (!fn(Element{c, static_cast<int>(j - i), 0})) return false;
       i = j;
       continue;
@@ -166,8 +176,68 @@ bool ForEachElement(const std::u16string& p, Fn fn) {
 }
 
 // ---- output ----------------------------------------------------------------------------------
+//
+// The forms are written through an output and a word source, so that the
+// engine (UTF-16 text that grows, the locale's words looked up as needed) and
+// the crash report (8-bit text in a fixed buffer, words prepared ahead) follow
+// the same rules. An output has Put(unit) and Put(text); a word source has
+// Word(token) and Picture(conversion, precision).
 
-void Number(std::u16string* out, long long v, int minDigits) {
+// The engine's output and words.
+struct U16Out {
+  std::u16string* s;
+  void Put(char16_t c) { *s += c; }
+  void Put(const std::u16string& w) { *s += w; }
+};
+
+struct LocaleWords {
+  unsigned lcid;
+  std::u16string Word(unsigned short token) const { return ::Word(token, lcid); }
+  std::u16string Picture(char16_t conversion, int precision) const {
+    return PictureOf(conversion, precision, lcid);
+  }
+};
+
+// The crash report's output and words.
+struct NarrowOut {
+  char* p;
+  int cap;
+  int n = 0;
+  void Put(char16_t c) {
+    if (n + 1 < cap) p[n++] = static_cast<char>(c);
+  }
+  void Put(std::string_view w) {
+    for (const char c : w) Put(Unit(c));
+  }
+};
+
+struct PreparedWords {
+  const quarnel_internal::NarrowDateWords& w;
+  std::string_view Word(unsigned short token) const {
+    return token < quarnel_internal::NarrowDateWords::kTokens ? std::string_view(w.words[token])
+                                                              : std::string_view();
+  }
+  std::string_view Picture(char16_t conversion, int precision) const {
+    if (conversion == u'T') {
+      return precision == 1 ? w.time1 : precision == 2 ? w.timeNoSeconds : w.time;
+    }
+    switch (precision) {
+      case 1:
+        return w.longDate;
+      case 2:
+        return QN_ABBREVIATED_PICTURE;
+      case 3:
+        return QN_ISO_DATE_PICTURE;
+      case 4:
+        return QN_ISO_DATE_TIME_PICTURE;
+      default:
+        return w.shortDate;
+    }
+  }
+};
+
+template <class Out>
+void Number(Out& out, long long v, int minDigits) {
   char16_t buf[24];
   int n = 0;
   const bool neg = v < 0;
@@ -178,35 +248,38 @@ void Number(std::u16string* out, long long v, int minDigits) {
     m /= 10;
   } while (m != 0);
   while (n < minDigits) buf[n++] = u'0';
-  if (neg) *out += u'-';
-  while (n > 0) *out += buf[--n];
+  if (neg) out.Put(u'-');
+  while (n > 0) out.Put(buf[--n]);
 }
 
-void Render(std::u16string* out, const std::u16string& picture, const Fields& f, bool zero,
-            unsigned lcid) {
+void Number(std::u16string* out, long long v, int minDigits) {
+  U16Out o{out};
+  Number(o, v, minDigits);
+}
+
+template <class Out, class Words, class P>
+void Render(Out& out, const P& picture, const Fields& f, bool zero, const Words& words) {
   const int pad1 = zero ? 2 : 1;
   const int month = quarnel_calendar::ClampMonth(f.month);
   ForEachElement(picture, [&](const Element& e) {
     switch (e.letter) {
       case 0:
-        *out += e.literal;
+        out.Put(e.literal);
         break;
       case u'd':
         if (e.count <= 2) {
           Number(out, f.day, e.count == 1 ? pad1 : 2);
         } else {
-          *out += Word(
-              static_cast<unsigned short>((e.count == 3 ? kTokAbbrevDayName : kTokDayName) + f.dow),
-              lcid);
+          out.Put(words.Word(static_cast<unsigned short>(
+              (e.count == 3 ? kTokAbbrevDayName : kTokDayName) + f.dow)));
         }
         break;
       case u'M':
         if (e.count <= 2) {
           Number(out, f.month, e.count == 1 ? pad1 : 2);
         } else {
-          *out += Word(static_cast<unsigned short>(
-                           (e.count == 3 ? kTokAbbrevMonthName : kTokMonthName) + month - 1),
-                       lcid);
+          out.Put(words.Word(static_cast<unsigned short>(
+              (e.count == 3 ? kTokAbbrevMonthName : kTokMonthName) + month - 1)));
         }
         break;
       case u'y':
@@ -231,8 +304,8 @@ void Render(std::u16string* out, const std::u16string& picture, const Fields& f,
         Number(out, f.second, e.count == 1 ? pad1 : 2);
         break;
       case u't': {
-        const std::u16string d = Word(f.hour < 12 ? kTokAm : kTokPm, lcid);
-        *out += e.count == 1 ? d.substr(0, 1) : d;
+        const auto d = words.Word(f.hour < 12 ? kTokAm : kTokPm);
+        out.Put(e.count == 1 ? d.substr(0, 1) : d);
         break;
       }
       default:  // g: the era, not shown
@@ -256,37 +329,44 @@ Fields FieldsOf(const TDate& d) {
   return f;
 }
 
-void AppendOffset(std::u16string* out, const TDate& d, unsigned lcid) {
+template <class Out, class Words>
+void AppendOffset(Out& out, const TDate& d, const Words& words) {
   if (!(d.GetFlags() & kDateFlagAbsolute)) return;
   const int offset = d.GetGMTOffset();
   const int magnitude = offset < 0 ? -offset : offset;
-  *out += Word(offset < 0 ? kTokMinus : kTokPlus, lcid);
+  out.Put(words.Word(offset < 0 ? kTokMinus : kTokPlus));
   Number(out, magnitude / 60, 2);
   Number(out, magnitude % 60, 2);
 }
 
-std::u16string TextOf(const TDate& d, const DateForm& form, unsigned lcid) {
+template <class Out, class Words>
+void WriteDate(Out& out, const TDate& d, const DateForm& form, const Words& words) {
   const Fields f = FieldsOf(d);
-  std::u16string out;
   const int precision = form.precision < 0 ? 0 : form.precision;
   if (form.conversion == u'T') {
-    Render(&out, PictureOf(u'T', precision, lcid), f, form.zero, lcid);
+    Render(out, words.Picture(u'T', precision), f, form.zero, words);
     if (precision == 1) {
-      out += Word(kTokDecimal, lcid);
-      Number(&out, f.millisecond, 3);
+      out.Put(words.Word(kTokDecimal));
+      Number(out, f.millisecond, 3);
     }
-    return out;
+    return;
   }
-  Render(&out, PictureOf(u'D', precision, lcid), f, form.zero, lcid);
+  Render(out, words.Picture(u'D', precision), f, form.zero, words);
   if (precision == 4) {
-    out += u'.';
-    Number(&out, f.millisecond, 3);
-    AppendOffset(&out, d, lcid);
+    out.Put(u'.');
+    Number(out, f.millisecond, 3);
+    AppendOffset(out, d, words);
   } else if (form.withTime) {
-    out += u' ';
-    Render(&out, PictureOf(u'T', 0, lcid), f, form.zero, lcid);
+    out.Put(u' ');
+    Render(out, words.Picture(u'T', 0), f, form.zero, words);
   }
-  return out;
+}
+
+std::u16string TextOf(const TDate& d, const DateForm& form, unsigned lcid) {
+  std::u16string text;
+  U16Out out{&text};
+  WriteDate(out, d, form, LocaleWords{lcid});
+  return text;
 }
 
 // ---- input -----------------------------------------------------------------------------------
@@ -376,7 +456,7 @@ bool Parse(const char16_t* s, int n, int* at, const std::u16string& picture, uns
       case u'y':
         if (e.count <= 2) {
           if (!ReadDigits(s, n, at, 2, &v)) return false;
-          p->year = v < 50 ? 2000 + v : 1900 + v;  // a two-digit year: 1950..2049
+          p->year = v < 30 ? 2000 + v : 1900 + v;  // a two-digit year: 1930..2029
           return true;
         }
         return ReadDigits(s, n, at, 5, &p->year);
@@ -483,6 +563,43 @@ void quarnel_internal::AppendDate(TString* out, const TDate* date, const DateFor
   }
   const std::u16string text = TextOf(*date, form, lcid);
   out->Append(text.c_str(), static_cast<short>(text.size()));
+}
+
+namespace {
+
+void FillNarrow(char* dst, int size, const std::u16string& text) {
+  const TString t(text.c_str(), static_cast<short>(text.size()));
+  const short n = t.FillBufferAnsi(dst, static_cast<short>(size));
+  dst[n > 0 ? (n < size ? n : size - 1) : 0] = '\0';
+}
+
+}  // namespace
+
+void quarnel_internal::PrepareNarrowDateWords(unsigned lcid, NarrowDateWords* w) {
+  for (unsigned short t = 0; t < NarrowDateWords::kTokens; ++t) {
+    const bool used = t == kTokDecimal || t == kTokPlus || t == kTokMinus || t == kTokAm ||
+                      t == kTokPm || (t >= kTokDayName && t < kTokDayName + 7) ||
+                      t == kTokTimeSeparator || t >= kTokAbbrevDayName;
+    if (used) {
+      FillNarrow(w->words[t], NarrowDateWords::kWord, Word(t, lcid));
+    } else {
+      w->words[t][0] = '\0';
+    }
+  }
+  FillNarrow(w->shortDate, NarrowDateWords::kPicture, PictureOf(u'D', 0, lcid));
+  FillNarrow(w->longDate, NarrowDateWords::kPicture, PictureOf(u'D', 1, lcid));
+  FillNarrow(w->time, NarrowDateWords::kPicture, PictureOf(u'T', 0, lcid));
+  FillNarrow(w->timeNoSeconds, NarrowDateWords::kPicture, PictureOf(u'T', 2, lcid));
+  FillNarrow(w->time1, NarrowDateWords::kPicture, PictureOf(u'T', 1, lcid));
+}
+
+int quarnel_internal::FormatDateNarrow(char* out, int cap, const TDate& date, const DateForm& form,
+                                       const NarrowDateWords& words) {
+  if (cap <= 0) return 0;
+  NarrowOut o{out, cap};
+  if (!date.IsDefault()) WriteDate(o, date, form, PreparedWords{words});
+  out[o.n] = '\0';
+  return o.n;
 }
 
 void quarnel_internal::AppendInterval(TString* out, const TInterval* iv, int precision,

@@ -73,7 +73,9 @@
 // Date and time forms. Pictures are the locale's (GetLocaleInfo items
 // through UGetLocaleInfoW) or fixed ones in the same picture syntax: d dd day,
 // ddd dddd day names (tokens 29.. and 8..), M MM month, MMM MMMM month names
-// (tokens 48.. and 36..), yyyy year (at least four digits), h hh 12-hour,
+// (tokens 48.. and 36..), yy year in two digits (SScanf reads it back as a
+// year from 1930 to 2029, the Windows default window), yyyy year (at least
+// four digits), h hh 12-hour,
 // H HH 24-hour, mm minute, ss second, tt AM/PM (tokens 6 and 7), 'text'
 // literal. Examples: 2024-03-05 14:07:09.042 in en-US, GMT offset +60 with
 // flag 0x0100 where shown.
@@ -82,7 +84,7 @@
 //   %D   %.0D   locale short date (LOCALE_SSHORTDATE)     3/5/2024
 //   %0D         the same, fields two digits wide           03/05/2024
 //   %.1D        locale long date (LOCALE_SLONGDATE)       Tuesday, March 5, 2024
-//   %.2D        "ddd, dd MMM yyyy"                         Tue, 05 Mar 2024
+//   %.2D        "ddd, dd MMM yy"                           Tue, 05 Mar 24
 //   %.3D        "yyyy-MM-dd"                               2024-03-05
 //   %.4D        "yyyy-MM-dd'T'HH:mm:ss", "." and the       2024-03-05T14:07:09.042+0100
 //               milliseconds ("%03d"), then with flag
@@ -272,7 +274,7 @@ namespace quarnel_internal {
 
 // Formats a narrow format (each byte one unit, as log formats are) into out.
 // The same engine as TString::SPrintf, without widening the format first.
-QUARNEL_API void FormatNarrow(TString* out, const char* format, const Args* args);
+void FormatNarrow(TString* out, const char* format, const Args* args);
 
 }  // namespace quarnel_internal
 

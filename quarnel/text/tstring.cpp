@@ -3,12 +3,14 @@
 // tstring_persist.cpp.
 #include "quarnel/text/tstring.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/memutil.h"
+#include "quarnel/platform/utf8.h"
 
 namespace {
 
@@ -93,6 +95,22 @@ TString::TString(const TString& other) {
   Assign(other.text_, other.length_);
 }
 
+TString::TString(TString&& other) noexcept {
+  init();
+  style_ = other.style_;
+  extra_ = other.extra_;
+  byteOrder_ = other.byteOrder_;
+  if (other.bufferLocks_ | other.ansiLocks_ | other.ansiReadLocks_ || !other.onHeap()) {
+    Assign(other.text_, other.length_);
+    return;
+  }
+  text_ = other.text_;
+  length_ = other.length_;
+  other.text_ = other.inline_;
+  other.length_ = 0;
+  other.inline_[0] = 0;
+}
+
 TString::TString(const char16_t* text, short len) {
   init();
   Assign(text, len);
@@ -116,6 +134,23 @@ TString::~TString() {
 
 TString& TString::operator=(const TString& other) {
   if (this != &other) Assign(other.text_, other.length_);
+  return *this;
+}
+
+TString& TString::operator=(TString&& other) noexcept {
+  if (this == &other) return *this;
+  if (bufferLocks_ | ansiLocks_ | ansiReadLocks_ | other.bufferLocks_ | other.ansiLocks_ |
+          other.ansiReadLocks_ ||
+      !other.onHeap()) {
+    Assign(other.text_, other.length_);
+    return *this;
+  }
+  if (onHeap()) MemFree(text_);
+  text_ = other.text_;
+  length_ = other.length_;
+  other.text_ = other.inline_;
+  other.length_ = 0;
+  other.inline_[0] = 0;
   return *this;
 }
 
@@ -152,6 +187,34 @@ void TString::Assign(const char16_t* text, short len) {
   text_[len] = 0;
 }
 
+// ---- standard strings and UTF-8 ---------------------------------------------
+
+TString::TString(std::u16string_view text) {
+  init();
+  Assign(text);
+}
+
+void TString::Assign(std::u16string_view text) {
+  // One unit over the limit is enough to raise the length assertion.
+  const std::size_t len = std::min<std::size_t>(text.size(), kMaxLength + 1);
+  Assign(text.data(), static_cast<short>(len));
+}
+
+int TString::AssignUtf8(std::string_view utf8) {
+  int replaced = 0;
+  Assign(std::u16string_view(Utf8ToUtf16(utf8, &replaced)));
+  return replaced;
+}
+
+TString TString::FromUtf8(std::string_view utf8, int* replaced) {
+  TString s;
+  const int n = s.AssignUtf8(utf8);
+  if (replaced != nullptr) *replaced = n;
+  return s;
+}
+
+std::string TString::ToUtf8(int* replaced) const { return Utf16ToUtf8(View(), replaced); }
+
 void TString::Append(const char16_t* text, short len) {
   if (text == nullptr) return;
   if (len < 0) len = WideCharCount(text);
@@ -162,6 +225,16 @@ void TString::Append(const char16_t* text, short len) {
     std::memmove(text_ + length_, text, static_cast<std::size_t>(len) * 2);
     length_ = static_cast<short>(length_ + len);
     text_[length_] = 0;
+    return;
+  }
+  const int total = length_ + len;
+  if (total <= kMaxLength && (text < text_ || text >= text_ + capacityUnits())) {
+    // A source apart from this string: grow, then copy it once.
+    checkUnlocked(kLineLocked);
+    setBufferSize(total * 2);
+    std::memcpy(text_ + length_, text, static_cast<std::size_t>(len) * 2);
+    length_ = static_cast<short>(total);
+    text_[total] = 0;
     return;
   }
   concatAssign(text_, length_, text, len);

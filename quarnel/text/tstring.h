@@ -20,6 +20,8 @@
 #define QUARNEL_TEXT_TSTRING_H_
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "quarnel/foundation/export.h"
 #include "quarnel/text/args.h"
@@ -33,6 +35,11 @@ class QUARNEL_API TString {
 
   TString();
   TString(const TString& other);
+  // Takes the text of `other` (its heap block, when it has one) with its
+  // style, extra value and byte order; `other` is left empty. A source with
+  // a buffer out (GetBuffer, GetBufferAnsi, ReadBufferAnsi) is copied
+  // instead, and keeps its text and buffers.
+  TString(TString&& other) noexcept;
   TString(const char16_t* text, short len = -1);
   explicit TString(char16_t ch);
   // Loads the entry `key` of string list `listId` (LoadKString).
@@ -40,6 +47,10 @@ class QUARNEL_API TString {
   ~TString();
 
   TString& operator=(const TString& other);
+  // As the move constructor, for the text only (style, extra value and byte
+  // order stay, as with copy assignment). Either string with a buffer out:
+  // a copy (Assign), with its assertion when this one is locked.
+  TString& operator=(TString&& other) noexcept;
   TString& operator=(const char16_t* text);
   TString& operator=(char16_t ch);
 
@@ -55,6 +66,23 @@ class QUARNEL_API TString {
   TString& operator+=(char16_t ch);
   void AppendAnsi(const char* text, short len = -1, int codePage = 0);
   void Clear();
+
+  // ---- Standard strings and UTF-8 ----
+  // The units of `text`, as Assign(text, length): more than kMaxLength
+  // units assert (tstring 1899) and are cut.
+  explicit TString(std::u16string_view text);
+  void Assign(std::u16string_view text);
+  // The text as a view (valid until the string next changes) or a copy.
+  std::u16string_view View() const { return {text_, static_cast<std::size_t>(length_)}; }
+  std::u16string ToU16String() const { return std::u16string(View()); }
+  // Replaces the content by UTF-8 text (Utf8ToUtf16: bad input becomes
+  // U+FFFD, surrogate pairs for characters above U+FFFF) and returns how
+  // many U+FFFD replaced bad input. The length rule of Assign applies.
+  int AssignUtf8(std::string_view utf8);
+  static TString FromUtf8(std::string_view utf8, int* replaced = nullptr);
+  // The text as UTF-8 (Utf16ToUtf8: a lone surrogate becomes U+FFFD,
+  // counted in *replaced when given).
+  std::string ToUtf8(int* replaced = nullptr) const;
 
   short Length() const { return length_; }
   int IsEmpty() const { return length_ == 0; }
@@ -106,6 +134,8 @@ class QUARNEL_API TString {
   void FormatOrdinal(int n);
   int LoadKString(unsigned short listId, unsigned key);
 
+  // Direct access; TStringBuffer and TStringAnsiText below hold a buffer for
+  // a scope.
   char16_t* GetBuffer(short len);
   void ReleaseBuffer(short len = -1);
   char* GetBufferAnsi(short bytes, int codePage = 0);
@@ -199,6 +229,8 @@ class QUARNEL_API TString {
   short findSubstringFrom(const char16_t* p, short len, short from, int caseSensitive) const;
 
  private:
+  friend class TStringAnsiText;
+
   // Assertion lines of the module "tstring".
   enum AssertLine : int {
     kLineLocked = 120,        // the text changed while a buffer is out
@@ -235,6 +267,49 @@ class QUARNEL_API TString {
   char* ansi_;
   char16_t* text_;
   char16_t inline_[kInlineUnits];
+};
+
+// GetBuffer(len) for the life of a scope. Data() is the writable text (room
+// for len units and a terminator); the destructor calls ReleaseBuffer with
+// the length given to SetLength, else 0 (the text runs to the first 0
+// unit). Not copyable; one object per buffer.
+class TStringBuffer {
+ public:
+  TStringBuffer(TString& text, short len) : text_(text), data_(text.GetBuffer(len)) {}
+  ~TStringBuffer() { text_.ReleaseBuffer(length_); }
+  TStringBuffer(const TStringBuffer&) = delete;
+  TStringBuffer& operator=(const TStringBuffer&) = delete;
+
+  char16_t* Data() const { return data_; }
+  void SetLength(short len) { length_ = len; }
+
+ private:
+  TString& text_;
+  char16_t* data_;
+  short length_ = 0;
+};
+
+// ReadBufferAnsi(codePage) for the life of a scope: Text() is the 8-bit copy
+// of the string, terminated; the destructor calls CloseBufferAnsi. When a
+// copy is out already, ReadBufferAnsi asserts (tstring 160) and hands out
+// that copy; this object then leaves it to whoever opened it.
+class TStringAnsiText {
+ public:
+  explicit TStringAnsiText(TString& text, int codePage = 0)
+      : text_(text), owner_(text.ansi_ == nullptr), ansi_(text.ReadBufferAnsi(codePage)) {}
+  ~TStringAnsiText() {
+    if (owner_) text_.CloseBufferAnsi();
+  }
+  TStringAnsiText(const TStringAnsiText&) = delete;
+  TStringAnsiText& operator=(const TStringAnsiText&) = delete;
+
+  const char* Text() const { return ansi_; }
+  std::string_view View() const { return ansi_ != nullptr ? ansi_ : ""; }
+
+ private:
+  TString& text_;
+  bool owner_;
+  const char* ansi_;
 };
 
 QUARNEL_API TString operator+(const TString& a, const TString& b);
@@ -278,19 +353,19 @@ namespace quarnel_internal {
 // The code page an 8-bit operation uses for `selector` (0 = the system ANSI
 // page, 2 = the Mac choice); any other selector asserts (tstring 232) and is
 // taken as 0. The Mac choice is 2, 10000 or -1 (the library's own table).
-QUARNEL_API int TStringResolveCodePage(int selector);
+int TStringResolveCodePage(int selector);
 
 // 8-bit to UTF-16 and back over a resolved code page, with Win32 meaning: a
 // destination length of 0 asks for the size; returns the units or bytes
 // written, 0 on failure. `srcLen` is a count (no -1).
-QUARNEL_API int TStringToWide(int codePage, const char* src, int srcLen, char16_t* dst, int dstLen);
-QUARNEL_API int TStringToAnsi(int codePage, const char16_t* src, int srcLen, char* dst, int dstLen);
+int TStringToWide(int codePage, const char* src, int srcLen, char16_t* dst, int dstLen);
+int TStringToAnsi(int codePage, const char16_t* src, int srcLen, char* dst, int dstLen);
 
 // Test seam: sets the process-wide cached choices as if they had been
 // computed (the system ANSI page; the Mac choice 2, 10000 or -1). Reset makes
 // the next 8-bit operation compute both again.
-QUARNEL_API void TStringSetCodePages(int acp, int mac);
-QUARNEL_API void TStringResetCodePages();
+void TStringSetCodePages(int acp, int mac);
+void TStringResetCodePages();
 
 }  // namespace quarnel_internal
 

@@ -5,6 +5,7 @@
 
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/platform/debugout.h"
+#include "quarnel/platform/utf8.h"
 #include "quarnel/text/tstring.h"
 
 namespace {
@@ -50,69 +51,13 @@ std::ostream& operator<<(std::ostream& os, const AssertionSeen& a) {
   return os << "{" << a.module << "-" << a.line << "}";
 }
 
-std::string Utf8(const std::u16string& s) {
-  std::string out;
-  for (std::size_t i = 0; i < s.size(); ++i) {
-    char32_t c = s[i];
-    if (c >= 0xD800 && c < 0xDC00 && i + 1 < s.size() && s[i + 1] >= 0xDC00 && s[i + 1] < 0xE000) {
-      c = 0x10000 + ((c - 0xD800) << 10) + (s[i + 1] - 0xDC00);
-      ++i;
-    }
-    if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else if (c < 0x800) {
-      out += static_cast<char>(0xC0 | (c >> 6));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-      out += static_cast<char>(0xE0 | (c >> 12));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (c >> 18));
-      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
-  return out;
-}
+std::string Utf8(const std::u16string& s) { return Utf16ToUtf8(s); }
 
-std::string Utf8(const TString& s) {
-  return Utf8(std::u16string(s.Text(), static_cast<std::size_t>(s.Length())));
-}
+std::string Utf8(const char16_t* s) { return Utf8(std::u16string(s ? s : u"")); }
 
-std::u16string Utf16(const std::string& utf8) {
-  std::u16string out;
-  for (std::size_t i = 0; i < utf8.size();) {
-    const unsigned char b = static_cast<unsigned char>(utf8[i]);
-    char32_t c;
-    int extra;
-    if (b < 0x80) {
-      c = b;
-      extra = 0;
-    } else if (b < 0xE0) {
-      c = b & 0x1F;
-      extra = 1;
-    } else if (b < 0xF0) {
-      c = b & 0x0F;
-      extra = 2;
-    } else {
-      c = b & 0x07;
-      extra = 3;
-    }
-    ++i;
-    for (int k = 0; k < extra && i < utf8.size(); ++k, ++i)
-      c = (c << 6) | (static_cast<unsigned char>(utf8[i]) & 0x3F);
-    if (c >= 0x10000) {
-      c -= 0x10000;
-      out += static_cast<char16_t>(0xD800 + (c >> 10));
-      out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
-    } else {
-      out += static_cast<char16_t>(c);
-    }
-  }
-  return out;
-}
+std::string Utf8(const TString& s) { return s.ToUtf8(); }
+
+std::u16string Utf16(const std::string& utf8) { return Utf8ToUtf16(utf8); }
 
 void RecordingTest::SetUp() {
   ClearRecords();

@@ -31,6 +31,7 @@ std::ostream& operator<<(std::ostream& os, const AssertionSeen& a);
 // UTF-16 to UTF-8, for messages and comparisons in tests.
 std::string Utf8(const TString& s);
 std::string Utf8(const std::u16string& s);
+std::string Utf8(const char16_t* s);  // up to the terminator
 std::u16string Utf16(const std::string& utf8);
 
 // Installs the recording hooks for the lifetime of the test and quietens the

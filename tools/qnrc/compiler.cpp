@@ -8,6 +8,8 @@
 #include <map>
 #include <set>
 
+#include "quarnel/platform/utf8.h"
+
 namespace qnrc {
 
 namespace {
@@ -53,44 +55,7 @@ std::uint32_t Get32(const std::vector<unsigned char>& b, std::size_t at) {
 }
 
 // UTF-8 to UTF-16; invalid sequences become U+FFFD.
-std::u16string Utf16(const std::string& s) {
-  std::u16string out;
-  for (std::size_t i = 0; i < s.size();) {
-    const unsigned char b = static_cast<unsigned char>(s[i]);
-    int n = b < 0x80             ? 1
-            : (b & 0xE0) == 0xC0 ? 2
-            : (b & 0xF0) == 0xE0 ? 3
-            : (b & 0xF8) == 0xF0 ? 4
-                                 : 0;
-    char32_t c = 0xFFFD;
-    if (n == 1) {
-      c = b;
-    } else if (n == 0 || i + static_cast<std::size_t>(n) > s.size()) {
-      n = 1;
-    } else {
-      c = b & (0x7F >> n);
-      for (int k = 1; k < n; ++k) {
-        const unsigned char t = static_cast<unsigned char>(s[i + static_cast<std::size_t>(k)]);
-        if ((t & 0xC0) != 0x80) {
-          c = 0xFFFD;
-          n = k;
-          break;
-        }
-        c = (c << 6) | (t & 0x3F);
-      }
-    }
-    i += static_cast<std::size_t>(n);
-    if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) c = 0xFFFD;
-    if (c >= 0x10000) {
-      c -= 0x10000;
-      out += static_cast<char16_t>(0xD800 + (c >> 10));
-      out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
-    } else {
-      out += static_cast<char16_t>(c);
-    }
-  }
-  return out;
-}
+std::u16string Utf16(const std::string& s) { return Utf8ToUtf16(s); }
 
 char16_t Fold(char16_t c) { return (c >= u'a' && c <= u'z') ? c - 32 : c; }
 
@@ -126,6 +91,16 @@ std::string Describe(const Resource& r) {
   return out + " name \"" + name + "\"";
 }
 
+// The container's order: numbered resources first, by type and id, then the
+// named ones by type and name.
+bool ResourceLess(const Resource& a, const Resource& b) {
+  const bool an = !a.name.empty();
+  const bool bn = !b.name.empty();
+  if (an != bn) return !an;
+  if (a.type != b.type) return a.type < b.type;
+  return an ? NameLess(a.name, b.name) : a.id < b.id;
+}
+
 class Compiler {
  public:
   Compiler(const std::string& script, const std::string& folder, const FileReader& reader)
@@ -136,13 +111,7 @@ class Compiler {
       *error = error_;
       return false;
     }
-    std::sort(resources_.begin(), resources_.end(), [](const Resource& a, const Resource& b) {
-      const bool an = !a.name.empty();
-      const bool bn = !b.name.empty();
-      if (an != bn) return !an;  // numbered resources first
-      if (a.type != b.type) return a.type < b.type;
-      return an ? NameLess(a.name, b.name) : a.id < b.id;
-    });
+    std::sort(resources_.begin(), resources_.end(), ResourceLess);
     *out = std::move(resources_);
     return true;
   }
@@ -725,6 +694,13 @@ bool Compile(const std::string& script, const std::string& folder, const FileRea
              std::vector<Resource>* resources, Error* error) {
   Compiler c(script, folder, reader);
   return c.Run(resources, error);
+}
+
+bool AddResource(std::vector<Resource>* resources, Resource resource) {
+  const auto at = std::lower_bound(resources->begin(), resources->end(), resource, ResourceLess);
+  if (at != resources->end() && !ResourceLess(resource, *at)) return false;
+  resources->insert(at, std::move(resource));
+  return true;
 }
 
 std::vector<unsigned char> BuildBlob(const std::vector<Resource>& resources) {

@@ -57,6 +57,10 @@ using FileReader = std::function<bool(const std::string& path, std::vector<unsig
 bool Compile(const std::string& script, const std::string& folder, const FileReader& reader,
              std::vector<Resource>* resources, Error* error);
 
+// Adds `resource` to sorted `resources` in its place; false (nothing added)
+// when one of the same type and id or name is there.
+bool AddResource(std::vector<Resource>* resources, Resource resource);
+
 // The container of sorted resources, byte for byte.
 std::vector<unsigned char> BuildBlob(const std::vector<Resource>& resources);
 

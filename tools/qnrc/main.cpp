@@ -1,10 +1,16 @@
 // qnrc: the resource compiler.
 //
-//   qnrc SCRIPT [-o BLOB] [-c SOURCE] [--symbol NAME]
+//   qnrc SCRIPT [-o BLOB] [-c SOURCE] [--symbol NAME] [--symbols-from MODULE]
+//   qnrc --check-symbols MODULE
 //
 // Reads the resource script SCRIPT and writes the resource container as a
 // plain file (-o) and as C++ source to compile into a module or the host
 // executable (-c; the array is named NAME, "quarnel_resources" unless given).
+// --symbols-from adds the symbol map (resource 256, id 1) of the functions of
+// MODULE, a linked shared object or program: the build links a module once,
+// then links it again with the container that carries its map.
+// --check-symbols checks that MODULE carries the map its own functions give
+// (its code did not move when the map was linked in).
 // Errors go to standard error as "SCRIPT:LINE: error: MESSAGE"; the exit
 // status is then 1 and no output is written.
 #include <cstdio>
@@ -14,6 +20,7 @@
 #include <vector>
 
 #include "tools/qnrc/compiler.h"
+#include "tools/qnrc/symbols.h"
 
 namespace {
 
@@ -32,7 +39,9 @@ bool WriteAll(const std::string& path, const void* data, std::size_t size) {
 }
 
 int Usage() {
-  std::fprintf(stderr, "usage: qnrc SCRIPT [-o BLOB] [-c SOURCE] [--symbol NAME]\n");
+  std::fprintf(stderr,
+               "usage: qnrc SCRIPT [-o BLOB] [-c SOURCE] [--symbol NAME] [--symbols-from MODULE]\n"
+               "       qnrc --check-symbols MODULE\n");
   return 2;
 }
 
@@ -43,15 +52,33 @@ int main(int argc, char** argv) {
   std::string blobPath;
   std::string cppPath;
   std::string symbol = "quarnel_resources";
+  std::string symbolsFrom;
+  std::string checkSymbols;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     if ((a == "-o" || a == "-c" || a == "--symbol") && i + 1 < argc) {
       (a == "-o" ? blobPath : a == "-c" ? cppPath : symbol) = argv[++i];
+    } else if ((a == "--symbols-from" || a == "--check-symbols") && i + 1 < argc) {
+      (a == "--symbols-from" ? symbolsFrom : checkSymbols) = argv[++i];
     } else if (!a.empty() && a[0] != '-' && script.empty()) {
       script = a;
     } else {
       return Usage();
     }
+  }
+  if (!checkSymbols.empty()) {
+    if (!script.empty()) return Usage();
+    std::vector<unsigned char> module;
+    std::string problem;
+    if (!ReadAll(checkSymbols, &module)) problem = "cannot read the module";
+    if (problem.empty() && !qnrc::CheckSymbolMap(module, &problem)) {
+      // problem says what
+    }
+    if (!problem.empty()) {
+      std::fprintf(stderr, "%s: error: %s\n", checkSymbols.c_str(), problem.c_str());
+      return 1;
+    }
+    return 0;
   }
   if (script.empty()) return Usage();
 
@@ -67,6 +94,22 @@ int main(int argc, char** argv) {
   if (!qnrc::Compile(std::string(text.begin(), text.end()), folder, ReadAll, &resources, &error)) {
     std::fprintf(stderr, "%s:%d: error: %s\n", script.c_str(), error.line, error.message.c_str());
     return 1;
+  }
+  if (!symbolsFrom.empty()) {
+    std::vector<unsigned char> module;
+    qnrc::Resource map;
+    std::string problem;
+    if (!ReadAll(symbolsFrom, &module)) {
+      problem = "cannot read the module";
+    } else if (qnrc::SymbolMapResource(module, &map, &problem)) {
+      if (!qnrc::AddResource(&resources, std::move(map))) {
+        problem = "the script defines resource 256 1 itself";
+      }
+    }
+    if (!problem.empty()) {
+      std::fprintf(stderr, "%s: error: %s\n", symbolsFrom.c_str(), problem.c_str());
+      return 1;
+    }
   }
   const std::vector<unsigned char> blob = qnrc::BuildBlob(resources);
   const std::string name = slash == std::string::npos ? script : script.substr(slash + 1);

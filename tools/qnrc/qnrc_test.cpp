@@ -13,6 +13,7 @@
 
 #include "quarnel/platform/resblob.h"
 #include "tools/qnrc/compiler.h"
+#include "tools/qnrc/symbols.h"
 
 namespace {
 
@@ -335,3 +336,82 @@ TEST(Qnrc, ProgramWritesBothOutputsOrReportsTheError) {
 }
 
 }  // namespace
+
+namespace {
+
+// One record of an unpacked symbol map, read back.
+struct MapRecord {
+  std::uint32_t offset;
+  std::string name;
+};
+
+std::vector<MapRecord> Records(const Bytes& map) {
+  std::vector<MapRecord> out;
+  std::size_t at = 0;
+  while (at + 2 <= map.size()) {
+    const unsigned length = map[at] | map[at + 1] << 8;
+    if (length == 0xFFFF) break;
+    std::uint32_t offset = 0;
+    for (int k = 0; k < 4; ++k) offset |= static_cast<std::uint32_t>(map[at + 2 + k]) << (8 * k);
+    out.push_back({offset, std::string(map.begin() + static_cast<long>(at) + 6,
+                                       map.begin() + static_cast<long>(at) + 2 + length)});
+    at += 2 + length + (length & 1);
+  }
+  EXPECT_EQ(at + 2, map.size()) << "the end marker closes the map";
+  return out;
+}
+
+Bytes FileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+}  // namespace
+
+TEST(QnrcSymbols, MapKeepsOneDemangledNamePerOffsetInOrder) {
+  const std::string longName = "_Z" + std::to_string(300) + std::string(300, 'f') + "v";
+  const Bytes map = qnrc::BuildSymbolMap({
+      {0x300, "_ZN7TString6AppendEPKDss", true},
+      {0x100, "local_alias", false},
+      {0x100, "global_alias", true},
+      {0x100, "g", true},
+      {0x200, longName, true},
+      {0x1'0000'0000ull, "too_far", true},
+      {0x180, "odd", false},
+  });
+  const std::vector<MapRecord> records = Records(map);
+  ASSERT_EQ(records.size(), 4u);
+  EXPECT_EQ(records[0].offset, 0x100u);
+  EXPECT_EQ(records[0].name, "g");  // global, then the shortest
+  EXPECT_EQ(records[1].offset, 0x180u);
+  EXPECT_EQ(records[1].name, "odd");  // an odd record length is padded
+  EXPECT_EQ(records[2].offset, 0x200u);
+  EXPECT_EQ(records[2].name, std::string(qnrc::kMaxSymbolName, 'f'));
+  EXPECT_EQ(records[3].name, "TString::Append(char16_t const*, short)");
+}
+
+// The build links the crash report's test module twice and checks that its
+// map names its functions where the module has them.
+TEST(QnrcSymbols, ModulesCarryTheMapOfTheirOwnCode) {
+  const std::string dir = QUARNEL_TEST_MODULE_DIR;
+  const Bytes mapped = FileBytes(dir + "/libqnt_crashcode.so");
+  const Bytes unmapped = FileBytes(dir + "/libqnt_crashcode_unmapped.so");
+  ASSERT_FALSE(mapped.empty());
+  std::string error;
+  EXPECT_TRUE(qnrc::CheckSymbolMap(mapped, &error)) << error;
+  EXPECT_FALSE(qnrc::CheckSymbolMap(unmapped, &error));
+  EXPECT_EQ(error, "the module carries no symbol map");
+  EXPECT_FALSE(qnrc::CheckSymbolMap(Bytes{1, 2, 3}, &error));
+
+  // The map of one module in another's container does not pass.
+  qnrc::Resource foreign;
+  ASSERT_TRUE(qnrc::SymbolMapResource(FileBytes(dir + "/libqnt_full.so"), &foreign, &error));
+  qnrc::Resource own;
+  ASSERT_TRUE(qnrc::SymbolMapResource(unmapped, &own, &error));
+  EXPECT_NE(foreign.data, own.data);
+  EXPECT_EQ(own.type, 256u);
+  EXPECT_EQ(own.id, 1);
+  const std::string shell = std::string(QNRC_PROGRAM) + " --check-symbols " + dir;
+  EXPECT_EQ(std::system((shell + "/libqnt_crashcode.so 2>/dev/null").c_str()), 0);
+  EXPECT_NE(std::system((shell + "/libqnt_nosyms.so 2>/dev/null").c_str()), 0);
+}

@@ -120,6 +120,7 @@ bool CheckRecords(const std::uint8_t* block, unsigned b, unsigned n, std::uint64
   const unsigned count = (n + kSegmentSize - 1) / kSegmentSize;
   std::uint64_t in = b;  // end of the records not yet read
   bool firstOver = true;
+  bool allRaw = true;
   for (unsigned idx = count; idx-- > 0;) {
     const unsigned len = SliceLength(n, count, idx);
     if (in < kPackHeaderSize + 2) return flush() && fail(PackDefect::kTrailer, in - 2);
@@ -128,6 +129,7 @@ bool CheckRecords(const std::uint8_t* block, unsigned b, unsigned n, std::uint64
       return flush() && fail(PackDefect::kTrailer, in - 2);
     }
     const std::uint64_t body = in - 2 - stored;
+    allRaw = allRaw && stored == len;
     // Every slice but the first is written while earlier records still wait
     // below it (the first only meets the header, read by then).
     if (idx > 0 && margin + std::uint64_t{idx} * kSegmentSize < body) {
@@ -154,6 +156,13 @@ bool CheckRecords(const std::uint8_t* block, unsigned b, unsigned n, std::uint64
   plan->n = n;
   plan->margin = static_cast<unsigned>(margin);
   plan->room = end > b ? static_cast<unsigned>(end) : b;
+  if (allRaw) {
+    // Each raw body lies above its slice's final place and below the next
+    // body: moved down in order, they need neither room nor margin.
+    plan->allRaw = true;
+    plan->margin = 0;
+    plan->room = b;
+  }
   return true;
 }
 
@@ -181,6 +190,15 @@ bool RestorePacked(std::uint8_t* buf, unsigned packed, unsigned n) {
 bool UnpackInPlace(std::uint8_t* buf, unsigned b, UnpackPlan* plan) {
   const unsigned n = plan->n;
   const unsigned count = (n + kSegmentSize - 1) / kSegmentSize;
+  if (plan->allRaw) {
+    unsigned body = kPackHeaderSize;
+    for (unsigned idx = 0; idx < count; ++idx) {
+      const unsigned len = SliceLength(n, count, idx);
+      std::memmove(buf + idx * std::size_t{kSegmentSize}, buf + body, len);
+      body += len + 2;
+    }
+    return true;
+  }
   const std::uint8_t* const readEnd = buf + plan->room;
   unsigned in = b;
   unsigned outEnd = plan->margin + n;

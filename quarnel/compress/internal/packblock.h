@@ -68,6 +68,7 @@ struct UnpackPlan {
   unsigned n = 0;       // unpacked size
   unsigned margin = 0;  // where the unpacked data is built, before it moves down
   unsigned room = 0;    // bytes the buffer must hold while unpacking: max(b, margin + n)
+  bool allRaw = false;  // every slice stored raw: unpacked in order, in place, margin 0
   PackDefect defect = PackDefect::kNone;
   unsigned offset = 0;  // where the defect was found
 };

@@ -455,6 +455,14 @@ TEST(SegmentDecoder, CheckerRefusesMalformedStreams) {
     EXPECT_FALSE(DecodeSegmentChecked(code.get(), static_cast<int>(r.code.size()),
                                       code.get() + r.code.size() + 2, out.get(), r.n,
                                       out.get() + r.n));
+    // With room around them the wide pieces go without checks of their own:
+    // refused all the same, nothing written past the room.
+    Bytes roomyCode = r.code;
+    roomyCode.resize(r.code.size() + 64, 0xA5);
+    Bytes roomyOut(static_cast<std::size_t>(r.n) + 64);
+    EXPECT_FALSE(DecodeSegmentChecked(roomyCode.data(), static_cast<int>(r.code.size()),
+                                      roomyCode.data() + roomyCode.size(), roomyOut.data(), r.n,
+                                      roomyOut.data() + roomyOut.size()));
   }
   // The same shapes made right are accepted.
   EXPECT_TRUE(Check({0xA0, 0x41, 0x00, 0x00}, 5));
@@ -530,9 +538,19 @@ TEST(PackBlock, IncompressibleSegmentsAreRawAndTheSizeWordNegative) {
   UnpackPlan plan;
   ASSERT_TRUE(Unpack(block, &back, &plan));
   EXPECT_EQ(back, data);
-  // Built above its size by the slack plus the excess of the packed block.
-  EXPECT_EQ(plan.margin, PackSlack(10000) + 14);
-  EXPECT_EQ(plan.room, 10000 + plan.margin);
+  // Every slice raw: moved down in order inside the block's own bytes.
+  EXPECT_TRUE(plan.allRaw);
+  EXPECT_EQ(plan.margin, 0u);
+  EXPECT_EQ(plan.room, 10014u);
+  // With a coded slice too, it is built above its size by the slack.
+  const Bytes text = Generate(DataKind::kText, 4096, rng);
+  const Bytes mixed = Concat({text, data});
+  ASSERT_EQ(Pack(mixed, &block).kind, PackOutcome::kPacked);
+  ASSERT_TRUE(Unpack(block, &back, &plan));
+  EXPECT_EQ(back, mixed);
+  EXPECT_FALSE(plan.allRaw);
+  EXPECT_EQ(plan.margin, PackSlack(14096));
+  EXPECT_EQ(plan.room, 14096 + plan.margin);
 }
 
 TEST(PackBlock, SegmentsAreCodedAloneWithPositionsInsideTheSegment) {

@@ -410,7 +410,10 @@ inline void CopyMatch(std::uint8_t* dst, const std::uint8_t* src, int m,
 // tested by how often they come: short matches, short runs, medium matches,
 // long matches, long runs. Literals and copies of up to 32 bytes go in whole
 // 16-byte pieces when the source has the bytes to read and `writeEnd` the
-// room to write.
+// room to write. Such a piece needs no check of its own: it stays inside
+// [code, readEnd) and [out, writeEnd), a copy's source is behind the output,
+// and a token that runs past the end of the code or of the segment leaves
+// `t` or `o` where the final test finds it.
 template <bool kChecked>
 bool Decode(const std::uint8_t* code, int len, const std::uint8_t* readEnd, std::uint8_t* out,
             int n, const std::uint8_t* writeEnd) {
@@ -424,26 +427,26 @@ bool Decode(const std::uint8_t* code, int len, const std::uint8_t* readEnd, std:
       const std::uint8_t* src = out + (((b0 & 0x0F) << 8) | t[1]);
       const int m = static_cast<int>((b0 >> 4) & 7) + kMinMatch;
       t += 2;
-      if constexpr (kChecked) {
-        if (t > end || src >= o || m > oEnd - o) return false;
-      }
-      if (o - src >= 16 && writeEnd - o >= 16) {
+      if (o - src >= 16 && writeEnd - o >= 16) [[likely]] {
         Copy16(o, src);
       } else {
+        if constexpr (kChecked) {
+          if (t > end || src >= o || m > oEnd - o) return false;
+        }
         CopyMatch(o, src, m, writeEnd);
       }
       o += m;
-    } else if (b0 >= kTokShortRun && b0 < kTokMediumMatch) {
+    } else if ((b0 & 0xE0) == kTokShortRun) {
       const int count = static_cast<int>(b0 & 0x1F) + 1;
       const std::uint8_t* src = t + 1;
       t = src + count;
-      if constexpr (kChecked) {
-        if (t > end || count > oEnd - o) return false;
-      }
-      if (readEnd - src >= 32 && writeEnd - o >= 32) {
+      if (readEnd - src >= 32 && writeEnd - o >= 32) [[likely]] {
         Copy16(o, src);
         Copy16(o + 16, src + 16);
       } else {
+        if constexpr (kChecked) {
+          if (t > end || count > oEnd - o) return false;
+        }
         std::memmove(o, src, static_cast<std::size_t>(count));
       }
       o += count;
@@ -451,13 +454,13 @@ bool Decode(const std::uint8_t* code, int len, const std::uint8_t* readEnd, std:
       const std::uint8_t* src = out + ((((b0 >> 4) & 3) << 8) | t[1]);
       const int m = static_cast<int>(b0 & 0x0F) + 12;
       t += 2;
-      if constexpr (kChecked) {
-        if (t > end || src >= o || m > oEnd - o) return false;
-      }
       if (o - src >= 16 && writeEnd - o >= 32) {
         Copy16(o, src);
         Copy16(o + 16, src + 16);
       } else {
+        if constexpr (kChecked) {
+          if (t > end || src >= o || m > oEnd - o) return false;
+        }
         CopyMatch(o, src, m, writeEnd);
       }
       o += m;

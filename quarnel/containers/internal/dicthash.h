@@ -117,6 +117,24 @@ struct DictOps {
     SizeTable(d, size);
   }
 
+  // Exchanges everything two dictionaries hold; the tables stay where they
+  // are (each lives in its own heap TMemory).
+  static void Swap(D& a, D& b) {
+    std::swap(a.ordered_, b.ordered_);
+    std::swap(a.nullValue_, b.nullValue_);
+    std::swap(a.size_, b.size_);
+    std::swap(a.mask_, b.mask_);
+    std::swap(a.shift_, b.shift_);
+    std::swap(a.used_, b.used_);
+    std::swap(a.deleted_, b.deleted_);
+    std::swap(a.lowWater_, b.lowWater_);
+    std::swap(a.highWater_, b.highWater_);
+    std::swap(a.tombstoneLimit_, b.tombstoneLimit_);
+    std::swap(a.tableMemory_, b.tableMemory_);
+    std::swap(a.table_, b.table_);
+    std::swap(a.parent_, b.parent_);
+  }
+
   // Copies `from` into `d`, whose table memory already exists.
   static void Copy(D& d, const D& from) {
     d.ordered_ = from.ordered_;
@@ -214,9 +232,9 @@ struct DictOps {
     }
   }
 
-  static Value Lookup(D& d, Key key) {
+  static Value Lookup(const D& d, Key key) {
     int depth = 0;
-    for (D* x = &d; x != nullptr; x = x->parent_) {
+    for (const D* x = &d; x != nullptr; x = x->parent_) {
       if (++depth > kDictMaxParentDepth) {
         Debug(Tr::kModule, kDictLineParentCycle);
         return 0;

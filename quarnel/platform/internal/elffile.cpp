@@ -9,7 +9,12 @@ namespace {
 
 constexpr unsigned kShtProgbits = 1;
 constexpr unsigned kShtStrtab = 3;
+constexpr unsigned kShtSymtab = 2;
 constexpr unsigned kShtDynsym = 11;
+constexpr unsigned kSttFunc = 2;
+constexpr unsigned kSttGnuIfunc = 10;
+constexpr unsigned kStbGlobal = 1;
+constexpr unsigned kStbWeak = 2;
 constexpr unsigned kShnLoReserve = 0xFF00;
 constexpr unsigned kEtDyn = 3;
 constexpr unsigned kPtLoad = 1;
@@ -110,10 +115,10 @@ unsigned ElfCheckLoadable(const ElfSource& source) {
   return loads ? kElfFound : kElfBadFormat;
 }
 
-unsigned ElfFindSymbolBytes(const ElfSource& source, const char* name, std::uint64_t* offset,
-                            std::uint64_t* size) {
-  *offset = 0;
-  *size = 0;
+namespace {
+
+// Reads the identification, the header and the section table.
+unsigned ReadSections(const ElfSource& source, Layout* layout, std::vector<Section>* sections) {
   unsigned char ident[64] = {};
   if (!source.ReadAt(0, ident, 16)) return kElfBadFormat;
   if (ident[0] != 0x7F || ident[1] != 'E' || ident[2] != 'L' || ident[3] != 'F') {
@@ -123,22 +128,81 @@ unsigned ElfFindSymbolBytes(const ElfSource& source, const char* name, std::uint
     return kElfBadFormat;
   }
   const Layout l{ident[4] == 2, ident[5] == 2};
+  *layout = l;
   const unsigned headerSize = l.is64 ? 64 : 52;
   if (!source.ReadAt(0, ident, headerSize)) return kElfBadFormat;
   const std::uint64_t shoff = l.is64 ? l.Get(ident + 40, 8) : l.Get(ident + 32, 4);
   const unsigned shentsize = static_cast<unsigned>(l.Get(ident + (l.is64 ? 58 : 46), 2));
   const unsigned shnum = static_cast<unsigned>(l.Get(ident + (l.is64 ? 60 : 48), 2));
   const unsigned minEntry = l.is64 ? 64 : 40;
-  if (shnum == 0) return kElfNoSymbol;  // no section table: nothing to look up
+  sections->clear();
+  if (shnum == 0) return kElfFound;  // no section table
   if (shentsize < minEntry) return kElfBadFormat;
   std::vector<unsigned char> headers;
   if (!ReadTable(source, Section{0, 0, shoff, std::uint64_t{shnum} * shentsize, 0, 0}, &headers)) {
     return kElfBadFormat;
   }
-  std::vector<Section> sections(shnum);
+  sections->resize(shnum);
   for (unsigned i = 0; i < shnum; ++i) {
-    sections[i] = ReadSection(l, headers.data() + std::size_t{i} * shentsize);
+    (*sections)[i] = ReadSection(l, headers.data() + std::size_t{i} * shentsize);
   }
+  return kElfFound;
+}
+
+}  // namespace
+
+unsigned ElfFunctionSymbols(const ElfSource& source, std::vector<ElfFunction>* out) {
+  out->clear();
+  Layout l{};
+  std::vector<Section> sections;
+  if (ReadSections(source, &l, &sections) != kElfFound) return kElfBadFormat;
+  const unsigned shnum = static_cast<unsigned>(sections.size());
+  const Section* table = nullptr;
+  for (const Section& s : sections) {
+    if (s.type == kShtSymtab) table = &s;
+  }
+  for (const Section& s : sections) {
+    if (table == nullptr && s.type == kShtDynsym) table = &s;
+  }
+  if (table == nullptr) return kElfFound;
+  if (table->link >= shnum || sections[table->link].type != kShtStrtab) return kElfBadFormat;
+  const unsigned symSize = l.is64 ? 24 : 16;
+  const std::uint64_t stride = table->entsize == 0 ? symSize : table->entsize;
+  std::vector<unsigned char> symbols;
+  std::vector<unsigned char> strings;
+  if (stride < symSize || !ReadTable(source, *table, &symbols) ||
+      !ReadTable(source, sections[table->link], &strings)) {
+    return kElfBadFormat;
+  }
+  for (std::uint64_t k = 0; k < table->size / stride; ++k) {
+    const unsigned char* s = symbols.data() + k * stride;
+    const unsigned info = s[l.is64 ? 4 : 12];
+    const unsigned shndx = static_cast<unsigned>(l.Get(s + (l.is64 ? 6 : 14), 2));
+    const unsigned type = info & 0xF;
+    if ((type != kSttFunc && type != kSttGnuIfunc) || shndx == 0 || shndx >= kShnLoReserve) {
+      continue;
+    }
+    const std::uint64_t nameOffset = l.Get(s, 4);
+    if (nameOffset >= strings.size()) continue;
+    const char* name = reinterpret_cast<const char*>(strings.data() + nameOffset);
+    const std::size_t length = strnlen(name, strings.size() - nameOffset);
+    const std::uint64_t value = l.is64 ? l.Get(s + 8, 8) : l.Get(s + 4, 4);
+    const unsigned bind = info >> 4;
+    out->push_back(
+        ElfFunction{value, std::string(name, length), bind == kStbGlobal || bind == kStbWeak});
+  }
+  return kElfFound;
+}
+
+unsigned ElfFindSymbolBytes(const ElfSource& source, const char* name, std::uint64_t* offset,
+                            std::uint64_t* size) {
+  *offset = 0;
+  *size = 0;
+  Layout l{};
+  std::vector<Section> sections;
+  if (ReadSections(source, &l, &sections) != kElfFound) return kElfBadFormat;
+  const unsigned shnum = static_cast<unsigned>(sections.size());
+  if (shnum == 0) return kElfNoSymbol;  // no section table: nothing to look up
 
   const unsigned symSize = l.is64 ? 24 : 16;
   const std::size_t nameLength = std::strlen(name);

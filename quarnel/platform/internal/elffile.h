@@ -8,6 +8,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 namespace quarnel_internal {
 
@@ -49,6 +51,19 @@ unsigned ElfFindSymbolBytes(const ElfSource& source, const char* name, std::uint
 // cut or damaged file is refused instead of faulting when its pages are
 // touched. kElfFound (0) or kElfBadFormat.
 unsigned ElfCheckLoadable(const ElfSource& source);
+
+// A function the file's symbol table defines.
+struct ElfFunction {
+  std::uint64_t value;  // its address relative to the load address
+  std::string name;     // as the table holds it (mangled)
+  bool global;          // global or weak binding
+};
+
+// The functions of the file's full symbol table (.symtab), or of its dynamic
+// symbols when it has been stripped: symbols of type FUNC or IFUNC defined in
+// a section of the file, in the table's order. kElfFound (0), or
+// kElfBadFormat for a file that is not ELF or whose tables lie outside it.
+unsigned ElfFunctionSymbols(const ElfSource& source, std::vector<ElfFunction>* out);
 
 }  // namespace quarnel_internal
 

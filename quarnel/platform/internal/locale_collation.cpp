@@ -23,7 +23,8 @@
 // Accent weights follow the order of the Unicode collation algorithm's
 // secondary weights for the common marks (acute, grave, breve, circumflex,
 // caron, ring, diaeresis, double acute, tilde, dot above, stroke, cedilla,
-// ogonek, macron); marks of rarer letters follow.
+// ogonek, macron), except that dotless i comes just before I with dot above,
+// as Windows sorts them; marks of rarer letters follow.
 
 namespace quarnel_internal {
 namespace {
@@ -39,12 +40,12 @@ enum Accent : uint8_t {
   kDiaeresis,
   kDoubleAcute,
   kTilde,
+  kDotless,  // before the dot above, so that dotless i sorts before I with dot
   kDotAbove,
   kStroke,
   kCedilla,
   kOgonek,
   kMacron,
-  kDotless,
   kKra,
   kMiddleDot,
   kApostrophe,

@@ -24,6 +24,32 @@ void AppendDate(TString* out, const TDate* date, const DateForm& form, unsigned 
 // Appends the text of `iv` (null: a zero interval) for the precision.
 void AppendInterval(TString* out, const TInterval* iv, int precision, unsigned lcid);
 
+// The locale's words and pictures of the date forms in 8-bit text (the
+// system code page), prepared ahead so that a date can be written without
+// allocating. words[t] is the text of token t (the decimal separator, signs,
+// AM/PM, day and month names, the time separator).
+struct NarrowDateWords {
+  static constexpr int kTokens = 60;
+  static constexpr int kWord = 48;
+  static constexpr int kPicture = 96;
+  char words[kTokens][kWord];
+  char shortDate[kPicture];
+  char longDate[kPicture];
+  char time[kPicture];
+  char timeNoSeconds[kPicture];
+  char time1[kPicture];  // the picture of %.1T, with the locale's separator
+};
+
+// Fills `words` for locale `lcid`. Allocates: call it ahead, not where the
+// date is written.
+void PrepareNarrowDateWords(unsigned lcid, NarrowDateWords* words);
+
+// Writes `date` in `form` (as AppendDate would, in 8-bit text) to out[0..cap),
+// cut to cap - 1 bytes and zero-terminated; returns the length. A default
+// date writes nothing. Allocates nothing and takes no lock.
+int FormatDateNarrow(char* out, int cap, const TDate& date, const DateForm& form,
+                     const NarrowDateWords& words);
+
 // Reads a date written by AppendDate in `form` from s[0..n). `stop` is the
 // format unit that follows the conversion (0: none or another conversion):
 // when the word 'Nevr' is empty, an empty field (the end of the text, or

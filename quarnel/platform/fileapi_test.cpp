@@ -1,0 +1,599 @@
+#include "quarnel/platform/fileapi.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <random>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "quarnel/platform/drivemap.h"
+#include "quarnel/platform/env.h"
+#include "quarnel/platform/faults.h"
+#include "quarnel/platform/lasterror.h"
+#include "quarnel/platform/testchild.h"
+#include "tests/support/drive_fixture.h"
+
+namespace {
+
+using FileApi = DriveTest;
+
+std::u16string W(const std::string& s) { return Utf16(s); }
+
+// The Windows error a call leaves (0 when it succeeded).
+template <class F>
+unsigned ErrorOf(F call) {
+  USetLastError(0);
+  return call() ? 0u : UGetLastError();
+}
+
+UHANDLE Open(const std::u16string& path, unsigned access, unsigned share, unsigned disposition,
+             unsigned flags = 0) {
+  return UCreateFile(path.c_str(), access, share, disposition, flags);
+}
+
+unsigned OpenError(const std::u16string& path, unsigned access, unsigned disposition,
+                   unsigned flags = 0, unsigned share = kFileShareRead) {
+  USetLastError(0);
+  const UHANDLE h = Open(path, access, share, disposition, flags);
+  if (h == kInvalidHandleValue) return UGetLastError();
+  UCloseHandle(h);
+  return 0;
+}
+
+}  // namespace
+
+// The error numbers Windows gives for failing file calls, one row per
+// recorded case (the recording's own departures from Windows noted).
+TEST_F(FileApi, FailingCallsGiveWindowsErrorNumbers) {
+  WriteHost(Host(u"C:\\src.txt"), "source");
+  WriteHost(Host(u"C:\\dst.txt"), "dest");
+  WriteHost(Host(u"C:\\ro.txt"), "read-only");
+  ASSERT_TRUE(USetFileAttributes(u"C:\\ro.txt", kFileAttributeReadOnly));
+  MakeHostFolder(Host(u"C:\\exists"));
+  MakeHostFolder(Host(u"C:\\full\\inner"));
+  const std::u16string deep = u"C:\\" + std::u16string(50, u'd') + u"\\" +
+                              std::u16string(100, u'd') + u"\\" + std::u16string(150, u'd');
+  MakeHostFolder(Host(deep));
+  const unsigned rd = kGenericRead, wr = kGenericWrite;
+  struct Row {
+    const char* label;
+    unsigned expected;
+    std::function<unsigned()> call;
+  } rows[] = {
+      {"missing file", 2, [&] { return OpenError(u"C:\\missing.txt", rd, kOpenExisting); }},
+      {"missing folder", 3, [&] { return OpenError(u"C:\\nofolder\\x.txt", rd, kOpenExisting); }},
+      {"missing folder (create)", 3,
+       [&] { return OpenError(u"C:\\nofolder\\x.txt", wr, kCreateAlways); }},
+      {"CreateDirectory on folder", 183,
+       [&] { return ErrorOf([] { return UCreateDirectory(u"C:\\exists"); }); }},
+      {"CreateDirectory on file", 183,
+       [&] { return ErrorOf([] { return UCreateDirectory(u"C:\\src.txt"); }); }},
+      {"RemoveDirectory non-empty", 145,
+       [&] { return ErrorOf([] { return URemoveDirectory(u"C:\\full"); }); }},
+      {"MoveFile onto file", 183,
+       [&] { return ErrorOf([] { return UMoveFile(u"C:\\src.txt", u"C:\\dst.txt"); }); }},
+      {"DeleteFile read-only", 5,
+       [&] { return ErrorOf([] { return UDeleteFile(u"C:\\ro.txt"); }); }},
+      {"folder as file", 5, [&] { return OpenError(u"C:\\exists", rd, kOpenExisting); }},
+      {"folder as file (write)", 5, [&] { return OpenError(u"C:\\exists", wr, kOpenExisting); }},
+      {"folder with backup semantics", 0,
+       [&] { return OpenError(u"C:\\exists", rd, kOpenExisting, kFileFlagBackupSemantics); }},
+      {"< in name", 123, [&] { return OpenError(u"C:\\a<b", wr, kCreateAlways); }},
+      {"> in name", 123, [&] { return OpenError(u"C:\\a>b", wr, kCreateAlways); }},
+      {"| in name", 123, [&] { return OpenError(u"C:\\a|b", wr, kCreateAlways); }},
+      {"\" in name", 123, [&] { return OpenError(u"C:\\a\"b", wr, kCreateAlways); }},
+      {"* in name", 123, [&] { return OpenError(u"C:\\a*b", rd, kOpenExisting); }},
+      {"? in name", 123, [&] { return OpenError(u"C:\\a?b", rd, kOpenExisting); }},
+      {"control in name", 123,
+       [&] {
+         return OpenError(
+             u"C:\\a\x01"
+             u"b",
+             rd, kOpenExisting);
+       }},
+      {": in name (create)", 0, [&] { return OpenError(u"C:\\a:b", wr, kCreateAlways); }},
+      {": in name (open missing)", 2, [&] { return OpenError(u"C:\\c:d", rd, kOpenExisting); }},
+      // Windows refuses a 286-character component; the recording's 2 is its own.
+      {"component over 255", 206,
+       [&] { return OpenError(u"C:\\" + std::u16string(286, u'n'), wr, kCreateAlways); }},
+      {"path over 260 (long form added)", 0,
+       [&] { return OpenError(deep + u"\\file.txt", wr, kCreateAlways); }},
+      {"path over 260 with \\\\?\\", 0,
+       [&] { return OpenError(u"\\\\?\\" + deep + u"\\file.txt", rd, kOpenExisting); }},
+      {"DeleteFile missing", 2,
+       [&] { return ErrorOf([] { return UDeleteFile(u"C:\\missing.txt"); }); }},
+      {"DeleteFile folder", 5, [&] { return ErrorOf([] { return UDeleteFile(u"C:\\exists"); }); }},
+      {"RemoveDirectory missing", 2,
+       [&] { return ErrorOf([] { return URemoveDirectory(u"C:\\nofolder"); }); }},
+      {"RemoveDirectory on file", 267,
+       [&] { return ErrorOf([] { return URemoveDirectory(u"C:\\dst.txt"); }); }},
+      {"RemoveDirectory of a root", 5,
+       [&] { return ErrorOf([] { return URemoveDirectory(u"D:\\"); }); }},
+      {"CreateDirectory missing parent", 3,
+       [&] { return ErrorOf([] { return UCreateDirectory(u"C:\\nofolder\\sub"); }); }},
+      {"MoveFile missing source", 2,
+       [&] { return ErrorOf([] { return UMoveFile(u"C:\\missing.txt", u"C:\\new.txt"); }); }},
+      {"MoveFile onto folder", 183,
+       [&] { return ErrorOf([] { return UMoveFile(u"C:\\src.txt", u"C:\\exists"); }); }},
+      // Windows refuses writes to a read-only file even to an administrator.
+      {"read-only for writing", 5, [&] { return OpenError(u"C:\\ro.txt", wr, kOpenExisting); }},
+      {"CopyFile fail-if-exists", 80,
+       [&] { return ErrorOf([] { return UCopyFile(u"C:\\src.txt", u"C:\\dst.txt", 1); }); }},
+      {"CopyFile onto read-only", 5,
+       [&] { return ErrorOf([] { return UCopyFile(u"C:\\src.txt", u"C:\\ro.txt", 0); }); }},
+      {"CREATE_NEW on file", 80, [&] { return OpenError(u"C:\\dst.txt", wr, kCreateNew); }},
+      {"FindFirstFile no match", 2,
+       [&] {
+         UWIN32_FIND_DATAW d;
+         return ErrorOf(
+             [&] { return UFindFirstFile(u"C:\\exists\\*.nomatch", &d) != kInvalidHandleValue; });
+       }},
+      {"FindFirstFile missing folder", 3,
+       [&] {
+         UWIN32_FIND_DATAW d;
+         return ErrorOf(
+             [&] { return UFindFirstFile(u"C:\\nofolder\\*", &d) != kInvalidHandleValue; });
+       }},
+      {"GetFileAttributes missing", 2,
+       [&] {
+         return ErrorOf(
+             [] { return UGetFileAttributes(u"C:\\missing.txt") != kInvalidFileAttributes; });
+       }},
+      {"unmapped drive", 3,
+       [&] {
+         return ErrorOf([] { return UGetFileAttributes(u"Q:\\x") != kInvalidFileAttributes; });
+       }},
+      {"empty path", 3, [&] { return OpenError(u"", rd, kOpenExisting); }},
+      {"bad disposition", 87, [&] { return OpenError(u"C:\\src.txt", rd, 9); }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.label);
+    EXPECT_EQ(row.call(), row.expected);
+  }
+  EXPECT_EQ(UGetFileAttributes(u"C:\\ro.txt"), 0x21u);  // the copy left it as it was
+  EXPECT_EQ(ReadHost(Host(u"C:\\ro.txt")), "read-only");
+  EXPECT_EQ(ErrorOf([] {
+              return UCreateFile(nullptr, kGenericRead, 0, kOpenExisting, 0) != kInvalidHandleValue;
+            }),
+            87u);
+}
+
+// Sharing follows Windows' rule across handles: an open succeeds only when
+// no earlier handle denies the access it asks for, and it denies no access
+// an earlier handle holds. Random opens and closes against that model.
+TEST_F(FileApi, SharingFollowsTheWindowsRuleAcrossHandles) {
+  WriteHost(Host(u"C:\\shared.bin"), "x");
+  struct Held {
+    UHANDLE h;
+    unsigned access, share;
+  };
+  std::vector<Held> held;
+  std::mt19937 rng(11);
+  const unsigned accessOf[] = {kGenericRead, kGenericWrite, kGenericRead | kGenericWrite,
+                               kDeleteAccess, 0};
+  const unsigned bitsOf[] = {1, 2, 3, 4, 0};
+  int refused = 0, granted = 0;
+  for (int step = 0; step < 400; ++step) {
+    if (!held.empty() && rng() % 3 == 0) {
+      const std::size_t i = rng() % held.size();
+      ASSERT_TRUE(UCloseHandle(held[i].h));
+      held.erase(held.begin() + static_cast<long>(i));
+      continue;
+    }
+    const int a = static_cast<int>(rng() % 5);
+    const unsigned share = rng() % 8;
+    bool allowed = true;
+    for (const Held& o : held) {
+      if (bitsOf[a] == 0 || o.access == 0) continue;
+      if ((bitsOf[a] & ~o.share) || (o.access & ~share)) allowed = false;
+    }
+    SCOPED_TRACE(testing::Message()
+                 << "step " << step << " access " << bitsOf[a] << " share " << share);
+    const UHANDLE h = Open(u"C:\\SHARED.bin", accessOf[a], share, kOpenExisting);
+    EXPECT_EQ(h != kInvalidHandleValue, allowed);
+    if (h != kInvalidHandleValue) {
+      held.push_back({h, bitsOf[a], share});
+      ++granted;
+    } else {
+      EXPECT_EQ(UGetLastError(), 32u);
+      ++refused;
+    }
+  }
+  for (const Held& o : held) UCloseHandle(o.h);
+  EXPECT_GT(refused, 20);
+  EXPECT_GT(granted, 20);
+  // Delete and move need delete access: refused while a handle denies it.
+  const UHANDLE h = Open(u"C:\\shared.bin", kGenericRead, kFileShareRead, kOpenExisting);
+  EXPECT_EQ(ErrorOf([] { return UDeleteFile(u"C:\\shared.bin"); }), 32u);
+  EXPECT_EQ(ErrorOf([] { return UMoveFile(u"C:\\shared.bin", u"C:\\moved.bin"); }), 32u);
+  UCloseHandle(h);
+  EXPECT_EQ(ErrorOf([] { return UDeleteFile(u"C:\\shared.bin"); }), 0u);
+}
+
+// A second process holding the file for writing: a reader that denies
+// writing is refused, one that shares writing gets in; a second writer is
+// refused.
+TEST_F(FileApi, SharingHoldsAgainstAnotherProcess) {
+  WriteHost(Host(u"C:\\log.txt"), "line\n");
+  UTestChild child;
+  ASSERT_EQ(child.Start(
+                [](void*) {
+                  const UHANDLE h =
+                      UCreateFile(u"C:\\log.txt", kGenericWrite, kFileShareRead, kOpenExisting, 0);
+                  return h != kInvalidHandleValue ? 1 : 0;  // held until released
+                },
+                nullptr),
+            1);
+  EXPECT_EQ(OpenError(u"C:\\log.txt", kGenericRead, kOpenExisting, 0, kFileShareRead), 32u);
+  EXPECT_EQ(
+      OpenError(u"C:\\log.txt", kGenericRead, kOpenExisting, 0, kFileShareRead | kFileShareWrite),
+      0u);
+  EXPECT_EQ(
+      OpenError(u"C:\\log.txt", kGenericWrite, kOpenExisting, 0, kFileShareRead | kFileShareWrite),
+      32u);
+  child.Release();
+  EXPECT_EQ(OpenError(u"C:\\log.txt", kGenericWrite, kOpenExisting), 0u);
+}
+
+TEST_F(FileApi, NamesMatchIgnoringCaseAndKeepTheCaseGiven) {
+  MakeHostFolder(Host(u"C:\\Data\\Sub"));
+  WriteHost(Host(u"C:\\Data\\Sub\\Data.TXT"), "payload");
+  const UHANDLE h = Open(u"C:\\data\\SUB\\data.txt", kGenericRead, kFileShareRead, kOpenExisting);
+  ASSERT_NE(h, kInvalidHandleValue);
+  char buf[16] = {};
+  unsigned n = 0;
+  EXPECT_TRUE(UReadFile(h, buf, sizeof buf, &n));
+  EXPECT_EQ(std::string(buf, n), "payload");
+  UCloseHandle(h);
+  // A new name keeps the case given, in the folder as the disk spells it.
+  const UHANDLE c = Open(u"C:\\DATA\\sub\\New.Txt", kGenericWrite, 0, kCreateNew);
+  ASSERT_NE(c, kInvalidHandleValue);
+  UCloseHandle(c);
+  EXPECT_TRUE(HostExists(Host(u"C:\\Data\\Sub\\New.Txt")));
+  // CREATE_ALWAYS reaches the file already there, in any case.
+  const UHANDLE t = Open(u"C:\\data\\sub\\DATA.txt", kGenericWrite, 0, kCreateAlways);
+  ASSERT_NE(t, kInvalidHandleValue);
+  EXPECT_EQ(UGetLastError(), 183u);
+  UCloseHandle(t);
+  EXPECT_EQ(ReadHost(Host(u"C:\\Data\\Sub\\Data.TXT")), "");
+  // A rename to a new spelling of the same name renames in place.
+  EXPECT_TRUE(UMoveFile(u"C:\\data\\sub\\data.txt", u"C:\\Data\\Sub\\DATA.txt"));
+  EXPECT_TRUE(HostExists(Host(u"C:\\Data\\Sub\\DATA.txt")));
+  EXPECT_FALSE(HostExists(Host(u"C:\\Data\\Sub\\Data.TXT")));
+  // Names created behind the library's back are found too.
+  WriteHost(Host(u"C:\\Data\\Sub\\Late.Bin"), "");
+  EXPECT_NE(UGetFileAttributes(u"C:\\DATA\\SUB\\LATE.BIN"), kInvalidFileAttributes);
+}
+
+TEST_F(FileApi, FindMatchesWildcardsAndGivesShortNames) {
+  MakeHostFolder(Host(u"C:\\find"));
+  for (const char* n : {"a.txt", "ab.txt", "abc", "b.TXT", ".hidden", "x.tar.gz"})
+    WriteHost(Host(u"C:\\find\\") + "/" + n, "");
+  std::ifstream in(std::string(QUARNEL_TEST_DATA_DIR) + "/find_patterns.tsv");
+  std::string line;
+  int rows = 0;
+  while (std::getline(in, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    std::vector<std::string> f;
+    std::stringstream ss(line);
+    for (std::string cell; std::getline(ss, cell, '\t');) f.push_back(cell);
+    SCOPED_TRACE(line);
+    ++rows;
+    if (f[0] == "ATTR") {
+      EXPECT_EQ(UGetFileAttributes((u"C:\\find\\" + W(f[1])).c_str()),
+                std::stoul(f[2], nullptr, 16));
+      continue;
+    }
+    UWIN32_FIND_DATAW d;
+    const UHANDLE h = UFindFirstFile((u"C:\\find\\" + W(f[1])).c_str(), &d);
+    std::vector<std::pair<std::string, std::string>> found;
+    if (h == kInvalidHandleValue) {
+      EXPECT_EQ(std::to_string(UGetLastError()), f[5]);
+    } else {
+      do found.emplace_back(Utf8(d.cFileName), Utf8(d.cAlternateFileName));
+      while (UFindNextFile(h, &d));
+      EXPECT_EQ(UGetLastError(), 18u);
+      UFindClose(h);
+    }
+    std::sort(found.begin(), found.end());
+    std::string names, alts;
+    for (std::size_t i = 0; i < found.size(); ++i) {
+      names += (i ? " | " : "") + found[i].first;
+      alts += (i ? " | " : "") + found[i].second;
+    }
+    EXPECT_EQ(std::to_string(found.size()), f[2]);
+    EXPECT_EQ(names, f.size() > 3 ? f[3] : "");
+    EXPECT_EQ(alts, f.size() > 4 ? f[4] : "");
+  }
+  EXPECT_EQ(rows, 37);
+  // 8.3 names that clash in the folder take the next number.
+  for (const char* n : {"LongFileName1.txt", "LongFileName2.txt", "LongFileName3.txt"})
+    WriteHost(Host(u"C:\\find\\") + "/" + n, "");
+  UWIN32_FIND_DATAW d;
+  const UHANDLE h = UFindFirstFile(u"C:\\find\\LONGFI~3.TXT", &d);
+  ASSERT_NE(h, kInvalidHandleValue);
+  EXPECT_EQ(Utf8(d.cFileName), "LongFileName3.txt");
+  UFindClose(h);
+  const UHANDLE one = UFindFirstFile(u"C:\\find\\longfilename2.TXT", &d);
+  ASSERT_NE(one, kInvalidHandleValue);
+  EXPECT_EQ(Utf8(d.cAlternateFileName), "LONGFI~2.TXT");
+  UFindClose(one);
+  // In a crowded folder every 8.3 name is unique and reaches its file.
+  MakeHostFolder(Host(u"C:\\crowd"));
+  for (int i = 0; i < 1200; ++i)
+    WriteHost(HostOf('C') + "/crowd/longname" + std::to_string(i) + ".txt", "");
+  std::set<std::string> alts;
+  const UHANDLE all = UFindFirstFile(u"C:\\crowd\\*", &d);
+  ASSERT_NE(all, kInvalidHandleValue);
+  do {
+    const std::u16string alt = d.cAlternateFileName;
+    if (alt.empty()) continue;  // "." and ".."
+    ASSERT_LE(alt.size(), 12u);
+    EXPECT_TRUE(alts.insert(Utf8(alt)).second) << Utf8(alt);
+    UWIN32_FIND_DATAW byShort;
+    const UHANDLE one = UFindFirstFile((u"C:\\crowd\\" + alt).c_str(), &byShort);
+    ASSERT_NE(one, kInvalidHandleValue);
+    EXPECT_EQ(Utf8(byShort.cFileName), Utf8(d.cFileName));
+    UFindClose(one);
+  } while (UFindNextFile(all, &d));
+  UFindClose(all);
+  EXPECT_EQ(alts.size(), 1200u);
+  EXPECT_EQ(alts.count("LONGNA~1.TXT"), 1u);
+  // A root lists no "." or "..".
+  const UHANDLE root = UFindFirstFile(u"D:\\*.*", &d);
+  EXPECT_EQ(root, kInvalidHandleValue);
+  EXPECT_EQ(UGetLastError(), 2u);
+}
+
+TEST_F(FileApi, PositionsAreSixtyFourBitsWide) {
+  const UHANDLE h = Open(u"C:\\big.bin", kGenericRead | kGenericWrite, 0, kCreateAlways);
+  ASSERT_NE(h, kInvalidHandleValue);
+  std::int32_t high = 1;  // 4 GiB + 0xFFFFFFFF: a low half of all ones
+  USetLastError(99);
+  EXPECT_EQ(USetFilePointer(h, -1, &high, kFileBegin), 0xFFFFFFFFu);
+  EXPECT_EQ(UGetLastError(), 0u);
+  EXPECT_EQ(high, 1);
+  unsigned n = 0;
+  EXPECT_TRUE(UWriteFile(h, "z", 1, &n));
+  high = 0;
+  EXPECT_EQ(USetFilePointer(h, 0, &high, kFileEnd), 0u);
+  EXPECT_EQ(high, 2);
+  high = -1;  // two's complement: 4 GiB + 1 back from the end... before the start
+  EXPECT_EQ(USetFilePointer(h, 0, &high, kFileCurrent), 0u);
+  EXPECT_EQ(high, 1);
+  high = -2;
+  EXPECT_EQ(USetFilePointer(h, 0, &high, kFileCurrent), kInvalidSetFilePointer);
+  EXPECT_EQ(UGetLastError(), 131u);
+  high = 0;
+  EXPECT_EQ(USetFilePointer(h, 10, &high, kFileBegin), 10u);
+  EXPECT_TRUE(USetEndOfFile(h));
+  UBY_HANDLE_FILE_INFORMATION info;
+  ASSERT_TRUE(UGetFileInformationByHandle(h, &info));
+  EXPECT_EQ(info.nFileSizeLow, 10u);
+  EXPECT_EQ(info.nFileSizeHigh, 0u);
+  EXPECT_EQ(info.dwFileAttributes, 0x20u);
+  EXPECT_EQ(info.nNumberOfLinks, 1u);
+  EXPECT_TRUE(UCloseHandle(h));
+  EXPECT_EQ(ErrorOf([&] { return UCloseHandle(h); }), 6u);  // a closed handle is refused
+  EXPECT_EQ(ErrorOf([] { return UCloseHandle(reinterpret_cast<UHANDLE>(0x12345)); }), 6u);
+}
+
+TEST_F(FileApi, AccessOfAHandleLimitsWhatItDoes) {
+  WriteHost(Host(u"C:\\r.txt"), "abc");
+  const UHANDLE r = Open(u"C:\\r.txt", kModeRead, kFileShareRead, kOpenExisting);
+  unsigned n = 0;
+  EXPECT_EQ(ErrorOf([&] { return UWriteFile(r, "x", 1, &n); }), 5u);
+  EXPECT_EQ(ErrorOf([&] { return USetEndOfFile(r); }), 5u);
+  EXPECT_EQ(ErrorOf([&] { return UFlushFileBuffers(r); }), 5u);
+  UCloseHandle(r);
+  // Mode 0x4 falls back to read-only on a read-only file.
+  ASSERT_TRUE(USetFileAttributes(u"C:\\r.txt", kFileAttributeReadOnly));
+  const UHANDLE w = Open(u"C:\\r.txt", kModeWriteOrRead | kModeRead, kFileShareRead, kOpenExisting);
+  ASSERT_NE(w, kInvalidHandleValue);
+  EXPECT_EQ(ErrorOf([&] { return UWriteFile(w, "x", 1, &n); }), 5u);
+  UCloseHandle(w);
+  EXPECT_EQ(OpenError(u"C:\\r.txt", kModeWrite | kModeRead, kOpenExisting), 5u);
+  ASSERT_TRUE(USetFileAttributes(u"C:\\r.txt", 0));
+  EXPECT_EQ(UGetFileAttributes(u"C:\\r.txt"), 0x20u);
+}
+
+TEST_F(FileApi, DeleteOnCloseRemovesFilesAndEmptyFolders) {
+  WriteHost(Host(u"C:\\gone.txt"), "");
+  MakeHostFolder(Host(u"C:\\gonedir"));
+  MakeHostFolder(Host(u"C:\\fulldir\\x"));
+  const unsigned flags = kFileFlagDeleteOnClose | kFileFlagBackupSemantics | kFileAttributeNormal;
+  for (const char16_t* p : {u"C:\\gone.txt", u"C:\\gonedir"}) {
+    const UHANDLE h = Open(p, kDeleteAccess, kFileShareDelete, kOpenExisting, flags);
+    ASSERT_NE(h, kInvalidHandleValue);
+    EXPECT_NE(UGetFileAttributes(p), kInvalidFileAttributes);
+    EXPECT_TRUE(UCloseHandle(h));
+    EXPECT_EQ(UGetFileAttributes(p), kInvalidFileAttributes);
+  }
+  EXPECT_EQ(OpenError(u"C:\\fulldir", kDeleteAccess, kOpenExisting, flags, kFileShareDelete), 145u);
+}
+
+TEST_F(FileApi, CopyAndMoveKeepContentAndAttributes) {
+  WriteHost(Host(u"C:\\a.bin"), std::string(100000, 'q'));
+  ASSERT_TRUE(USetFileAttributes(u"C:\\a.bin", kFileAttributeReadOnly));
+  ASSERT_TRUE(UCopyFile(u"C:\\A.BIN", u"D:\\copy.bin", 1));
+  EXPECT_EQ(ReadHost(Host(u"D:\\copy.bin")), std::string(100000, 'q'));
+  EXPECT_EQ(UGetFileAttributes(u"D:\\copy.bin"), 0x21u);
+  UWIN32_FIND_DATAW a, b;
+  UFindClose(UFindFirstFile(u"C:\\a.bin", &a));
+  UFindClose(UFindFirstFile(u"D:\\copy.bin", &b));
+  EXPECT_EQ(UFileTimeTicks(a.ftLastWriteTime), UFileTimeTicks(b.ftLastWriteTime));
+  // Moves: a file to another drive, a folder within one.
+  ASSERT_TRUE(UMoveFile(u"C:\\a.bin", u"D:\\moved.bin"));
+  EXPECT_FALSE(HostExists(Host(u"C:\\a.bin")));
+  MakeHostFolder(Host(u"C:\\tree\\leaf"));
+  ASSERT_TRUE(UMoveFile(u"C:\\tree", u"C:\\renamed"));
+  EXPECT_TRUE(HostExists(Host(u"C:\\renamed\\leaf")));
+}
+
+TEST_F(FileApi, TemporaryNamesAreMadeAsWindowsMakesThem) {
+  // Recorded answers, with Windows' upper-case hexadecimal digits and ".TMP".
+  struct Row {
+    const char16_t* prefix;
+    unsigned unique, ret;
+    const char16_t* name;
+  } rows[] = {
+      {u"", 0x1234, 0x1234, u"1234.TMP"},
+      {u"q", 0x1234, 0x1234, u"q1234.TMP"},
+      {u"qnl", 0x1234, 0x1234, u"qnl1234.TMP"},
+      {u"quarnel", 0x1234, 0x1234, u"qua1234.TMP"},
+      {u"abc", 0xABCD, 0xABCD, u"abcABCD.TMP"},
+      {u"abc", 0x12345, 0x2345, u"abc2345.TMP"},
+      {u"abc", 0xFFFF, 0xFFFF, u"abcFFFF.TMP"},
+      {u"abc", 1, 1, u"abc1.TMP"},
+      {u"a.b", 0x1234, 0x1234, u"a.b1234.TMP"},
+      {u"\u00e9\u00e8x", 0x1234, 0x1234, u"\u00e9\u00e8x1234.TMP"},
+  };
+  char16_t out[kMaxPath];
+  for (const Row& row : rows) {
+    SCOPED_TRACE(Utf8(row.name));
+    EXPECT_EQ(UGetTempFileName(u"C:\\Temp", row.prefix, row.unique, out), row.ret);
+    EXPECT_EQ(Utf8(out), "C:\\Temp\\" + Utf8(row.name));
+    EXPECT_EQ(UGetFileAttributes(out), kInvalidFileAttributes);  // not created
+  }
+  // Unique 0 creates the file, each time a new one.
+  const unsigned first = UGetTempFileName(u"C:\\Temp\\", u"qnl", 0, out);
+  ASSERT_NE(first, 0u);
+  const std::string firstName = Utf8(out);
+  EXPECT_NE(UGetFileAttributes(out), kInvalidFileAttributes);
+  ASSERT_NE(UGetTempFileName(u"C:\\Temp", u"qnl", 0, out), 0u);
+  EXPECT_NE(Utf8(out), firstName);
+  char expect[32];
+  std::snprintf(expect, sizeof expect, "C:\\Temp\\qnl%X.TMP", first);
+  EXPECT_EQ(firstName, expect);
+  EXPECT_EQ(ErrorOf([&] { return UGetTempFileName(u"C:\\Missing", u"abc", 0, out) != 0; }), 267u);
+  EXPECT_EQ(ErrorOf([&] { return UGetTempFileName(u"C:\\Missing", u"abc", 0x1234, out) != 0; }),
+            267u);
+  // The temporary folder is TMP's in Windows form.
+  char16_t temp[kMaxPath];
+  ASSERT_GT(UGetTempPath(kMaxPath, temp), 0u);
+  EXPECT_EQ(Utf8(temp), "C:\\Temp\\");
+}
+
+TEST_F(FileApi, CurrentFolderAndFullPaths) {
+  MakeHostFolder(Host(u"C:\\Work\\Deep"));
+  EXPECT_TRUE(USetCurrentDirectory(u"c:\\work"));
+  char16_t buf[kMaxPath];
+  EXPECT_EQ(UGetCurrentDirectory(kMaxPath, buf), 7u);
+  EXPECT_EQ(Utf8(buf), "C:\\work");
+  EXPECT_EQ(UGetCurrentDirectory(3, buf), 8u);  // the size needed
+  char16_t* part = nullptr;
+  EXPECT_EQ(UGetFullPathName(u"deep\\..\\x.txt", kMaxPath, buf, &part), 13u);
+  EXPECT_EQ(Utf8(buf), "C:\\work\\x.txt");
+  EXPECT_EQ(Utf8(part), "x.txt");
+  EXPECT_NE(UGetFileAttributes(u"Deep"), kInvalidFileAttributes);  // relative to the current folder
+  EXPECT_EQ(ErrorOf([] { return USetCurrentDirectory(u"C:\\nowhere"); }), 2u);
+  // Host paths and Windows paths both ways; the longest drive folder wins.
+  char host[4096];
+  ASSERT_GT(UHostPathFromLoc(u"c:\\WORK\\deep\\new.txt", host, sizeof host), 0);
+  EXPECT_EQ(std::string(host), HostOf('C') + "/Work/Deep/new.txt");
+  ASSERT_GT(ULocFromHostPath((HostOf('D') + "/x/../y").c_str(), buf, kMaxPath), 0);
+  EXPECT_EQ(Utf8(buf), "D:\\y");
+  ASSERT_GT(ULocFromHostPath("/usr/lib", buf, kMaxPath), 0);
+  EXPECT_EQ(Utf8(buf), "Z:\\usr\\lib");
+  EXPECT_EQ(UGetLogicalDrives() & 0x0200000Cu, 0x0200000Cu);  // C:, D: and Z:
+}
+
+// Each call that the fault seam can fail fails with the chosen error and
+// does nothing.
+TEST_F(FileApi, FaultSeamFailsEachCall) {
+  WriteHost(Host(u"C:\\f.txt"), "data");
+  const UHANDLE h = Open(u"C:\\f.txt", kGenericRead | kGenericWrite, 7, kOpenExisting);
+  ASSERT_NE(h, kInvalidHandleValue);
+  unsigned n = 0;
+  char buf[4];
+  UWIN32_FIND_DATAW d;
+  UBY_HANDLE_FILE_INFORMATION info;
+  struct Row {
+    UCall call;
+    std::function<bool()> run;
+  } rows[] = {
+      {UCall::kCreateFile,
+       [&] {
+         UHANDLE x = Open(u"C:\\f.txt", kGenericRead, 3, kOpenExisting);
+         return x != kInvalidHandleValue && UCloseHandle(x);
+       }},
+      {UCall::kReadFile, [&] { return UReadFile(h, buf, 4, &n) != 0; }},
+      {UCall::kWriteFile, [&] { return UWriteFile(h, "abcd", 4, &n) != 0; }},
+      {UCall::kSetFilePointer, [&] { return USetFilePointer(h, 0, nullptr, kFileEnd) == 8; }},
+      {UCall::kSetEndOfFile, [&] { return USetEndOfFile(h) != 0; }},
+      {UCall::kFlushFileBuffers, [&] { return UFlushFileBuffers(h) != 0; }},
+      {UCall::kGetFileInformationByHandle,
+       [&] { return UGetFileInformationByHandle(h, &info) != 0; }},
+      {UCall::kGetFileAttributes,
+       [&] { return UGetFileAttributes(u"C:\\f.txt") != kInvalidFileAttributes; }},
+      {UCall::kSetFileAttributes, [&] { return USetFileAttributes(u"C:\\f.txt", 0) != 0; }},
+      {UCall::kCreateDirectory, [&] { return UCreateDirectory(u"C:\\dir") != 0; }},
+      {UCall::kRemoveDirectory, [&] { return URemoveDirectory(u"C:\\dir") != 0; }},
+      {UCall::kCopyFile, [&] { return UCopyFile(u"C:\\f.txt", u"C:\\g.txt", 1) != 0; }},
+      {UCall::kMoveFile, [&] { return UMoveFile(u"C:\\g.txt", u"C:\\h.txt") != 0; }},
+      {UCall::kDeleteFile, [&] { return UDeleteFile(u"C:\\h.txt") != 0; }},
+      {UCall::kFindFirstFile,
+       [&] {
+         UHANDLE x = UFindFirstFile(u"C:\\*", &d);
+         return x != kInvalidHandleValue && UFindClose(x);
+       }},
+      {UCall::kGetTempFileName,
+       [&] {
+         char16_t t[kMaxPath];
+         return UGetTempFileName(u"C:\\", u"q", 7, t) != 0;
+       }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(static_cast<int>(row.call));
+    UFailCall(row.call, 1, 112);
+    USetLastError(0);
+    EXPECT_FALSE(row.run());
+    EXPECT_EQ(UGetLastError(), 112u);
+    EXPECT_TRUE(row.run());  // one failure only
+  }
+  UFailCall(UCall::kCloseHandle, 1, 6);
+  EXPECT_FALSE(UCloseHandle(h));
+  EXPECT_TRUE(UCloseHandle(h));  // the handle stayed open
+  EXPECT_EQ(ReadHost(Host(u"C:\\f.txt")), "dataabcd");
+}
+
+// Threads share the drive map, the folder index and the handle table: each
+// writes, finds, renames and deletes its own files in one folder, by names in
+// other case, while the map is changed under them.
+TEST_F(FileApi, FilesFromManyThreadsShareTheIndex) {
+  MakeHostFolder(Host(u"C:\\Shared"));
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t, &failures] {
+      for (int i = 0; i < 50; ++i) {
+        const std::u16string name =
+            u"C:\\shared\\T" + Utf16(std::to_string(t * 1000 + i)) + u".txt";
+        const UHANDLE h = Open(name, kGenericWrite, 0, kCreateNew);
+        unsigned n = 0;
+        const bool wrote =
+            h != kInvalidHandleValue && UWriteFile(h, "abc", 3, &n) && UCloseHandle(h);
+        UWIN32_FIND_DATAW d;
+        const UHANDLE f = UFindFirstFile(
+            (u"C:\\SHARED\\t" + Utf16(std::to_string(t * 1000 + i)) + u".*").c_str(), &d);
+        const bool found = f != kInvalidHandleValue && d.nFileSizeLow == 3 && UFindClose(f);
+        const std::u16string renamed = name + u".old";
+        const bool gone = UMoveFile(name.c_str(), renamed.c_str()) && UDeleteFile(renamed.c_str());
+        if (!wrote || !found || !gone) ++failures;
+      }
+    });
+  }
+  threads.emplace_back([this] {
+    for (int i = 0; i < 200; ++i)
+      QuarnelSetDrive(u'E', (i % 2 ? HostOf('C') : HostOf('D')).c_str());
+    QuarnelSetDrive(u'E', nullptr);
+  });
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(failures.load(), 0);
+  UWIN32_FIND_DATAW d;
+  EXPECT_EQ(UFindFirstFile(u"C:\\Shared\\*.txt", &d), kInvalidHandleValue);
+}
