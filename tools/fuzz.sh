@@ -77,6 +77,25 @@ seeds_of() {  # the seed folder of a target, made if missing
 
 count_files() { find "$1" -maxdepth 1 -type f 2>/dev/null | wc -l; }
 
+# The options of campaign, merge and coverage: -c DIR (where corpora, logs and
+# artifacts live; $1 is its default) and -r RESTARTS. Sets opt_dir,
+# opt_restarts and args (the target names after the options).
+parse_options() {
+  opt_dir=$1
+  opt_restarts=3
+  shift
+  local o OPTIND=1
+  while getopts "c:r:" o; do
+    case $o in
+      c) opt_dir=$OPTARG ;;
+      r) opt_restarts=$OPTARG ;;
+      *) exit 2 ;;
+    esac
+  done
+  shift $((OPTIND - 1))
+  args=("$@")
+}
+
 # ---------------------------------------------------------------------------
 run_ci() {
   local total=${1:-600}
@@ -120,17 +139,10 @@ run_ci() {
 run_campaign() {
   local seconds=${1:?campaign needs the seconds per target}
   shift
-  local dir=build/fuzz restarts=3
-  while getopts "c:r:" o; do
-    case $o in
-      c) dir=$OPTARG ;;
-      r) restarts=$OPTARG ;;
-      *) exit 2 ;;
-    esac
-  done
-  shift $((OPTIND - 1))
+  parse_options build/fuzz "$@"
+  local dir=$opt_dir restarts=$opt_restarts
   build "$bin"
-  mapfile -t targets < <(targets_in "$bin" "$@")
+  mapfile -t targets < <(targets_in "$bin" "${args[@]}")
   mkdir -p "$dir/logs" "$dir/artifacts"
   local summary=() t name corpus log begin left crashes rc execs n
   for t in "${targets[@]}"; do
@@ -167,16 +179,10 @@ run_campaign() {
 is_hash_name() { [[ $1 =~ ^[0-9a-f]{40}$ ]]; }
 
 run_merge() {
-  local dir=build/fuzz
-  while getopts "c:" o; do
-    case $o in
-      c) dir=$OPTARG ;;
-      *) exit 2 ;;
-    esac
-  done
-  shift $((OPTIND - 1))
+  parse_options build/fuzz "$@"
+  local dir=$opt_dir
   build "$bin"
-  mapfile -t targets < <(targets_in "$bin" "$@")
+  mapfile -t targets < <(targets_in "$bin" "${args[@]}")
   local t name seeds work f before after big
   for t in "${targets[@]}"; do
     name=$(basename "$t")
@@ -228,19 +234,12 @@ area_of() {  # the source files a target covers
 }
 
 run_coverage() {
-  local dir="" o
-  while getopts "c:" o; do
-    case $o in
-      c) dir=$OPTARG ;;
-      *) exit 2 ;;
-    esac
-  done
-  shift $((OPTIND - 1))
-  local out=build/fuzz-coverage
+  parse_options "" "$@"
+  local dir=$opt_dir out=build/fuzz-coverage
   build "$out" -DQUARNEL_SANITIZE= \
     "-DCMAKE_CXX_FLAGS=-fprofile-instr-generate -fcoverage-mapping" \
     "-DCMAKE_EXE_LINKER_FLAGS=-fprofile-instr-generate"
-  mapfile -t targets < <(targets_in "$out" "$@")
+  mapfile -t targets < <(targets_in "$out" "${args[@]}")
   local profdata cov t name inputs area
   profdata=$(llvm_tool llvm-profdata)
   cov=$(llvm_tool llvm-cov)
