@@ -243,13 +243,13 @@ run_coverage() {
   local profdata cov t name inputs area
   profdata=$(llvm_tool llvm-profdata)
   cov=$(llvm_tool llvm-cov)
-  rm -rf "$out/profiles"
   mkdir -p "$out/profiles"
   printf '%-24s %7s %-22s %-22s %-22s %s\n' target inputs lines regions functions area
   for t in "${targets[@]}"; do
     name=$(basename "$t")
     inputs=("$(seeds_of "$name")")
     [ -n "$dir" ] && [ -d "$dir/corpus-$name" ] && inputs+=("$dir/corpus-$name")
+    rm -f "$out/profiles/$name"-*.profraw  # a target's earlier figures go; the others' stay
     LLVM_PROFILE_FILE="$out/profiles/$name-%p.profraw" "$t" -runs=0 -rss_limit_mb=2048 \
       "${inputs[@]}" >"$out/profiles/$name.log" 2>&1 || {
       tail -n 20 "$out/profiles/$name.log"
