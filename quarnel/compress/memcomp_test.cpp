@@ -356,4 +356,19 @@ TEST_F(MemCompTest, ThreadsPackTheirOwnBlocksAtOnce) {
   EXPECT_EQ(Lines().size(), std::size_t{2 * 20 * kThreads});
 }
 
+TEST_F(MemCompTest, BlocksShorterThanTheMagicStayUnpacked) {
+  // What the header left behind must not complete a prefix of the magic.
+  for (const Bytes& data : {Bytes{'Q'}, Bytes{'Q', 'n'}, Bytes{'Q', 'n', 'Q'}, Bytes{'Q', 'y'}}) {
+    SCOPED_TRACE(data.size());
+    TMemory m(1);
+    Fill(&m, data);
+    ASSERT_EQ(MemComp(&m), 0);
+    ASSERT_EQ(m.GetSize(), data.size() + 32);
+    EXPECT_EQ(MemUncomp(&m), 0);
+    EXPECT_EQ(m.GetSize(), data.size() + 32);
+    EXPECT_TRUE(std::equal(data.begin(), data.end(), m.MemPtr()));
+  }
+  EXPECT_EQ(Lines().size(), 4u);  // the four "can't compress small buffer" lines
+}
+
 }  // namespace
