@@ -558,16 +558,14 @@ TEST_F(TMemoryTest, MisuseAssertsAndGoesOn) {
   q.SetFlags(0, kTMemPurgeable);
 }
 
-// The model test copies bytes at random; this pins the priority and a copy
-// that cannot size its target.
+// The model test copies bytes at random, itself included; this pins the
+// priority and a copy that cannot size its target.
 TEST_F(TMemoryTest, CopiesTakePriorityAndBytes) {
   TMemory source(1);
   ASSERT_EQ(source.SetSize(3000), 0);
   TMemory target(0);
   target = source;
   EXPECT_EQ(target.GetPriority(), 1);
-  target = target;  // self-assignment keeps everything
-  EXPECT_EQ(target.GetSize(), 3000u);
 
   TMemory big(1);
   ASSERT_EQ(big.SetSize(2 * kMiB), 0);
@@ -685,26 +683,6 @@ TEST_F(TMemoryTest, RandomOperationsMatchTheModel) {
     ASSERT_EQ(Asserted(), "");
   }
   for (auto& b : blocks) b->SetFlags(0, kTMemPurgeable);
-}
-
-TEST_F(TMemoryTest, StatisticsLines) {
-  TMemory h(1), v(1), p(1);
-  ASSERT_EQ(h.SetSize(5000), 0);
-  ASSERT_EQ(v.SetSize(3 * kMiB), 0);
-  ASSERT_EQ(p.SetSize(700), 0);
-  p.SetFlags(kTMemPurgeable, 0);
-  ExpectCounters({&h, &v, &p});
-  ClearRecords();
-  tmemLogStats();
-  const char* formats[] = {"TMemory:     heap %6~d %9K", "          virtual %6~d %9K",
-                           "           commit        %9K", "        purgeable %6~d %9K",
-                           "        requested %6~d %9K"};
-  ASSERT_EQ(Lines().size(), 5u);
-  for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(Lines()[i].level, 513u);
-    EXPECT_EQ(Lines()[i].format, formats[i]);
-  }
-  p.SetFlags(0, kTMemPurgeable);
 }
 
 // Blocks growing, shrinking and being purged on several threads at once;
