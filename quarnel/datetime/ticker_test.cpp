@@ -293,16 +293,6 @@ TEST_F(ProfilerTest, NestedStartsCountOperationsAndOneBusySpan) {
   EXPECT_EQ(Asserted(), "");
 }
 
-TEST_F(ProfilerTest, NeverStartedReportsZeroes) {
-  TProfiler p("idle", 518);
-  Advance(5000);
-  p.Report(0);
-  EXPECT_EQ(Logged(),
-            "518 "
-            "idle: 0.000 of 0.0 secs (0.00%) for 0 ops (0.0 uSec/op)"
-            "\n");
-}
-
 struct ReportRow {
   const char* name;
   unsigned ops;
