@@ -179,20 +179,6 @@ TEST_F(DateStepTest, IntervalsNormaliseTheirFields) {
     int d, h, m, s, ms;
     int days, millis;
   };
-  const Row rows[] = {
-      {0, 25, 0, 0, 0, 1, 3600000},         {0, -1, 0, 0, 0, 0, -3600000},
-      {1, 0, 0, 0, -1, 0, 86399999},        {-1, 0, 0, 0, 1, 0, -86399999},
-      {0, 48, 1440, 86400, 0, 4, 0},        {2, -3, 0, 0, 0, 1, 75600000},
-      {0, 0, 0, 0, 2 * 86400000 + 5, 2, 5}, {0, 0, -61, 0, 0, 0, -3660000},
-      {0, 23, 59, 59, 999, 0, 86399999},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(::testing::Message()
-                 << r.d << " " << r.h << " " << r.m << " " << r.s << " " << r.ms);
-    TInterval iv(r.d, r.h, r.m, r.s, r.ms);
-    EXPECT_EQ(iv.RawDays(), r.days);
-    EXPECT_EQ(iv.RawMilliseconds(), r.millis);
-  }
   // At the 32-bit day limits the carry wraps like the fields; the result
   // keeps the invariant, and every getter and a second pass agree.
   const Row limits[] = {{INT32_MAX, 0, 0, 0, 86400001, -INT32_MAX, -86399999},
@@ -204,10 +190,15 @@ TEST_F(DateStepTest, IntervalsNormaliseTheirFields) {
     EXPECT_EQ(iv.GetDays(), r.days);
     EXPECT_EQ(iv.RawMilliseconds(), r.millis);
   }
-  // Random parts: the total is kept and the invariant holds.
+  // Random parts, every other set near zero so that totals of either sign
+  // below a day come up: the total is kept and the invariant holds.
   std::mt19937 rng(11);
-  auto part = [&](int range) { return static_cast<int>(rng() % (2 * range + 1)) - range; };
+  int scale = 1;
+  auto part = [&](int range) {
+    return static_cast<int>(rng() % (2 * (range / scale) + 1)) - range / scale;
+  };
   for (int i = 0; i < 100000; ++i) {
+    scale = i % 2 ? 1 : 10000;
     const int d = part(100000), h = part(100000), m = part(1000000), s = part(10000000),
               ms = part(1000000000);
     TInterval iv;
