@@ -18,6 +18,7 @@
 #include "quarnel/compress/compress_reference.h"
 #include "quarnel/compress/internal/segcode.h"
 #include "quarnel/compress/testdata.h"
+#include "tests/support/helpers.h"
 
 namespace quarnel_internal {
 namespace {
@@ -352,44 +353,25 @@ TEST(SegmentDecoder, AgreesWithByteByByteCopyOnRandomTokens) {
 }
 
 TEST(SegmentDecoder, CheckerRefusesMalformedStreams) {
-  struct Row {
-    const char* what;
-    Bytes code;
-    int n;
-  };
-  const std::vector<Row> rows = {
-      {"copy before any output", {0x00, 0x00}, 4},
-      {"copy from the position being written", {0xA0, 0x41, 0x00, 0x01}, 5},
-      {"copy from a later position", {0xA1, 0x41, 0x42, 0x00, 0x05}, 6},
-      {"copy past the segment", {0xA0, 0x41, 0x10, 0x00}, 5},
-      {"long match past the segment", {0xA0, 0x41, 0x80, 0x00, 0x00}, 12},
-      {"medium match past the segment", {0xA0, 0x41, 0xC0, 0x00}, 12},
-      {"literals past the segment", {0xA2, 1, 2, 3}, 2},
-      {"literals past the code", {0xA3, 1, 2, 3}, 4},
-      {"long run header cut", {0x90}, 1},
-      {"long run past the code", {0x90, 0x05, 1, 2}, 6},
-      {"long match cut", {0xA0, 0x41, 0x80, 0x00}, 13},
-      {"short match cut", {0xA0, 0x41, 0x00}, 5},
-      {"empty code", {}, 1},
-      {"bytes left over", {0xA0, 0x41, 0xA0, 0x42}, 1},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.what);
-    EXPECT_FALSE(Check(r.code, r.n));
+  for (const auto& f : ReadTsv("segment_malformed.tsv")) {
+    SCOPED_TRACE(f[0]);
+    const std::string hex = Unhex(f[1]);
+    const Bytes bytes(hex.begin(), hex.end());
+    const int n = std::stoi(f[2]);
+    EXPECT_FALSE(Check(bytes, n));
     // The decoder that checks as it goes refuses them too, writing only
     // inside the segment.
-    const auto code = WithTail(r.code, r.code.size());
-    auto out = std::make_unique<std::uint8_t[]>(static_cast<std::size_t>(r.n));
-    EXPECT_FALSE(DecodeSegmentChecked(code.get(), static_cast<int>(r.code.size()),
-                                      code.get() + r.code.size() + 2, out.get(), r.n,
-                                      out.get() + r.n));
+    const auto code = WithTail(bytes, bytes.size());
+    auto out = std::make_unique<std::uint8_t[]>(static_cast<std::size_t>(n));
+    EXPECT_FALSE(DecodeSegmentChecked(code.get(), static_cast<int>(bytes.size()),
+                                      code.get() + bytes.size() + 2, out.get(), n, out.get() + n));
     // With room around them the wide pieces go without checks of their own:
     // refused all the same, nothing written past the room.
-    Bytes roomyCode = r.code;
-    roomyCode.resize(r.code.size() + 64, 0xA5);
-    Bytes roomyOut(static_cast<std::size_t>(r.n) + 64);
-    EXPECT_FALSE(DecodeSegmentChecked(roomyCode.data(), static_cast<int>(r.code.size()),
-                                      roomyCode.data() + roomyCode.size(), roomyOut.data(), r.n,
+    Bytes roomyCode = bytes;
+    roomyCode.resize(bytes.size() + 64, 0xA5);
+    Bytes roomyOut(static_cast<std::size_t>(n) + 64);
+    EXPECT_FALSE(DecodeSegmentChecked(roomyCode.data(), static_cast<int>(bytes.size()),
+                                      roomyCode.data() + roomyCode.size(), roomyOut.data(), n,
                                       roomyOut.data() + roomyOut.size()));
   }
   // The same shapes made right are accepted.
