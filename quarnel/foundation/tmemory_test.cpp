@@ -324,38 +324,16 @@ TEST_F(TMemoryTest, DenialLeavesTheBlockUntouched) {
 }
 
 TEST_F(TMemoryTest, AllocBufferResults) {
-  struct Row {
-    short priority;
-    unsigned a, b, granularity;
-    unsigned result;
-    unsigned size;  // after the call (the block held 100 bytes before)
-    int error;
-    const char* assertions;
-  };
-  const Row rows[] = {
-      {1, 64 * kKiB, 16 * kKiB, 4 * kKiB, 64 * kKiB, 64 * kKiB, 0, ""},
-      {1, 16 * kKiB, 64 * kKiB, 4 * kKiB, 64 * kKiB, 64 * kKiB, 0, ""},
-      {2, 16 * kKiB, 64 * kKiB, 4 * kKiB, 64 * kKiB, 64 * kKiB, 0, ""},
-      {0, 16 * kKiB, 64 * kKiB, 4 * kKiB, 64 * kKiB, 64 * kKiB, 0, ""},
-      {1, 10000, 70000, 4096, 73728, 73728, 0, ""},  // both ends rounded up
-      {1, 8 * kMiB, 8 * kMiB, 8 * kMiB, 8 * kMiB, 8 * kMiB, 0, ""},
-      // Bad arguments: nothing is released.
-      {1, 16 * kKiB, 64 * kKiB, 0, 0, 100, kErrMemBadArguments, ""},
-      {1, 16 * kKiB, 64 * kKiB, 8 * kMiB + 1, 0, 100, kErrMemBadArguments, ""},
-      {1, 0, 64 * kKiB, 4 * kKiB, 0, 100, kErrMemBadArguments, ""},  // granularity above lo
-      {2, 0, 64 * kKiB, 4 * kKiB, 0, 100, kErrMemBadArguments, "tmemory-610"},
-      {2, 16 * kKiB, 64 * kKiB, 0, 0, 100, kErrMemBadArguments, "tmemory-610"},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(::testing::Message()
-                 << r.priority << " " << r.a << " " << r.b << " " << r.granularity);
+  for (const auto& r : ReadTsv("tmemory_allocbuffer.tsv")) {
+    SCOPED_TRACE(r[0] + " " + r[1] + " " + r[2] + " " + r[3]);
     ClearRecords();
-    TMemory m(r.priority);
+    TMemory m(static_cast<short>(std::stoi(r[0])));
     ASSERT_EQ(m.SetSize(100), 0);
-    EXPECT_EQ(m.AllocBuffer(r.a, r.b, r.granularity), r.result);
-    EXPECT_EQ(m.GetSize(), r.size);
-    EXPECT_EQ(m.CheckError(), r.error);
-    EXPECT_EQ(Asserted(), r.assertions);
+    EXPECT_EQ(m.AllocBuffer(std::stoul(r[1]), std::stoul(r[2]), std::stoul(r[3])),
+              std::stoul(r[4]));
+    EXPECT_EQ(m.GetSize(), std::stoul(r[5]));
+    EXPECT_EQ(m.CheckError(), std::stoi(r[6]));
+    EXPECT_EQ(Asserted(), r[7]);
     EXPECT_EQ(Logged(), "");
     ExpectCounters({&m});
   }
