@@ -147,54 +147,28 @@ bool Check(const Bytes& code, int n) { return Check(code, n, code.size()); }
 // ---------------------------------------------------------------------------
 // The coder
 
-// A segment of unrepeated bytes with one copy of `m` bytes from `p` placed
-// at `at`, then one closing byte that ends the copy there.
-struct CopyCase {
-  int at;
-  int p;
-  int m;
-  Bytes firstTokens;  // the literal run's header bytes, then the match token
-  int tailLiterals;
-};
-
 TEST(SegmentCoder, TokenKindsAtTheirLimits) {
   const OwnedCoder coder;
-  const std::vector<CopyCase> cases = {
-      // short match: 4 and 11 bytes; a short run of 32 literals
-      {32, 5, 4, {0xBF, 0x00, 0x05}, 1},
-      {40, 0, 11, {0x90, 0x27, 0x70, 0x00}, 1},
-      // long run from 33 literals; medium match of 12 and 27 bytes
-      {33, 7, 12, {0x90, 0x20, 0xC0, 0x07}, 1},
-      {1100, 1000, 27, {0x94, 0x4B, 0xFF, 0xE8}, 1},
-      // the length-12 match at position 1023 is medium, at 1024 long
-      {2000, 1023, 12, {0x97, 0xCF, 0xF0, 0xFF}, 1},
-      {2000, 1024, 12, {0x97, 0xCF, 0x84, 0x00, 0x00}, 1},
-      // 28 bytes need a long match even from position 0
-      {100, 0, 28, {0x90, 0x63, 0x80, 0x00, 16}, 1},
-      // 267 bytes fit one long match; 268 leave one byte for a literal
-      {300, 2, 267, {0x91, 0x2B, 0x80, 0x02, 255}, 1},
-      {300, 2, 268, {0x91, 0x2B, 0x80, 0x02, 255}, 2},
-      // a copy from high in the 12-bit range, after a run of 4,050 literals
-      {4050, 4000, 4, {0x9F, 0xD1, 0x0F, 0xA0}, 1},
-  };
   const Bytes pool = Unrepeated(5000, 7);
-  for (const CopyCase& c : cases) {
-    SCOPED_TRACE(testing::Message() << "copy of " << c.m << " from " << c.p << " at " << c.at);
+  for (const auto& r : ReadTsv("segment_tokens.tsv")) {
+    const int at = std::stoi(r[0]), p = std::stoi(r[1]), m = std::stoi(r[2]);
+    const std::string first = Unhex(r[3]);  // the run's header bytes, then the match token
+    SCOPED_TRACE(testing::Message() << "copy of " << m << " from " << p << " at " << at);
     // The copy's source lies inside the literal prefix; the byte after the
     // copy differs from the byte after its source.
-    Bytes seg(pool.begin(), pool.begin() + c.at);
-    seg.insert(seg.end(), seg.begin() + c.p, seg.begin() + c.p + c.m);
-    seg.push_back(static_cast<std::uint8_t>(pool[static_cast<std::size_t>(c.p + c.m)] ^ 0x80));
+    Bytes seg(pool.begin(), pool.begin() + at);
+    seg.insert(seg.end(), seg.begin() + p, seg.begin() + p + m);
+    seg.push_back(static_cast<std::uint8_t>(pool[static_cast<std::size_t>(p + m)] ^ 0x80));
     Bytes coded;
     ASSERT_TRUE(coder.Code(seg, &coded));
     Bytes expected;
-    const std::size_t runHeader = c.at > 32 ? 2 : 1;
-    expected.insert(expected.end(), c.firstTokens.begin(), c.firstTokens.begin() + runHeader);
-    expected.insert(expected.end(), seg.begin(), seg.begin() + c.at);
-    expected.insert(expected.end(), c.firstTokens.begin() + runHeader, c.firstTokens.end());
-    const int consumed = c.at + std::min(c.m, kLongMatchMax);
+    const std::size_t runHeader = at > 32 ? 2 : 1;
+    expected.insert(expected.end(), first.begin(), first.begin() + runHeader);
+    expected.insert(expected.end(), seg.begin(), seg.begin() + at);
+    expected.insert(expected.end(), first.begin() + runHeader, first.end());
+    const int consumed = at + std::min(m, kLongMatchMax);
     const int tailCount = static_cast<int>(seg.size()) - consumed;
-    ASSERT_EQ(tailCount, c.tailLiterals);
+    ASSERT_EQ(tailCount, std::stoi(r[4]));
     expected.push_back(static_cast<std::uint8_t>(kTokShortRun | (tailCount - 1)));
     expected.insert(expected.end(), seg.begin() + consumed, seg.end());
     EXPECT_EQ(coded, expected);
