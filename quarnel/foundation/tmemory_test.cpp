@@ -392,38 +392,14 @@ TEST_F(TMemoryTest, AllocBufferFallbackAndFailure) {
 
 // A failing platform call leaves size, storage and bytes as they were.
 TEST_F(TMemoryTest, FailedCallsLeaveTheBlockAsItWas) {
-  struct Row {
-    short priority;
-    unsigned from, to;
-    UCall call;
-    int repeat;
-    const char* lines;
-  };
-  const char* kNoPurge = "517 tmemPurgeBlocks: purged Zero K (0 blocks)\n";
-  const Row rows[] = {
-      // The commitment of a new reservation, then inside the reservation.
-      {1, 500, 2 * kMiB, UCall::kVirtualCommit, 1,
-       "516 TMemory::mhalloc: VirtualAlloc(2 K, MEM_COMMIT) failed, error 8\n"
-       "517 TMemory::SetSize: priority 1 failed from Zero K to 2 K\n"},
-      {1, 2 * kMiB, 6 * kMiB, UCall::kVirtualCommit, 1,
-       "516 TMemory::mhalloc: VirtualAlloc(6 K, MEM_COMMIT) failed, error 8\n"
-       "517 TMemory::SetSize: priority 1 failed from 2 K to 6 K\n"},
-      // Both reservations, then a move to a larger reservation.
-      {1, 5000, 2 * kMiB, UCall::kVirtualReserve, -1,
-       "514 TMemory::mhalloc: VirtualAlloc(2 K, MEM_RESERVE) failed, error 8\n"
-       "517 TMemory::SetSize: priority 1 failed from 1 K to 2 K\n"},
-      {0, 2 * kMiB, 20 * kMiB, UCall::kVirtualReserve, -1,
-       "514 TMemory::mhalloc: VirtualAlloc(20 K, MEM_RESERVE) failed, error 8\n"
-       "517 TMemory::SetSize: priority 0 failed from 2 K to 20 K\n"},
-      // A required block.
-      {2, 0, 3 * kMiB, UCall::kVirtualCommit, 1,
-       "516 TMemory::mhalloc: VirtualAlloc(3 K, MEM_COMMIT) failed, error 8\n"
-       "514 TMemory::SetSize: priority 2 failed from Zero K to 3 K\n"},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.lines);
-    TMemory m(r.priority);
-    ASSERT_EQ(m.SetSize(r.from), 0);
+  const std::string noPurge = "517 tmemPurgeBlocks: purged Zero K (0 blocks)\n";
+  for (const auto& r : ReadTsv("tmemory_failedcalls.tsv")) {
+    SCOPED_TRACE(r[4]);
+    const short priority = static_cast<short>(std::stoi(r[0]));
+    const unsigned from = std::stoul(r[1]), to = std::stoul(r[2]);
+    const bool reserve = r[3] == "reserve";
+    TMemory m(priority);
+    ASSERT_EQ(m.SetSize(from), 0);
     Fill(m, 40);
     const unsigned char* where = m.MemPtr();
     const unsigned reserved = m.ReservedBytes();
@@ -431,21 +407,21 @@ TEST_F(TMemoryTest, FailedCallsLeaveTheBlockAsItWas) {
     const Stats before = Of(tmemGetStats());
     ClearRecords();
 
-    UFailCall(r.call, 1, 8, r.repeat);
-    EXPECT_EQ(m.SetSize(r.to), kErrMemNotObtained);
+    UFailCall(reserve ? UCall::kVirtualReserve : UCall::kVirtualCommit, 1, 8, reserve ? -1 : 1);
+    EXPECT_EQ(m.SetSize(to), kErrMemNotObtained);
     UClearFaults();
     EXPECT_EQ(m.CheckError(), kErrMemNotObtained);
-    EXPECT_EQ(m.GetSize(), r.from);
+    EXPECT_EQ(m.GetSize(), from);
     EXPECT_EQ(m.MemPtr(), where);
     EXPECT_EQ(m.ReservedBytes(), reserved);
     EXPECT_EQ(m.CommittedBytes(), committed);
-    EXPECT_EQ(FirstMismatch(m, 40, 0, r.from), -1);
+    EXPECT_EQ(FirstMismatch(m, 40, 0, from), -1);
     EXPECT_EQ(Of(tmemGetStats()), before);
-    EXPECT_EQ(Logged(), (r.call == UCall::kVirtualReserve ? kNoPurge : "") + std::string(r.lines));
-    EXPECT_EQ(Asserted(), r.priority == 2 ? "tmemory-574" : "");
+    EXPECT_EQ(Logged(), (reserve ? noPurge : "") + r[4] + "\n" + r[5] + "\n");
+    EXPECT_EQ(Asserted(), priority == 2 ? "tmemory-574" : "");
     // The same resize succeeds once the platform gives memory again.
-    EXPECT_EQ(m.SetSize(r.to), 0);
-    EXPECT_EQ(FirstMismatch(m, 40, 0, r.from), -1);
+    EXPECT_EQ(m.SetSize(to), 0);
+    EXPECT_EQ(FirstMismatch(m, 40, 0, from), -1);
     ExpectCounters({&m});
   }
 }
