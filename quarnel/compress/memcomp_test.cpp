@@ -227,26 +227,6 @@ TEST_F(MemCompTest, DamagedBlockIsRefusedAndLeftAsItWas) {
   ASSERT_EQ(MemUncomp(&m), 0);
   EXPECT_EQ(Content(m), Bytes(4101, 'A'));
 
-  // Every third truncation, and a bit flipped in every byte: refused and
-  // unchanged, or unpacked.
-  std::vector<Bytes> damaged;
-  for (std::size_t len = 8; len < packed.size(); len += 3)
-    damaged.emplace_back(packed.begin(), packed.begin() + static_cast<std::ptrdiff_t>(len));
-  for (std::size_t at = 4; at < packed.size(); ++at) {
-    damaged.push_back(packed);
-    damaged.back()[at] ^= static_cast<std::uint8_t>(1u << (at % 8));
-  }
-  int refused = 0;
-  for (const Bytes& d : damaged) {
-    Fill(&m, d);
-    const int rc = MemUncomp(&m);
-    ASSERT_TRUE(rc == 0 || rc == kErrInvalidData);
-    if (rc != 0) {
-      ++refused;
-      ASSERT_EQ(Content(m), d);
-    }
-  }
-  EXPECT_GT(refused, 0);
   EXPECT_EQ(Asserted(), "");
 }
 
