@@ -17,6 +17,7 @@
 #include "quarnel/platform/testchild.h"
 #include "tests/support/drive_fixture.h"
 #include "tests/support/helpers.h"
+#include "tests/support/path_text.h"
 
 namespace {
 
@@ -45,26 +46,9 @@ unsigned OpenError(const std::u16string& path, unsigned access, unsigned disposi
   return 0;
 }
 
-// Expands {c*N} (N copies of c) and {#hh} (the unit hh) in a path of a table.
-std::u16string Expand(const std::string& s) {
-  std::string out;
-  for (std::size_t i = 0; i < s.size(); ++i) {
-    const std::size_t end = s.find('}', i);
-    if (s[i] != '{' || end == std::string::npos) {
-      out += s[i];
-      continue;
-    }
-    const std::string in = s.substr(i + 1, end - i - 1);
-    out += in[0] == '#' ? std::string(1, static_cast<char>(std::stoi(in.substr(1), nullptr, 16)))
-                        : std::string(std::stoul(in.substr(2)), in[0]);
-    i = end;
-  }
-  return W(out);
-}
-
 // The error a row of file_errors.tsv leaves.
 unsigned ErrorOfRow(const std::vector<std::string>& r) {
-  const std::u16string p = Expand(r[3]), q = r.size() > 4 ? Expand(r[4]) : u"";
+  const std::u16string p = ExpandPath(r[3]), q = r.size() > 4 ? ExpandPath(r[4]) : u"";
   const std::string& call = r[2];
   if (call == "open") {
     std::istringstream words(r[4]);
@@ -99,7 +83,7 @@ TEST_F(FileApi, FailingCallsGiveWindowsErrorNumbers) {
   ASSERT_TRUE(USetFileAttributes(u"C:\\ro.txt", kFileAttributeReadOnly));
   MakeHostFolder(Host(u"C:\\exists"));
   MakeHostFolder(Host(u"C:\\full\\inner"));
-  MakeHostFolder(Host(Expand("C:\\{d*50}\\{d*100}\\{d*150}")));
+  MakeHostFolder(Host(ExpandPath("C:\\{d*50}\\{d*100}\\{d*150}")));
   const auto rows = ReadTsv("file_errors.tsv");
   ASSERT_EQ(rows.size(), 41u);
   for (const auto& row : rows) {
