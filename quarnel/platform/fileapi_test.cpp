@@ -364,28 +364,13 @@ TEST_F(FileApi, CopyAndMoveKeepContentAndAttributes) {
 }
 
 TEST_F(FileApi, TemporaryNamesAreMadeAsWindowsMakesThem) {
-  // Recorded answers, with Windows' upper-case hexadecimal digits and ".TMP".
-  struct Row {
-    const char16_t* prefix;
-    unsigned unique, ret;
-    const char16_t* name;
-  } rows[] = {
-      {u"", 0x1234, 0x1234, u"1234.TMP"},
-      {u"q", 0x1234, 0x1234, u"q1234.TMP"},
-      {u"qnl", 0x1234, 0x1234, u"qnl1234.TMP"},
-      {u"quarnel", 0x1234, 0x1234, u"qua1234.TMP"},
-      {u"abc", 0xABCD, 0xABCD, u"abcABCD.TMP"},
-      {u"abc", 0x12345, 0x2345, u"abc2345.TMP"},
-      {u"abc", 0xFFFF, 0xFFFF, u"abcFFFF.TMP"},
-      {u"abc", 1, 1, u"abc1.TMP"},
-      {u"a.b", 0x1234, 0x1234, u"a.b1234.TMP"},
-      {u"\u00e9\u00e8x", 0x1234, 0x1234, u"\u00e9\u00e8x1234.TMP"},
-  };
   char16_t out[kMaxPath];
-  for (const Row& row : rows) {
-    SCOPED_TRACE(Utf8(row.name));
-    EXPECT_EQ(UGetTempFileName(u"C:\\Temp", row.prefix, row.unique, out), row.ret);
-    EXPECT_EQ(Utf8(out), "C:\\Temp\\" + Utf8(row.name));
+  for (const auto& row : ReadTsv("temp_names.tsv")) {
+    SCOPED_TRACE(row[3]);
+    const std::u16string prefix = Utf16(row[0]);
+    EXPECT_EQ(UGetTempFileName(u"C:\\Temp", prefix.c_str(), std::stoul(row[1], nullptr, 16), out),
+              std::stoul(row[2], nullptr, 16));
+    EXPECT_EQ(Utf8(out), "C:\\Temp\\" + row[3]);
     EXPECT_EQ(UGetFileAttributes(out), kInvalidFileAttributes);  // not created
   }
   // Unique 0 creates the file, each time a new one.
