@@ -15,6 +15,7 @@
 #include "quarnel/platform/volapi.h"
 #include "tests/support/drive_fixture.h"
 #include "tests/support/helpers.h"
+#include "tests/support/tsv_kind.h"
 
 namespace {
 
@@ -35,21 +36,12 @@ TVol Exact(const char16_t* path) {
   return v;
 }
 
-// The rows of volume_names.tsv of one kind, without the kind.
-std::vector<std::vector<std::string>> Names(const std::string& kind) {
-  std::vector<std::vector<std::string>> rows;
-  for (auto& r : ReadTsv("volume_names.tsv")) {
-    if (r[0] == kind) rows.emplace_back(r.begin() + 1, r.end());
-  }
-  return rows;
-}
-
 using Volumes = DriveTest;
 
 }  // namespace
 
 TEST_F(Volumes, SetFollowsTheNameRulesQuirksIncluded) {
-  for (const auto& row : Names("SET")) {
+  for (const auto& row : ReadTsvKind("volume_names.tsv", "SET")) {
     SCOPED_TRACE(row[0]);
     ClearRecords();
     TVol v;
@@ -76,7 +68,7 @@ TEST_F(Volumes, SetFollowsTheNameRulesQuirksIncluded) {
 }
 
 TEST_F(Volumes, IsValidAcceptsVolumeForms) {
-  for (const auto& row : Names("VALID")) {
+  for (const auto& row : ReadTsvKind("volume_names.tsv", "VALID")) {
     SCOPED_TRACE(row[0]);
     const std::u16string path = Utf16(row[0]);
     const TVol v = Exact(path.c_str());

@@ -16,6 +16,7 @@
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/lasterror.h"
 #include "tests/support/helpers.h"
+#include "tests/support/tsv_kind.h"
 
 namespace {
 
@@ -55,15 +56,6 @@ std::u16string Units(const std::string& hex16) {
   std::istringstream in(hex16);
   for (unsigned u; in >> std::hex >> u;) units.push_back(static_cast<char16_t>(u));
   return units;
-}
-
-// The rows of codepage_cases.tsv of one kind, without the kind.
-std::vector<std::vector<std::string>> Cases(const std::string& kind) {
-  std::vector<std::vector<std::string>> rows;
-  for (auto& r : ReadTsv("codepage_cases.tsv")) {
-    if (r[0] == kind) rows.emplace_back(r.begin() + 1, r.end());
-  }
-  return rows;
 }
 
 class CodePageTest : public RecordingTest {
@@ -329,7 +321,7 @@ TEST_F(CodePageTest, Utf8RoundTripsRandomText) {
 }
 
 TEST_F(CodePageTest, Cp932InvalidInput) {
-  for (const auto& r : Cases("932")) {
+  for (const auto& r : ReadTsvKind("codepage_cases.tsv", "932")) {
     SCOPED_TRACE(r[0]);
     const std::string bytes = Unhex(r[1]);
     const bool valid = r[3] == "1";
@@ -344,7 +336,7 @@ TEST_F(CodePageTest, Cp932InvalidInput) {
 
 // Default characters, usedDefault and WC_NO_BEST_FIT_CHARS.
 TEST_F(CodePageTest, DefaultCharacterAndBestFit) {
-  for (const auto& r : Cases("DEF")) {
+  for (const auto& r : ReadTsvKind("codepage_cases.tsv", "DEF")) {
     SCOPED_TRACE(r[0]);
     const unsigned cp = std::stoul(r[1]), flags = std::stoul(r[2]);
     const std::string defaultChar = Unhex(r[3]);
@@ -392,7 +384,7 @@ TEST_F(CodePageTest, FaultSeamFailsChosenCalls) {
 
 TEST_F(CodePageTest, CodePageInfoAgreesWithWindows) {
   QuarnelEnv()->acp = kCp1252;
-  for (const auto& r : Cases("INFO")) {
+  for (const auto& r : ReadTsvKind("codepage_cases.tsv", "INFO")) {
     SCOPED_TRACE(r[0]);
     const int ret = std::stoi(r[1]);
     const std::string leads = r[3] == "-" ? "" : Unhex(r[3]);

@@ -17,6 +17,7 @@
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/text/tstring.h"
 #include "tests/support/helpers.h"
+#include "tests/support/tsv_kind.h"
 
 namespace {
 
@@ -125,19 +126,10 @@ TEST(LocaleInfo, AgreesWithWindowsForEveryItemAndLocale) {
   }
 }
 
-// The rows of locale_cases.tsv of one kind, without the kind.
-std::vector<std::vector<std::string>> Cases(const std::string& kind) {
-  std::vector<std::vector<std::string>> rows;
-  for (auto& r : ReadTsv("locale_cases.tsv")) {
-    if (r[0] == kind) rows.emplace_back(r.begin() + 1, r.end());
-  }
-  return rows;
-}
-
 unsigned HexOf(const std::string& s) { return static_cast<unsigned>(std::stoul(s, nullptr, 16)); }
 
 TEST(LocaleInfo, RefusesUnknownLocalesItemsAndBadBuffers) {
-  for (const auto& r : Cases("BAD")) {
+  for (const auto& r : ReadTsvKind("locale_cases.tsv", "BAD")) {
     SCOPED_TRACE(r[0]);
     const unsigned lcid = HexOf(r[1]), lctype = HexOf(r[2]), error = std::stoul(r[5]);
     const bool nullBuffer = r[3] == "1";
@@ -154,7 +146,7 @@ TEST(LocaleInfo, RefusesUnknownLocalesItemsAndBadBuffers) {
 }
 
 TEST(LocaleInfo, ReturnsNumbersOfNumericItems) {
-  for (const auto& r : Cases("NUM")) {
+  for (const auto& r : ReadTsvKind("locale_cases.tsv", "NUM")) {
     SCOPED_TRACE(r[0] + " " + r[1]);
     const unsigned lcid = HexOf(r[0]), lctype = HexOf(r[1]), value = std::stoul(r[2]);
     char16_t text[16];

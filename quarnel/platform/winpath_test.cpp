@@ -2,25 +2,24 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/helpers.h"
 #include "tests/support/path_text.h"
 #include "tests/support/recording_hooks.h"
+#include "tests/support/tsv_kind.h"
 
 using namespace quarnel_internal;
 
 TEST(WinPath, ParsesAndNormalisesAsWindowsDoes) {
   const std::u16string cur = u"C:\\Cur\\Dir";
-  for (const auto& row : ReadTsv("winpath.tsv")) {
-    if (row[0] != "PARSE") continue;
-    SCOPED_TRACE(row[1]);
-    const std::u16string in = ExpandPath(row[1]);
+  for (const auto& row : ReadTsvKind("winpath.tsv", "PARSE")) {
+    SCOPED_TRACE(row[0]);
+    const std::u16string in = ExpandPath(row[0]);
     WinPath p;
-    const unsigned err = ParseWinPath(row[1] == "(null)" ? nullptr : in.c_str(), cur, false, &p);
-    if (row[2] == "-") {
-      EXPECT_EQ(err, std::stoul(row[3]));
+    const unsigned err = ParseWinPath(row[0] == "(null)" ? nullptr : in.c_str(), cur, false, &p);
+    if (row[1] == "-") {
+      EXPECT_EQ(err, std::stoul(row[2]));
     } else {
       ASSERT_EQ(err, 0u);
-      EXPECT_EQ(Utf8(FormatWinPath(p, p.trailingSeparator)), row[2]);
+      EXPECT_EQ(Utf8(FormatWinPath(p, p.trailingSeparator)), row[1]);
     }
   }
   WinPath p;
@@ -38,13 +37,12 @@ TEST(WinPath, LongFormOfFileCallPaths) {
 }
 
 TEST(WinPath, ShortNamesAreMadeTheWindowsWay) {
-  for (const auto& row : ReadTsv("winpath.tsv")) {
-    if (row[0] != "SHORT") continue;
-    SCOPED_TRACE(row[1]);
-    const std::u16string name = Utf16(row[1]);
-    EXPECT_EQ(IsShortName(name), row[2] == "1");
-    if (row[2] != "1") {
-      EXPECT_EQ(Utf8(ShortNameFor(name, 1)), row[2]);
+  for (const auto& row : ReadTsvKind("winpath.tsv", "SHORT")) {
+    SCOPED_TRACE(row[0]);
+    const std::u16string name = Utf16(row[0]);
+    EXPECT_EQ(IsShortName(name), row[1] == "1");
+    if (row[1] != "1") {
+      EXPECT_EQ(Utf8(ShortNameFor(name, 1)), row[1]);
     }
   }
   EXPECT_EQ(Utf8(ShortNameFor(u"abcdefghi", 9)), "ABCDEF~9");
