@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <random>
 #include <sstream>
@@ -203,50 +204,55 @@ TEST_F(CodePageTest, LengthsSizeQueriesAndShortBuffers) {
   }
 }
 
+// Null or empty sources, negative rooms, null destinations, unknown pages
+// and flags the page does not take: each refused with 0 and its error.
 TEST_F(CodePageTest, BadParametersAndFlags) {
   char16_t wide[8];
   char narrow[8];
   const char16_t* w = u"ab";
-  int usedSink = 0;
-  // Null or empty sources, negative rooms, null destinations, unknown pages
-  // and flags the page does not take: each refused with 0 (87 or 1004, as
-  // the calls below check).
-  const int results[] = {
-      UMultiByteToWideChar(kCp1252, 0, nullptr, 2, wide, 8),
-      UMultiByteToWideChar(kCp1252, 0, "ab", 0, wide, 8),
-      UMultiByteToWideChar(kCp1252, 0, "ab", -2, wide, 8),
-      UMultiByteToWideChar(kCp1252, 0, "ab", 2, wide, -1),
-      UMultiByteToWideChar(kCp1252, 0, "ab", 2, nullptr, 8),
-      UMultiByteToWideChar(12345, 0, "ab", 2, wide, 8),
-      UMultiByteToWideChar(42, 0, "ab", 2, wide, 8),
-      UMultiByteToWideChar(kCp1252, 0x100, "ab", 2, wide, 8),
-      UMultiByteToWideChar(kCp1252, kMbPrecomposed | kMbComposite, "ab", 2, wide, 8),
-      UMultiByteToWideChar(kCpUtf8, kMbComposite, "ab", 2, wide, 8),
-      UWideCharToMultiByte(kCp1252, 0, nullptr, 2, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCp1252, 0, w, 0, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCp1252, 0, w, -2, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCp1252, 0, w, 2, nullptr, 8, nullptr, nullptr),
-      UWideCharToMultiByte(12345, 0, w, 2, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, "?", nullptr),
-      UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, nullptr, &usedSink),
-      UWideCharToMultiByte(kCpUtf8, kWcNoBestFitChars, w, 2, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCp1252, kWcErrInvalidChars, w, 2, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCp1252, 0x1, w, 2, narrow, 8, nullptr, nullptr),
-  };
-  for (std::size_t i = 0; i < std::size(results); ++i) EXPECT_EQ(results[i], 0) << i;
-  USetLastError(0);
-  EXPECT_EQ(UMultiByteToWideChar(kCp1252, 0, "ab", 0, wide, 8), 0);
-  EXPECT_EQ(UGetLastError(), 87u);
-  USetLastError(0);
-  EXPECT_EQ(UMultiByteToWideChar(kCp1252, 0x100, "ab", 2, wide, 8), 0);
-  EXPECT_EQ(UGetLastError(), 1004u);
-  USetLastError(0);
   int used = 0;
-  EXPECT_EQ(UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, nullptr, &used), 0);
-  EXPECT_EQ(UGetLastError(), 87u);
-  USetLastError(0);
-  EXPECT_EQ(UWideCharToMultiByte(12345, 0, w, 2, narrow, 8, nullptr, nullptr), 0);
-  EXPECT_EQ(UGetLastError(), 87u);
+  const struct {
+    unsigned error;
+    std::function<int()> call;
+  } rows[] = {
+      {87, [&] { return UMultiByteToWideChar(kCp1252, 0, nullptr, 2, wide, 8); }},
+      {87, [&] { return UMultiByteToWideChar(kCp1252, 0, "ab", 0, wide, 8); }},
+      {87, [&] { return UMultiByteToWideChar(kCp1252, 0, "ab", -2, wide, 8); }},
+      {87, [&] { return UMultiByteToWideChar(kCp1252, 0, "ab", 2, wide, -1); }},
+      {87, [&] { return UMultiByteToWideChar(kCp1252, 0, "ab", 2, nullptr, 8); }},
+      {87, [&] { return UMultiByteToWideChar(12345, 0, "ab", 2, wide, 8); }},
+      {87, [&] { return UMultiByteToWideChar(42, 0, "ab", 2, wide, 8); }},
+      {1004, [&] { return UMultiByteToWideChar(kCp1252, 0x100, "ab", 2, wide, 8); }},
+      {1004,
+       [&] {
+         return UMultiByteToWideChar(kCp1252, kMbPrecomposed | kMbComposite, "ab", 2, wide, 8);
+       }},
+      {1004, [&] { return UMultiByteToWideChar(kCpUtf8, kMbComposite, "ab", 2, wide, 8); }},
+      {87,
+       [&] { return UWideCharToMultiByte(kCp1252, 0, nullptr, 2, narrow, 8, nullptr, nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(kCp1252, 0, w, 0, narrow, 8, nullptr, nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(kCp1252, 0, w, -2, narrow, 8, nullptr, nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(kCp1252, 0, w, 2, nullptr, 8, nullptr, nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(12345, 0, w, 2, narrow, 8, nullptr, nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, "?", nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, nullptr, &used); }},
+      {1004,
+       [&] {
+         return UWideCharToMultiByte(kCpUtf8, kWcNoBestFitChars, w, 2, narrow, 8, nullptr, nullptr);
+       }},
+      {1004,
+       [&] {
+         return UWideCharToMultiByte(kCp1252, kWcErrInvalidChars, w, 2, narrow, 8, nullptr,
+                                     nullptr);
+       }},
+      {1004, [&] { return UWideCharToMultiByte(kCp1252, 0x1, w, 2, narrow, 8, nullptr, nullptr); }},
+  };
+  for (std::size_t i = 0; i < std::size(rows); ++i) {
+    SCOPED_TRACE(i);
+    USetLastError(0);
+    EXPECT_EQ(rows[i].call(), 0);
+    EXPECT_EQ(UGetLastError(), rows[i].error);
+  }
   // Success leaves the last error alone.
   USetLastError(4242);
   EXPECT_EQ(UMultiByteToWideChar(kCp1252, 0, "ab", 2, wide, 8), 2);
