@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iterator>
-#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -16,6 +15,7 @@
 #include "quarnel/platform/env.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/text/tstring.h"
+#include "tests/support/env_vars.h"
 #include "tests/support/helpers.h"
 #include "tests/support/tsv_kind.h"
 
@@ -56,33 +56,17 @@ std::vector<InfoRow> LoadInfoRows() {
   return rows;
 }
 
-// Saves and clears the locale variables and the record's lcid; restores them.
+// Clears the locale variables and the record's lcid; puts them back after.
 class LocaleEnvTest : public RecordingTest {
  protected:
   void SetUp() override {
     RecordingTest::SetUp();
-    for (const char* var : kVars) {
-      const char* v = std::getenv(var);
-      saved_.push_back(v ? std::optional<std::string>(v) : std::nullopt);
-      unsetenv(var);
-    }
-    savedLcid_ = QuarnelEnv()->lcid;
-    QuarnelEnv()->lcid = 0;
-  }
-  void TearDown() override {
-    for (std::size_t i = 0; i < std::size(kVars); ++i) {
-      if (saved_[i]) {
-        setenv(kVars[i], saved_[i]->c_str(), 1);
-      } else {
-        unsetenv(kVars[i]);
-      }
-    }
-    QuarnelEnv()->lcid = savedLcid_;
-    RecordingTest::TearDown();
+    for (const char* var : kVars) vars_.Set(var, nullptr);
+    env_->lcid = 0;
   }
   static constexpr const char* kVars[] = {"LC_ALL", "LC_COLLATE", "LC_CTYPE", "LANG"};
-  std::vector<std::optional<std::string>> saved_;
-  unsigned savedLcid_ = 0;
+  ScopedEnvVars vars_;
+  ScopedEnv env_;
 };
 
 TEST(LocaleInfo, AgreesWithWindowsForEveryItemAndLocale) {
