@@ -7,6 +7,8 @@
 // The first byte chooses how the rest is used: as a whole record (header
 // included), or as a payload behind a well-formed header of each type, so
 // that the fuzzer reaches the fields without first finding the tags.
+//
+// Area: quarnel/datetime/tdate.cpp quarnel/datetime/datestep.cpp quarnel/text/datefmt.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

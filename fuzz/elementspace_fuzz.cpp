@@ -4,6 +4,8 @@
 //
 // Input: two bytes (little-endian) giving the length of the area, the area,
 // then a script of operations, each an opcode byte and two 16-bit arguments.
+//
+// Area: quarnel/containers/elementspace.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -77,7 +79,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         es.LmSet(a % 40, b % 5000);
         break;
       case 3:
-        es.LmDupe(a % 40);
+        if (b & 1) {
+          es.LmDupeAssert(a % 40);
+        } else {
+          es.LmDupe(a % 40);
+        }
         break;
       case 4:
       case 5:
@@ -119,6 +125,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       case 17:
         es.LmGet(a % 40);
         es.LmSize(b % 40);
+        es.LmOverhead(b);  // (2b - empty slots) * 4: negative when most slots are empty
+        if (es.LmPhys(a) < a || es.LmFull() != 0) std::abort();
         break;
       case 18:
         oddity = a % 40 <= es.LmCount() && es.LmTest(a % 40) != 0;

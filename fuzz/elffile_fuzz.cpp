@@ -2,6 +2,8 @@
 // reader of its functions (qnrc's symbol maps), and the check made before a
 // file goes to the loader: arbitrary bytes never lead
 // them outside the file, and what they find lies within it.
+//
+// Area: quarnel/platform/internal/elffile.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -8,6 +8,8 @@
 // included), or as a string record behind a well-formed header of each type
 // (the 16 bytes after the persistence header zero), so that the fuzzer
 // reaches the path without first finding the tags.
+//
+// Area: quarnel/fileio/location.cpp quarnel/fileio/tvol.cpp quarnel/fileio/internal/locpath.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

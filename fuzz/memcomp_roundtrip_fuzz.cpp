@@ -2,6 +2,9 @@
 // packed form is exactly the plain reference's (checked for inputs of up to
 // 1 KiB, where the plain reference is quick enough), and the in-place packer and
 // unpacker stay inside buffers of exactly the room they ask for.
+//
+// Area: quarnel/compress/memcomp.cpp quarnel/compress/internal/packblock.cpp
+// Area: quarnel/compress/internal/segcode.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

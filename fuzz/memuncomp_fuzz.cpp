@@ -3,6 +3,9 @@
 // accepted unpacks to its stated size. The bytes go through MemUncomp on a
 // TMemory block and through the in-place unpacker on a buffer of exactly the
 // room it asks for, so that the address checker sees any stray access.
+//
+// Area: quarnel/compress/memcomp.cpp quarnel/compress/internal/packblock.cpp
+// Area: quarnel/compress/internal/segcode.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -1,6 +1,8 @@
 // The resource compiler over arbitrary scripts: it either reports an error
 // with a line inside the script or builds a container that the library's
 // reader accepts whole, with every resource found again.
+//
+// Area: tools/qnrc/compiler.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -1,5 +1,7 @@
 // The resource container reader over arbitrary bytes: no read outside the
 // input, and every entry of a container it accepts lies within it.
+//
+// Area: quarnel/platform/resblob.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -2,6 +2,8 @@
 // argument list of every kind, ParseTemplate, and SScanf of the input read by
 // a format taken from the input itself. Nothing may crash or read out of
 // bounds, whatever the format.
+//
+// Area: quarnel/text/sprintf.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstring>

@@ -6,6 +6,8 @@
 // The first byte chooses: even, the rest is a symbol map searched at the
 // offset of the next four bytes; odd, the rest is a name demangled into a
 // buffer of (first byte) bytes.
+//
+// Area: quarnel/foundation/internal/symmap.cpp quarnel/foundation/internal/demangle.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

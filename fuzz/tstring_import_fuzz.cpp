@@ -1,5 +1,7 @@
 // Import and OldImport of arbitrary bytes: no crash, no read outside the
 // input, and a string that is unchanged after a refused record.
+//
+// Area: quarnel/text/tstring_persist.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

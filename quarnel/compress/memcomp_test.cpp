@@ -227,26 +227,6 @@ TEST_F(MemCompTest, DamagedBlockIsRefusedAndLeftAsItWas) {
   ASSERT_EQ(MemUncomp(&m), 0);
   EXPECT_EQ(Content(m), Bytes(4101, 'A'));
 
-  // Every third truncation, and a bit flipped in every byte: refused and
-  // unchanged, or unpacked.
-  std::vector<Bytes> damaged;
-  for (std::size_t len = 8; len < packed.size(); len += 3)
-    damaged.emplace_back(packed.begin(), packed.begin() + static_cast<std::ptrdiff_t>(len));
-  for (std::size_t at = 4; at < packed.size(); ++at) {
-    damaged.push_back(packed);
-    damaged.back()[at] ^= static_cast<std::uint8_t>(1u << (at % 8));
-  }
-  int refused = 0;
-  for (const Bytes& d : damaged) {
-    Fill(&m, d);
-    const int rc = MemUncomp(&m);
-    ASSERT_TRUE(rc == 0 || rc == kErrInvalidData);
-    if (rc != 0) {
-      ++refused;
-      ASSERT_EQ(Content(m), d);
-    }
-  }
-  EXPECT_GT(refused, 0);
   EXPECT_EQ(Asserted(), "");
 }
 
@@ -354,6 +334,21 @@ TEST_F(MemCompTest, ThreadsPackTheirOwnBlocksAtOnce) {
   for (auto& t : threads) t.join();
   EXPECT_EQ(failures, std::vector<int>(kThreads, 0));
   EXPECT_EQ(Lines().size(), std::size_t{2 * 20 * kThreads});
+}
+
+TEST_F(MemCompTest, BlocksShorterThanTheMagicStayUnpacked) {
+  // What the header left behind must not complete a prefix of the magic.
+  for (const Bytes& data : {Bytes{'Q'}, Bytes{'Q', 'n'}, Bytes{'Q', 'n', 'Q'}, Bytes{'Q', 'y'}}) {
+    SCOPED_TRACE(data.size());
+    TMemory m(1);
+    Fill(&m, data);
+    ASSERT_EQ(MemComp(&m), 0);
+    ASSERT_EQ(m.GetSize(), data.size() + 32);
+    EXPECT_EQ(MemUncomp(&m), 0);
+    EXPECT_EQ(m.GetSize(), data.size() + 32);
+    EXPECT_TRUE(std::equal(data.begin(), data.end(), m.MemPtr()));
+  }
+  EXPECT_EQ(Lines().size(), 4u);  // the four "can't compress small buffer" lines
 }
 
 }  // namespace

@@ -256,9 +256,12 @@ int ElementSpace::lmNeeded(int bytes) {
       lmCompress(0);
       return 0;
     }
+    // Halving stops at the base unit: a unit capped at 16,384 KiB is not a
+    // power-of-two multiple of every base.
     const int current = rd(kOffUnit);
-    if (current > rd(kOffBaseUnit)) {
-      wr(kOffUnit, current / 2);
+    const int base = rd(kOffBaseUnit);
+    if (current > base) {
+      wr(kOffUnit, std::max(current / 2, base));
       continue;
     }
     return r;

@@ -599,4 +599,18 @@ TEST_F(SpaceTest, ModelOfRandomOperations) {
   EXPECT_EQ(Asserted(), "");
 }
 
+// A unit capped at 16,384 KiB and halved after a failed growth stays at or
+// above the base unit, so the area stays valid.
+TEST_F(SpaceTest, AFailedGrowthHalvesTheUnitNoLowerThanTheBase) {
+  ElementSpace es(0, 0);
+  es.LmSetParms(9000 * 1024, 0);
+  ASSERT_EQ(es.LmAdd(nullptr, 2000), 1);
+  EXPECT_EQ(Word(es, kUnit), 16384);
+  es.LmLock();
+  EXPECT_EQ(es.LmAdd(nullptr, es.LmAvail() + 1), kErrLmLocked);
+  es.LmUnlock();
+  EXPECT_EQ(Word(es, kUnit), 9000);
+  EXPECT_EQ(es.LmValid(), 0);
+}
+
 }  // namespace

@@ -5,13 +5,13 @@
 #include <cstdint>
 #include <map>
 #include <random>
-#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "quarnel/containers/tdictlinear.h"
 #include "quarnel/foundation/memutil.h"
+#include "tests/support/dict_model.h"
 #include "tests/support/helpers.h"
 
 namespace {
@@ -29,11 +29,7 @@ std::map<int, u64> Layout(const TDict64& d) {
   return out;
 }
 
-std::vector<std::pair<u64, u64>> Walk(TDict64& d) {
-  std::vector<std::pair<u64, u64>> out;
-  for (TDict64Iter it(d); it; ++it) out.emplace_back(it.Key(), it.Data());
-  return out;
-}
+std::vector<std::pair<u64, u64>> Walk(TDict64& d) { return WalkDict<TDict64Iter>(d); }
 
 TEST_F(Dict64Test, SizesAsTDictWithSixteenByteSlots) {
   TDict64 d(0, 0);
@@ -112,92 +108,26 @@ TEST_F(Dict64Test, FullWidthValuesNullKeyAndParents) {
   EXPECT_EQ(copy.GetParent(), &parent);
 }
 
-// Random operations against std::unordered_map, with the tombstone model of
-// the 32-bit test: the dictionary is exact when unordered, and when ordered
-// while it keeps its capacity (keys sharing their low halves included).
-void RunModel64(int ordered, int initial, int ops, unsigned seed) {
-  std::mt19937_64 rng(seed);
+// The model test of the 32-bit dictionary, on keys of which a third share
+// their low halves with another key and a fifth are small.
+TEST_F(Dict64Test, ModelAgainstUnorderedMap) {
+  std::mt19937_64 rng(11);
   std::vector<u64> pool;
   std::unordered_set<u64> taken;
-  const int poolSize = ordered ? 700 : 3000;
-  const int permanent = ordered ? 500 : 0;  // keeps used above the low water mark
-  while (static_cast<int>(pool.size()) < poolSize + permanent) {
+  while (pool.size() < 3500) {
     u64 k = rng();
     if (pool.size() % 3 == 1) k = (rng() << 32) | (pool.back() & 0xFFFFFFFFu);  // twin low half
     if (pool.size() % 5 == 0) k = rng() % 5000 + 1;
     if (k != 0 && taken.insert(k).second) pool.push_back(k);
   }
-  TDict64 d(initial, ordered);
-  const int startSize = d.Shape().size;
-  std::unordered_map<u64, u64> live;
-  for (int i = 0; i < permanent; ++i) {
-    const u64 k = pool.back();
-    pool.pop_back();
-    d.Define(k, k ^ 0xABCDEF);
-    live[k] = k ^ 0xABCDEF;
-  }
-  std::unordered_set<u64> tombs;
-  u64 nullValue = 0;
-  int sizes = 0;
-  int lastSize = startSize;
-  for (int op = 0; op < ops; ++op) {
-    const bool grow = (op / 15000) % 2 == 0;
-    const u64 key = rng() % 300 == 0 ? 0 : pool[rng() % pool.size()];
-    const unsigned what = rng() % 100;
-    if (what < 40) {
-      u64 expect = 0;
-      if (key == 0) {
-        expect = nullValue;
-      } else if (live.count(key) != 0) {
-        expect = live[key];
-      }
-      // Without a parent a tombstone answers 0 either way.
-      ASSERT_EQ(d.Lookup(key), expect) << "op " << op;
-      continue;
-    }
-    if (what < (grow ? 82u : 62u)) {
-      const u64 value = rng() % 6 == 0 ? 0 : rng();
-      d.Define(key, value);
-      if (key == 0) {
-        nullValue = value;
-      } else if (value == 0) {
-        if (live.erase(key) != 0) tombs.insert(key);
-      } else {
-        tombs.erase(key);
-        live[key] = value;
-      }
-    } else {
-      d.Undefine(key);
-      if (key == 0) {
-        nullValue = 0;
-      } else if (live.erase(key) != 0) {
-        tombs.insert(key);
-      }
-    }
-    const TDictShape s = d.Shape();
-    if (s.deleted == 0) tombs.clear();
-    ASSERT_EQ(static_cast<int>(tombs.size()), s.deleted) << "op " << op;
-    ASSERT_EQ(d.GetCount(), static_cast<int>(live.size()) + (nullValue != 0 ? 1 : 0));
-    if (s.size != lastSize) ++sizes;
-    lastSize = s.size;
-    if (ordered) {
-      ASSERT_EQ(s.size, startSize);
-    }
-    if (op % 2000 == 0) {
-      std::vector<std::pair<u64, u64>> walk = Walk(d);
-      std::unordered_map<u64, u64> seen;
-      for (std::size_t i = nullValue != 0 ? 1 : 0; i < walk.size(); ++i) seen.insert(walk[i]);
-      ASSERT_EQ(seen, live);
-    }
-  }
-  if (!ordered) {
-    EXPECT_GT(sizes, 4);
-  }
-}
-
-TEST_F(Dict64Test, ModelAgainstUnorderedMap) {
-  RunModel64(0, 0, 150000, 11);
-  RunModel64(1, -2039, 100000, 12);
+  const std::vector<u64> permanent(pool.end() - 500, pool.end());
+  pool.resize(3000);
+  RunDictModel<TDict64, TDict64Iter>(
+      {"unordered with parents", 200000 / kSanitizerScale, 0, 0, true, false}, pool, {}, 11);
+  pool.resize(700);  // ordered: within the water marks, capacity kept
+  RunDictModel<TDict64, TDict64Iter>(
+      {"ordered, 2039 slots", 100000 / kSanitizerScale, 1, -2039, false, true}, pool, permanent,
+      12);
   EXPECT_EQ(Asserted(), "");
 }
 

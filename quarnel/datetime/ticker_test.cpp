@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -68,43 +69,21 @@ TEST_F(TickerTest, SetMSStartsTheSpanAlreadyMeasuring) {
   EXPECT_EQ(Logged(), HourNote("tick") + HourNote("tock"));
 }
 
-// One row: SetMS(setMs), the clock moves by `advance`, GetMS answers
-// `expected` and logs `lines`; a second GetMS logs nothing more.
-struct SpanRow {
-  const char* name;
-  unsigned setMs;
-  std::uint64_t advance;
-  unsigned expected;
-  std::string lines;
-};
-
+// A second GetMS logs nothing more.
 TEST_F(TickerTest, GetMSRulesByRow) {
-  const std::string id = "Span";
-  const std::vector<SpanRow> rows = {
-      {"empty span", 0, 0, 0, ""},
-      {"exactly one hour", kHour, 0, kHour, ""},
-      {"just past one hour", kHour + 1, 0, kHour + 1, HourNote(id)},
-      {"one hour reached by the clock", 0, kHour + 1, kHour + 1, HourNote(id)},
-      {"exactly 21 days", 21 * kDay, 0, 21 * kDay, HourNote(id)},
-      {"just past 21 days: the warning only", 21 * kDay + 1, 0, 21 * kDay + 1, DaysWarning(id)},
-      {"21 days by the clock", 0, 21ull * kDay + 5, 21 * kDay + 5, DaysWarning(id)},
-      {"1192 hours, not wrapped", 1192 * kHour, 0, 1192 * kHour, DaysWarning(id)},
-      {"1193 hours by the clock, not wrapped", 0, 1193ull * kHour, 1193 * kHour, DaysWarning(id)},
-      {"largest count, 1193 hours", 0xFFFFFFF0u, 0, 0xFFFFFFF0u, DaysWarning(id)},
-      {"wrapped with 1193 hours counted", 0xFFFFFFF0u, 100, 0xFFFFFFFFu, Overflowed(id)},
-      {"wrapped by the clock", 0, kWrap + 1, 0xFFFFFFFFu, Overflowed(id)},
-      {"1194 hours counted", 0, 1194ull * kHour, 0xFFFFFFFFu, Overflowed(id)},
-      {"far beyond", 0, 5 * kWrap + 7, 0xFFFFFFFFu, Overflowed(id)},
-  };
-  for (const SpanRow& row : rows) {
-    SCOPED_TRACE(row.name);
+  const std::map<std::string, std::string> lines = {{"-", ""},
+                                                    {"hour", HourNote("Span")},
+                                                    {"days", DaysWarning("Span")},
+                                                    {"overflow", Overflowed("Span")}};
+  for (const auto& r : ReadTsv("ticker_spans.tsv")) {
+    SCOPED_TRACE(r[0]);
     ClearRecords();
     TTicker t(Key("Span"));
-    t.SetMS(row.setMs);
-    Advance(static_cast<std::int64_t>(row.advance));
-    EXPECT_EQ(t.GetMS(), row.expected);
-    EXPECT_EQ(t.GetMS(), row.expected);
-    EXPECT_EQ(Logged(), row.lines);
+    t.SetMS(static_cast<unsigned>(std::stoul(r[1])));
+    Advance(std::stoll(r[2]));
+    EXPECT_EQ(t.GetMS(), std::stoul(r[3]));
+    EXPECT_EQ(t.GetMS(), std::stoul(r[3]));
+    EXPECT_EQ(Logged(), lines.at(r[4]));
   }
 }
 
@@ -293,50 +272,14 @@ TEST_F(ProfilerTest, NestedStartsCountOperationsAndOneBusySpan) {
   EXPECT_EQ(Asserted(), "");
 }
 
-TEST_F(ProfilerTest, NeverStartedReportsZeroes) {
-  TProfiler p("idle", 518);
-  Advance(5000);
-  p.Report(0);
-  EXPECT_EQ(Logged(),
-            "518 "
-            "idle: 0.000 of 0.0 secs (0.00%) for 0 ops (0.0 uSec/op)"
-            "\n");
-}
-
-struct ReportRow {
-  const char* name;
-  unsigned ops;
-  unsigned busy;
-  unsigned elapsed;
-  const char* text;
-};
-
-// The figures are 32-bit scaled integers: the divisor and the scale lose
-// digits together until the divisor is below 1,000, and the product wraps at
-// 32 bits (the last row: 500,000 ms for three operations).
 TEST_F(ProfilerTest, ReportFiguresByRow) {
-  const ReportRow rows[] = {
-      {"one op, all busy", 1, 250, 250,
-       "p: 0.250 of 0.2 secs (100.00%) for 1 ops (250,000.0 uSec/op)"},
-      {"ops cut to three digits", 1234, 5000, 60000,
-       "p: 5.000 of 60.0 secs (8.33%) for 1,234 ops (4,065.0 uSec/op)"},
-      {"long run, percent by the smallest scale", 3, 5000, 10000000,
-       "p: 5.000 of 10,000.0 secs (0.05%) for 3 ops (1,666,666.6 uSec/op)"},
-      {"zero elapsed gives zeroes", 2, 0, 0,
-       "p: 0.000 of 0.0 secs (0.00%) for 0 ops (0.0 uSec/op)"},
-      {"zero busy gives zeroes", 4, 0, 900, "p: 0.000 of 0.0 secs (0.00%) for 0 ops (0.0 uSec/op)"},
-      {"elapsed below a tenth", 1, 40, 40,
-       "p: 0.040 of 0.0 secs (100.00%) for 1 ops (40,000.0 uSec/op)"},
-      {"product wraps at 32 bits", 3, 500000, 500000,
-       "p: 500.000 of 500.0 secs (100.00%) for 3 ops (23,501,090.1 uSec/op)"},
-  };
-  for (const ReportRow& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& r : ReadTsv("profiler_figures.tsv")) {
+    SCOPED_TRACE(r[0]);
     ClearRecords();
     TProfiler p("p", 0);
-    RunProfile(p, row.ops, row.busy, row.elapsed);
+    RunProfile(p, std::stoul(r[1]), std::stoul(r[2]), std::stoul(r[3]));
     p.Report(0);
-    EXPECT_EQ(Logged(), "513 " + std::string(row.text) + "\n");
+    EXPECT_EQ(Logged(), "513 " + r[4] + "\n");
     p.Report(1);  // the destructor then says nothing
     ClearRecords();
   }

@@ -13,7 +13,9 @@
 #include "quarnel/platform/module.h"
 #include "quarnel/resources/resmgr.h"
 #include "tests/support/drive_fixture.h"
+#include "tests/support/helpers.h"
 #include "tests/support/platform_cases.h"
+#include "tests/support/tsv_kind.h"
 
 namespace {
 
@@ -33,27 +35,13 @@ TEST_F(Locations, PathRulesOfFoldersAndFiles) {
   TFolderLoc root = FolderAt(u"C:\\");
   x.Set(&root, &name);
   EXPECT_EQ(PathOf(x), "C:\\x");
-  struct Row {
-    const char16_t* path;
-    int isRoot;
-    int parentResult;
-    const char* parent;
-  } rows[] = {
-      {u"C:", 1, -1, ""},
-      {u"C:\\Data", 0, 0, "C:"},
-      {u"C:\\Data\\Sub", 0, 0, "C:\\Data"},
-      {u"\\\\srv\\share", 1, -1, ""},
-      {u"\\\\srv\\share\\x", 0, 0, "\\\\srv\\share"},
-      {u"Data", 0, -1, ""},
-      {u"", 0, -1, ""},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(Utf8(std::u16string(row.path)));
-    TFolderLoc f = FolderAt(row.path);
-    EXPECT_EQ(f.IsRoot(), row.isRoot);
+  for (const auto& row : ReadTsvKind("location_rules.tsv", "PARENT")) {
+    SCOPED_TRACE(row[0]);
+    TFolderLoc f = FolderAt(Utf16(row[0]).c_str());
+    EXPECT_EQ(f.IsRoot(), std::stoi(row[1]));
     TFolderLoc parent;
-    EXPECT_EQ(f.GetParent(&parent), row.parentResult);
-    EXPECT_EQ(PathOf(parent), row.parent);
+    EXPECT_EQ(f.GetParent(&parent), std::stoi(row[2]));
+    EXPECT_EQ(PathOf(parent), row[3]);
   }
   // Files: a trailing backslash on request, the parent of a bare name.
   TFileLoc f;
@@ -84,33 +72,13 @@ TEST_F(Locations, PathRulesOfFoldersAndFiles) {
 }
 
 TEST_F(Locations, SuffixRuleWithLongAndShortNameLimits) {
-  struct Row {
-    const char16_t* name;
-    int number, wholeBase, limit;
-    const char* out;  // null: no name fits
-  } rows[] = {
-      {u"Data", 1, 1, 255, "Data-1"},
-      {u"Data.v2.txt", 12, 1, 255, "Data.v2.txt-12"},
-      {u"Data.v2.txt", 3, 0, 255, "Data.v2-3.txt"},  // the last dot splits long names
-      {u"Data.v2.txt", 3, 0, 12, "Data-3.v2."},      // 8.3: the first dot, extension of 4
-      {u"LONGNAME.TXT", 1, 0, 12, "LONGNA-1.TXT"},   // the base gives way
-      {u"AB.TXT", 1, 0, 12, "AB-1.TXT"},
-      {u"Abcdefgh", 10, 1, 9, "Abcdef-10"},
-      {u"A.TEXT", 1, 0, 4, nullptr},  // even the cut name is too long
-      {u"Name", 1, 1, 1, nullptr},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(Utf8(std::u16string(row.name)));
-    TString in(row.name), out(u"unchanged");
-    const int r =
-        quarnel_internal::AddSuffix(&out, &in, u'-', row.number, row.wholeBase, row.limit);
-    if (row.out) {
-      EXPECT_EQ(r, 0);
-      EXPECT_EQ(Utf8(out), row.out);
-    } else {
-      EXPECT_EQ(r, -1);
-      EXPECT_EQ(Utf8(out), "unchanged");
-    }
+  for (const auto& row : ReadTsvKind("location_rules.tsv", "SUFFIX")) {
+    SCOPED_TRACE(row[0]);
+    TString in(Utf16(row[0]).c_str()), out(u"unchanged");
+    const int r = quarnel_internal::AddSuffix(&out, &in, u'-', std::stoi(row[1]), std::stoi(row[2]),
+                                              std::stoi(row[3]));
+    EXPECT_EQ(r, row[4] == "-" ? -1 : 0);
+    EXPECT_EQ(Utf8(out), row[4] == "-" ? "unchanged" : row[4]);
   }
 }
 

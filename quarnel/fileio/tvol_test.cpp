@@ -14,7 +14,9 @@
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/volapi.h"
 #include "tests/support/drive_fixture.h"
+#include "tests/support/helpers.h"
 #include "tests/support/platform_cases.h"
+#include "tests/support/tsv_kind.h"
 
 namespace {
 
@@ -40,41 +42,14 @@ using Volumes = DriveTest;
 }  // namespace
 
 TEST_F(Volumes, SetFollowsTheNameRulesQuirksIncluded) {
-  struct Row {
-    const char16_t* path;
-    int result;
-    const char* after;  // the path of a volume that was empty before
-    unsigned level;     // the line logged, if any
-    const char* log;
-  } rows[] = {
-      {u"C:", 0, "C:\\", 0, nullptr},
-      {u"C:\\Data\\File", 0, "C:\\", 0, nullptr},
-      {u"c:\\", 0, "c:\\", 0, nullptr},
-      {u"C:Data", 0, "\\", 0, nullptr},  // other drive forms keep the old path, backslash added
-      {u"C:/x", 0, "\\", 0, nullptr},
-      {u"\\\\srv\\share", 0, "\\\\srv\\share\\", 0, nullptr},
-      {u"\\\\srv\\share\\dir\\x", 0, "\\\\srv\\share\\", 0, nullptr},
-      {u"\\\\srv\\share\\", 0, "\\", 0, nullptr},
-      {u"\\\\srv\\", 0, "\\", 0, nullptr},
-      {u"\\\\srv", kErrDeviceNotPresent, "", 515, "TVol::Set: no volume name"},
-      {u"\\\\\\share", kErrDeviceNotPresent, "", 515, "TVol::Set: no volume name"},
-      {u"\\x", kErrDeviceNotPresent, "", 0, nullptr},
-      {u"data", kErrDeviceNotPresent, "", 517, "TVol::Set: not a drive letter nor UNC name"},
-      {u"", kErrDeviceNotPresent, "", 517, "TVol::Set: not a drive letter nor UNC name"},
-      {u"1:\\", kErrDeviceNotPresent, "", 517, "TVol::Set: not a drive letter nor UNC name"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(Utf8(std::u16string(row.path)));
+  for (const auto& row : ReadTsvKind("volume_names.tsv", "SET")) {
+    SCOPED_TRACE(row[0]);
     ClearRecords();
     TVol v;
-    TString p(row.path);
-    EXPECT_EQ(v.Set(&p, 1), row.result);
-    EXPECT_EQ(Utf8(v.Path()), row.after);
-    if (row.log) {
-      EXPECT_EQ(LoggedLines(), (std::vector<LogLine>{{row.level, "", row.log}}));
-    } else {
-      EXPECT_TRUE(LoggedLines().empty());
-    }
+    TString p(Utf16(row[0]).c_str());
+    EXPECT_EQ(v.Set(&p, 1), row[1] == "nodev" ? kErrDeviceNotPresent : 0);
+    EXPECT_EQ(Utf8(v.Path()), row[2]);
+    EXPECT_EQ(RecordingTest::Logged(), row[3].empty() ? "" : row[3] + "\n");
   }
   EXPECT_EQ(Utf8(VolAt(u"data", 0).Path()), "data\\");
   EXPECT_EQ(Utf8(VolAt(u"", 0).Path()), "\\");
@@ -94,29 +69,13 @@ TEST_F(Volumes, SetFollowsTheNameRulesQuirksIncluded) {
 }
 
 TEST_F(Volumes, IsValidAcceptsVolumeForms) {
-  struct Row {
-    const char16_t* path;
-    int loose, strict;
-  } rows[] = {
-      {u"C:\\", 1, 1},
-      {u"C:", 1, 1},
-      {u"C:\\Data", 1, 0},
-      {u"C:Data", 0, 0},
-      {u"\\\\srv\\share", 1, 1},
-      {u"\\\\srv\\share\\", 1, 1},
-      {u"\\\\srv\\share\\x", 0, 0},
-      {u"\\\\srv\\", 0, 0},
-      {u"\\\\\\share\\", 0, 0},
-      {u"\\", 0, 0},
-      {u"", 0, 0},
-      {u"C", 0, 0},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(Utf8(std::u16string(row.path)));
-    const TVol v = Exact(row.path);
-    ASSERT_EQ(Utf8(v.Path()), Utf8(std::u16string(row.path)));
-    EXPECT_EQ(v.IsValid(0, 0), row.loose);
-    EXPECT_EQ(v.IsValid(0, 1), row.strict);
+  for (const auto& row : ReadTsvKind("volume_names.tsv", "VALID")) {
+    SCOPED_TRACE(row[0]);
+    const std::u16string path = Utf16(row[0]);
+    const TVol v = Exact(path.c_str());
+    ASSERT_EQ(Utf8(v.Path()), row[0]);
+    EXPECT_EQ(v.IsValid(0, 0), std::stoi(row[1]));
+    EXPECT_EQ(v.IsValid(0, 1), std::stoi(row[2]));
   }
   EXPECT_EQ(VolAt(u"C:\\").IsValid(1), 1);  // a readable serial
   EXPECT_EQ(VolAt(u"Q:\\").IsValid(1), 0);  // an unmapped drive has none

@@ -157,82 +157,16 @@ Bytes Ramp(int n) {
   return b;
 }
 
-// Format, record, the record after the call and the bytes the call went
-// over. Counters read from the record are written for a little-endian
-// machine.
+// The case file holds one command string a row, and what it does to a record.
 TEST(ChangeEndian, Commands) {
   if (SwapUint16(1) == 1) GTEST_SKIP() << "the rows hold little-endian counters";
-  struct Row {
-    const char* format;
-    Bytes in, out;
-    int consumed;
-  };
-  const Bytes counted = {3, 0, 0, 0, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-  const Bytes countedSwapped = {0, 0, 0, 3, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12};
-  const std::vector<Row> rows = {
-      {"", Ramp(4), Ramp(4), 0},
-      {"w", Ramp(4), {1, 0, 2, 3}, 2},
-      {"W", Ramp(4), {1, 0, 2, 3}, 2},
-      {"2w", Ramp(4), {1, 0, 3, 2}, 4},
-      {"l", Ramp(8), {3, 2, 1, 0, 4, 5, 6, 7}, 4},
-      {"2l", Ramp(8), {3, 2, 1, 0, 7, 6, 5, 4}, 8},
-      {"v", Ramp(8), {7, 6, 5, 4, 3, 2, 1, 0}, 8},
-      {"b", Ramp(4), Ramp(4), 1},
-      {"3bw", Ramp(6), {0, 1, 2, 4, 3, 5}, 5},
-      // After an item command the count is 1 again.
-      {"2ww", Ramp(6), {1, 0, 3, 2, 5, 4}, 6},
-      {"2bw", Ramp(4), {0, 1, 3, 2}, 4},
-      {"12bw", Ramp(14), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 13, 12}, 14},
-      // A length-prefixed string: the length byte and that many bytes.
-      {"sw", {3, 'a', 'b', 'c', 1, 2}, {3, 'a', 'b', 'c', 2, 1}, 6},
-      {"sw", {0, 1, 2}, {0, 2, 1}, 3},
-      {"5sw", {0, 1, 2}, {0, 2, 1}, 3},
-      // Any other character empties the count: the blank makes "w" swap nothing.
-      {"2l w", Ramp(10), {3, 2, 1, 0, 7, 6, 5, 4, 8, 9}, 8},
-      {"xl", Ramp(4), Ramp(4), 0},
-      {"Ab", Ramp(4), Ramp(4), 0},
-      {"0v", Ramp(8), Ramp(8), 0},
-      {"2x3w", Ramp(6), {1, 0, 3, 2, 5, 4}, 6},
-      // R reads its counter before the swap (this machine's record), r after
-      // it (a foreign record); n goes back to f while the counter lasts.
-      {"4Rf1ln", counted, countedSwapped, 16},
-      {"4rf1ln", countedSwapped, counted, 16},
-      // A 16-bit and a 1-byte counter; R keeps the count, so the first "w" of
-      // the loop swaps two words. A count of 3 is neither 4 nor 2: one byte.
-      {"2Rfwn", {2, 0, 1, 2, 3, 4, 5, 6}, {0, 2, 2, 1, 4, 3, 6, 5}, 8},
-      {"1Rfwn", {2, 1, 2, 3, 4}, {2, 2, 1, 4, 3}, 5},
-      {"3Rf1wn", {1, 7, 8}, {1, 8, 7}, 3},
-      // C remembers the value as read, K after the swap; k makes it the count;
-      // C keeps the count. The remembered value starts at 0; a 1-byte value
-      // is not swapped but remembered.
-      {"4Ckw", {3, 0, 0, 0, 4, 5, 6, 7, 8, 9}, {0, 0, 0, 3, 5, 4, 7, 6, 9, 8}, 10},
-      {"4Kkw", {0, 0, 0, 3, 4, 5, 6, 7, 8, 9}, {3, 0, 0, 0, 5, 4, 7, 6, 9, 8}, 10},
-      {"2CC", Ramp(4), {1, 0, 3, 2}, 4},
-      {"kw", Ramp(4), Ramp(4), 0},
-      {"Ckw", {2, 0, 1, 2, 3}, {2, 1, 0, 3, 2}, 5},
-      // n without f goes back to the start: each pass re-reads a counter (2,
-      // then 1). A counter of 1 falls through at once. A later f moves the
-      // loop start. The count set before f applies to the first pass only.
-      {"1rwn", {2, 10, 11, 1, 12, 13}, {2, 11, 10, 1, 13, 12}, 6},
-      {"1Rfwn", {1, 5, 6, 7}, {1, 6, 5, 7}, 3},
-      {"1Rfbfwn", {2, 0, 1, 2, 3, 4}, {2, 0, 2, 1, 4, 3}, 6},
-      {"1R2fwn", {3, 0, 1, 2, 3, 4, 5, 6, 7}, {3, 1, 0, 3, 2, 5, 4, 7, 6}, 9},
-      {"1Rf2bwnw", {2, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, {2, 0, 1, 3, 2, 4, 5, 7, 6, 9, 8}, 11},
-      // Decrementing a counter of 0 wraps it: 2^32 - 1 more passes of a loop
-      // that touches nothing. The loop ends with the count its passes left.
-      {"fn", Ramp(4), Ramp(4), 0},
-      {"n", Ramp(4), Ramp(4), 0},
-      {"f0wxn2b", Ramp(4), Ramp(4), 2},
-      {"1Rf0lnw", Ramp(4), {0, 2, 1, 3}, 3},
-      // Two n after one f never end as written (the second always meets a
-      // counter of 0); they end here, with the count the loop set.
-      {"f2nnw", Ramp(4), {1, 0, 3, 2}, 4}};
-  for (const Row& r : rows) {
-    SCOPED_TRACE(std::string("format \"") + r.format + "\"");
-    Bytes b = r.in;
-    auto* end = static_cast<unsigned char*>(ChangeEndian(b.data(), r.format));
-    EXPECT_EQ(end - b.data(), r.consumed);
-    EXPECT_EQ(b, r.out);
+  for (const auto& r : ReadTsv("changeendian.tsv")) {
+    SCOPED_TRACE("format \"" + r[0] + "\"");
+    const std::string in = Unhex(r[1]);
+    Bytes b(in.begin(), in.end());
+    auto* end = static_cast<unsigned char*>(ChangeEndian(b.data(), r[0].c_str()));
+    EXPECT_EQ(end - b.data(), std::stoi(r[3]));
+    EXPECT_EQ(Hex(std::string(b.begin(), b.end())), r[2]);
   }
 
   // % takes the counts given in order; beyond them it takes 0; in a loop

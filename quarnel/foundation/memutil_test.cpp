@@ -300,31 +300,11 @@ UMEMORYSTATUS Status(std::size_t total, std::size_t avail) {
 
 TEST_F(MemTest, MemAvailBudgets) {
   constexpr std::size_t kMB = 1 << 20;
-  struct Row {
-    const char* name;
-    std::size_t total, avail;
-    short kind;
-    int percent;
-    unsigned expected;
-  };
-  const Row rows[] = {
-      {"nothing asked", 1024 * kMB, 256 * kMB, 0, 0, 0},
-      // (1 GB - 16 MB) / 100 / 2 * 100
-      {"kind 0: total less 16 MB", 1024 * kMB, 256 * kMB, 0, 100, 528482300},
-      {"kind 0: available above total less 16 MB", 32 * kMB, 30 * kMB, 0, 100, 15728600},
-      {"kind 0: less than 16 MB", 8 * kMB, 4 * kMB, 0, 100, 2097100},
-      {"kind below 0 as kind 0", 8 * kMB, 4 * kMB, -3, 50, 1048550},
-      {"kind 2: total / 100", 512 * kMB, 1 * kMB, 2, 100, 536870900},
-      {"kind 2: capped", 64 * 1024 * kMB, 1 * kMB, 2, 100, 1073741800},
-      {"kind 1: capped, 32 MB held", 2048 * kMB, 1 * kMB, 1, 10, 107374180},
-      // 64 GB reads as 4 GB - 1: (0xFFFFFFFF - 16 MB) / 100 / 2 * 100
-      {"kind 0: 32-bit figures", 64 * 1024 * kMB, 1 * kMB, 0, 100, 2139095000},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.name);
-    const UMEMORYSTATUS s = Status(r.total, r.avail);
+  for (const auto& r : ReadTsv("memavail.tsv")) {
+    SCOPED_TRACE(r[0]);
+    const UMEMORYSTATUS s = Status(std::stoul(r[1]) * kMB, std::stoul(r[2]) * kMB);
     USetGlobalMemoryStatusOverride(&s);
-    EXPECT_EQ(MemAvail(r.kind, r.percent), r.expected);
+    EXPECT_EQ(MemAvail(static_cast<short>(std::stoi(r[3])), std::stoi(r[4])), std::stoul(r[5]));
   }
   EXPECT_EQ(Asserted(), "");
 

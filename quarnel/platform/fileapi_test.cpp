@@ -19,6 +19,7 @@
 #include "quarnel/platform/testchild.h"
 #include "tests/support/drive_fixture.h"
 #include "tests/support/helpers.h"
+#include "tests/support/path_text.h"
 #include "tests/support/platform_cases.h"
 
 namespace {
@@ -48,26 +49,9 @@ unsigned OpenError(const std::u16string& path, unsigned access, unsigned disposi
   return 0;
 }
 
-// Expands {c*N} (N copies of c) and {#hh} (the unit hh) in a path of a table.
-std::u16string Expand(const std::string& s) {
-  std::string out;
-  for (std::size_t i = 0; i < s.size(); ++i) {
-    const std::size_t end = s.find('}', i);
-    if (s[i] != '{' || end == std::string::npos) {
-      out += s[i];
-      continue;
-    }
-    const std::string in = s.substr(i + 1, end - i - 1);
-    out += in[0] == '#' ? std::string(1, static_cast<char>(std::stoi(in.substr(1), nullptr, 16)))
-                        : std::string(std::stoul(in.substr(2)), in[0]);
-    i = end;
-  }
-  return W(out);
-}
-
 // The error a row of file_errors.tsv leaves.
 unsigned ErrorOfRow(const std::vector<std::string>& r) {
-  const std::u16string p = Expand(r[3]), q = r.size() > 4 ? Expand(r[4]) : u"";
+  const std::u16string p = ExpandPath(r[3]), q = r.size() > 4 ? ExpandPath(r[4]) : u"";
   const std::string& call = r[2];
   if (call == "open") {
     std::istringstream words(r[4]);
@@ -102,7 +86,7 @@ TEST_F(FileApi, FailingCallsGiveWindowsErrorNumbers) {
   ASSERT_TRUE(USetFileAttributes(u"C:\\ro.txt", kFileAttributeReadOnly));
   MakeHostFolder(Host(u"C:\\exists"));
   MakeHostFolder(Host(u"C:\\full\\inner"));
-  MakeHostFolder(Host(Expand("C:\\{d*50}\\{d*100}\\{d*150}")));
+  MakeHostFolder(Host(ExpandPath("C:\\{d*50}\\{d*100}\\{d*150}")));
   // The rows where Wine does not answer as Windows does.
   const std::map<std::string, const char*> wineDiffers = {
       {": in name (create)",
@@ -413,23 +397,6 @@ TEST_F(FileApi, CopyAndMoveKeepContentAndAttributes) {
 }
 
 TEST_F(FileApi, TemporaryNamesAreMadeAsWindowsMakesThem) {
-  // Recorded answers, with Windows' upper-case hexadecimal digits and ".TMP".
-  struct Row {
-    const char16_t* prefix;
-    unsigned unique, ret;
-    const char16_t* name;
-  } rows[] = {
-      {u"", 0x1234, 0x1234, u"1234.TMP"},
-      {u"q", 0x1234, 0x1234, u"q1234.TMP"},
-      {u"qnl", 0x1234, 0x1234, u"qnl1234.TMP"},
-      {u"quarnel", 0x1234, 0x1234, u"qua1234.TMP"},
-      {u"abc", 0xABCD, 0xABCD, u"abcABCD.TMP"},
-      {u"abc", 0x12345, 0x2345, u"abc2345.TMP"},
-      {u"abc", 0xFFFF, 0xFFFF, u"abcFFFF.TMP"},
-      {u"abc", 1, 1, u"abc1.TMP"},
-      {u"a.b", 0x1234, 0x1234, u"a.b1234.TMP"},
-      {u"\u00e9\u00e8x", 0x1234, 0x1234, u"\u00e9\u00e8x1234.TMP"},
-  };
   // Under Wine the names compare ignoring case.
   const bool lower = WineDiffers("Wine writes temporary names in lower case");
   auto named = [lower](std::string name) {
@@ -439,10 +406,12 @@ TEST_F(FileApi, TemporaryNamesAreMadeAsWindowsMakesThem) {
     return name;
   };
   char16_t out[kMaxPath];
-  for (const Row& row : rows) {
-    SCOPED_TRACE(Utf8(row.name));
-    EXPECT_EQ(UGetTempFileName(u"C:\\Temp", row.prefix, row.unique, out), row.ret);
-    EXPECT_EQ(named(Utf8(out)), named("C:\\Temp\\" + Utf8(row.name)));
+  for (const auto& row : ReadTsv("temp_names.tsv")) {
+    SCOPED_TRACE(row[3]);
+    const std::u16string prefix = Utf16(row[0]);
+    EXPECT_EQ(UGetTempFileName(u"C:\\Temp", prefix.c_str(), std::stoul(row[1], nullptr, 16), out),
+              std::stoul(row[2], nullptr, 16));
+    EXPECT_EQ(named(Utf8(out)), named("C:\\Temp\\" + row[3]));
     EXPECT_EQ(UGetFileAttributes(out), kInvalidFileAttributes);  // not created
   }
   // Unique 0 creates the file, each time a new one.

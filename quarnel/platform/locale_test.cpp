@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iterator>
-#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -16,7 +15,9 @@
 #include "quarnel/platform/env.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/text/tstring.h"
+#include "tests/support/env_vars.h"
 #include "tests/support/helpers.h"
+#include "tests/support/tsv_kind.h"
 
 namespace {
 
@@ -55,33 +56,17 @@ std::vector<InfoRow> LoadInfoRows() {
   return rows;
 }
 
-// Saves and clears the locale variables and the record's lcid; restores them.
+// Clears the locale variables and the record's lcid; puts them back after.
 class LocaleEnvTest : public RecordingTest {
  protected:
   void SetUp() override {
     RecordingTest::SetUp();
-    for (const char* var : kVars) {
-      const char* v = std::getenv(var);
-      saved_.push_back(v ? std::optional<std::string>(v) : std::nullopt);
-      unsetenv(var);
-    }
-    savedLcid_ = QuarnelEnv()->lcid;
-    QuarnelEnv()->lcid = 0;
-  }
-  void TearDown() override {
-    for (std::size_t i = 0; i < std::size(kVars); ++i) {
-      if (saved_[i]) {
-        setenv(kVars[i], saved_[i]->c_str(), 1);
-      } else {
-        unsetenv(kVars[i]);
-      }
-    }
-    QuarnelEnv()->lcid = savedLcid_;
-    RecordingTest::TearDown();
+    for (const char* var : kVars) vars_.Set(var, nullptr);
+    env_->lcid = 0;
   }
   static constexpr const char* kVars[] = {"LC_ALL", "LC_COLLATE", "LC_CTYPE", "LANG"};
-  std::vector<std::optional<std::string>> saved_;
-  unsigned savedLcid_ = 0;
+  ScopedEnvVars vars_;
+  ScopedEnv env_;
 };
 
 TEST(LocaleInfo, AgreesWithWindowsForEveryItemAndLocale) {
@@ -125,74 +110,48 @@ TEST(LocaleInfo, AgreesWithWindowsForEveryItemAndLocale) {
   }
 }
 
+unsigned HexOf(const std::string& s) { return static_cast<unsigned>(std::stoul(s, nullptr, 16)); }
+
 TEST(LocaleInfo, RefusesUnknownLocalesItemsAndBadBuffers) {
-  struct Row {
-    const char* what;
-    unsigned lcid;
-    unsigned lctype;
-    bool nullBuffer;
-    int len;
-    unsigned error;
-  } const rows[] = {
-      {"it-IT has no table", 0x0410, kLocaleSDecimal, false, 16, 87},
-      {"neutral German", 0x0007, kLocaleSDecimal, false, 16, 87},
-      {"de-DE with a sort id", 0x10407, kLocaleSDecimal, false, 16, 87},
-      {"unknown item", 0x0409, 0x1234, false, 16, 87},
-      {"item between known ones", 0x0409, 0x24, false, 16, 87},
-      {"negative length", 0x0409, kLocaleSDecimal, false, -1, 87},
-      {"null buffer with a length", 0x0409, kLocaleSDecimal, true, 16, 87},
-      {"number of a text item", 0x0409, kLocaleSDecimal | unsigned{kLocaleReturnNumber}, false, 16,
-       1004},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.what);
+  for (const auto& r : ReadTsvKind("locale_cases.tsv", "BAD")) {
+    SCOPED_TRACE(r[0]);
+    const unsigned lcid = HexOf(r[1]), lctype = HexOf(r[2]), error = std::stoul(r[5]);
+    const bool nullBuffer = r[3] == "1";
+    const int len = std::stoi(r[4]);
     // Windows knows every locale and more items than the tables of the
     // Linux build hold, and answers an unknown item with 1004.
-    if (kOnWindows && (r.error == 87 && r.len == 16 && !r.nullBuffer)) continue;
+    if (kOnWindows && error == 87 && len == 16 && !nullBuffer) continue;
     char16_t wbuf[16];
     char abuf[16];
     USetLastError(0);
-    EXPECT_EQ(UGetLocaleInfoW(r.lcid, r.lctype, r.nullBuffer ? nullptr : wbuf, r.len), 0);
-    EXPECT_EQ(UGetLastError(), r.error);
+    EXPECT_EQ(UGetLocaleInfoW(lcid, lctype, nullBuffer ? nullptr : wbuf, len), 0);
+    EXPECT_EQ(UGetLastError(), error);
     USetLastError(0);
-    EXPECT_EQ(UGetLocaleInfoA(r.lcid, r.lctype, r.nullBuffer ? nullptr : abuf, r.len), 0);
-    EXPECT_EQ(UGetLastError(), r.error);
+    EXPECT_EQ(UGetLocaleInfoA(lcid, lctype, nullBuffer ? nullptr : abuf, len), 0);
+    EXPECT_EQ(UGetLastError(), error);
   }
 }
 
 TEST(LocaleInfo, ReturnsNumbersOfNumericItems) {
-  struct Row {
-    unsigned lcid;
-    unsigned lctype;
-    unsigned value;
-  } const rows[] = {
-      {0x0409, kLocaleIDefaultAnsiCodePage, 1252},
-      {0x0411, kLocaleIDefaultAnsiCodePage, 932},
-      {0x0409, kLocaleIDefaultCodePage, 437},
-      {0x0409, kLocaleIDefaultMacCodePage, 10000},
-      {0x0809, kLocaleIDate, 1},
-      {0x0407, kLocaleITime, 1},
-      {0x0409, kLocaleITime, 0},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(testing::Message() << std::hex << r.lcid << " " << r.lctype);
+  for (const auto& r : ReadTsvKind("locale_cases.tsv", "NUM")) {
+    SCOPED_TRACE(r[0] + " " + r[1]);
+    const unsigned lcid = HexOf(r[0]), lctype = HexOf(r[1]), value = std::stoul(r[2]);
     char16_t text[16];
-    ASSERT_GT(UGetLocaleInfoW(r.lcid, r.lctype, text, 16), 0);
-    EXPECT_EQ(std::stoul(Utf8(std::u16string(text))), r.value);  // the table agrees
+    ASSERT_GT(UGetLocaleInfoW(lcid, lctype, text, 16), 0);
+    EXPECT_EQ(std::stoul(Utf8(std::u16string(text))), value);  // the table agrees
 
     unsigned w = 0;
-    EXPECT_EQ(UGetLocaleInfoW(r.lcid, r.lctype | kLocaleReturnNumber, nullptr, 0), 2);
+    EXPECT_EQ(UGetLocaleInfoW(lcid, lctype | kLocaleReturnNumber, nullptr, 0), 2);
     EXPECT_EQ(
-        UGetLocaleInfoW(r.lcid, r.lctype | kLocaleReturnNumber, reinterpret_cast<char16_t*>(&w), 2),
-        2);
-    EXPECT_EQ(w, r.value);
+        UGetLocaleInfoW(lcid, lctype | kLocaleReturnNumber, reinterpret_cast<char16_t*>(&w), 2), 2);
+    EXPECT_EQ(w, value);
     unsigned a = 0;
-    EXPECT_EQ(
-        UGetLocaleInfoA(r.lcid, r.lctype | kLocaleReturnNumber, reinterpret_cast<char*>(&a), 4), 4);
-    EXPECT_EQ(a, r.value);
+    EXPECT_EQ(UGetLocaleInfoA(lcid, lctype | kLocaleReturnNumber, reinterpret_cast<char*>(&a), 4),
+              4);
+    EXPECT_EQ(a, value);
     USetLastError(0);
-    EXPECT_EQ(
-        UGetLocaleInfoA(r.lcid, r.lctype | kLocaleReturnNumber, reinterpret_cast<char*>(&a), 3), 0);
+    EXPECT_EQ(UGetLocaleInfoA(lcid, lctype | kLocaleReturnNumber, reinterpret_cast<char*>(&a), 3),
+              0);
     EXPECT_EQ(UGetLastError(), 122u);
   }
 }

@@ -2,59 +2,24 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/path_text.h"
 #include "tests/support/recording_hooks.h"
+#include "tests/support/tsv_kind.h"
 
 using namespace quarnel_internal;
 
 TEST(WinPath, ParsesAndNormalisesAsWindowsDoes) {
   const std::u16string cur = u"C:\\Cur\\Dir";
-  const std::u16string longPath = u"C:\\" + std::u16string(256, u'n');
-  struct Row {
-    const char16_t* in;
-    const char16_t* out;  // null: fails with `err`
-    unsigned err;
-  } rows[] = {
-      {u"C:\\a\\..\\..\\..\\b", u"C:\\b", 0},  // ".." at the root stays there
-      {u"C:\\a\\.\\b\\", u"C:\\a\\b\\", 0},
-      {u"c:/x//y", u"C:\\x\\y", 0},
-      {u"C:\\abc. .", u"C:\\abc", 0},  // trailing dots and blanks go
-      {u"C:", u"C:\\Cur\\Dir", 0},     // drive-relative: the current folder on C:
-      {u"C:x", u"C:\\Cur\\Dir\\x", 0},
-      {u"D:x", u"D:\\x", 0},
-      {u"x\\y", u"C:\\Cur\\Dir\\x\\y", 0},
-      {u"..\\..\\..\\z", u"C:\\z", 0},
-      {u"\\x", u"C:\\x", 0},
-      {u"\\\\srv\\share\\..\\x", u"\\\\srv\\share\\x", 0},
-      {u"\\\\?\\C:\\a\\b", u"C:\\a\\b", 0},
-      {u"\\\\?\\UNC\\srv\\share\\a", u"\\\\srv\\share\\a", 0},
-      {u"\\\\?\\C:", u"C:\\", 0},
-      {u"\\\\.\\C:", u"\\\\.\\C:", 0},
-      {u"C:\\a:b", u"C:\\a:b", 0},  // a stream name on Windows; a plain name here
-      {u"", nullptr, 3},
-      {nullptr, nullptr, 87},
-      {u"\\\\srv", nullptr, 161},
-      {u"\\\\srv\\", nullptr, 161},
-      {u"\\\\?\\relative", nullptr, 161},
-      {u"C:\\a<b", nullptr, 123},
-      {u"C:\\a>b\\c", nullptr, 123},
-      {u"C:\\a\"b", nullptr, 123},
-      {u"C:\\a|b", nullptr, 123},
-      {u"C:\\a?b", nullptr, 123},
-      {u"C:\\a*b", nullptr, 123},
-      {u"C:\\a\x01"
-       u"b",
-       nullptr, 123},
-      {longPath.c_str(), nullptr, 206},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.in ? Utf8(row.in) : "(null)");
+  for (const auto& row : ReadTsvKind("winpath.tsv", "PARSE")) {
+    SCOPED_TRACE(row[0]);
+    const std::u16string in = ExpandPath(row[0]);
     WinPath p;
-    const unsigned err = ParseWinPath(row.in, cur, false, &p);
-    if (row.out == nullptr) {
-      EXPECT_EQ(err, row.err);
+    const unsigned err = ParseWinPath(row[0] == "(null)" ? nullptr : in.c_str(), cur, false, &p);
+    if (row[1] == "-") {
+      EXPECT_EQ(err, std::stoul(row[2]));
     } else {
       ASSERT_EQ(err, 0u);
-      EXPECT_EQ(Utf8(FormatWinPath(p, p.trailingSeparator)), Utf8(row.out));
+      EXPECT_EQ(Utf8(FormatWinPath(p, p.trailingSeparator)), row[1]);
     }
   }
   WinPath p;
@@ -72,28 +37,12 @@ TEST(WinPath, LongFormOfFileCallPaths) {
 }
 
 TEST(WinPath, ShortNamesAreMadeTheWindowsWay) {
-  struct Row {
-    const char16_t* name;
-    bool isShort;
-    const char16_t* alt1;
-  } rows[] = {
-      {u"a.txt", true, nullptr},
-      {u"README.TXT", true, nullptr},
-      {u"abcdefgh.ijk", true, nullptr},
-      {u"abcdefghi", false, u"ABCDEF~1"},
-      {u"Long File.text", false, u"LONGFI~1.TEX"},
-      {u"x.tar.gz", false, u"XTAR~1.GZ"},
-      {u".hidden", false, u"HIDDEN~1"},
-      {u"a+b=c.txt", false, u"A_B_C~1.TXT"},
-      {u"\u00e9t\u00e9 2024.doc", false, u"_T_202~1.DOC"},
-      {u"a.b.c", false, u"AB~1.C"},
-      {u"...", false, u"_~1"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(Utf8(row.name));
-    EXPECT_EQ(IsShortName(row.name), row.isShort);
-    if (row.alt1) {
-      EXPECT_EQ(Utf8(ShortNameFor(row.name, 1)), Utf8(row.alt1));
+  for (const auto& row : ReadTsvKind("winpath.tsv", "SHORT")) {
+    SCOPED_TRACE(row[0]);
+    const std::u16string name = Utf16(row[0]);
+    EXPECT_EQ(IsShortName(name), row[1] == "1");
+    if (row[1] != "1") {
+      EXPECT_EQ(Utf8(ShortNameFor(name, 1)), row[1]);
     }
   }
   EXPECT_EQ(Utf8(ShortNameFor(u"abcdefghi", 9)), "ABCDEF~9");

@@ -37,6 +37,13 @@ std::vector<std::vector<std::string>> RecordedRows(const std::string& kind) {
 std::uint64_t Hex64(const std::string& s) { return std::stoull(s, nullptr, 16); }
 unsigned Num(const std::string& s) { return static_cast<unsigned>(std::stoul(s)); }
 
+// The last error a recorded row names ("-": none recorded).
+void ExpectLastError(const std::string& recorded) {
+  if (recorded != "-") {
+    EXPECT_EQ(UGetLastError(), Num(recorded));
+  }
+}
+
 USYSTEMTIME Filled() {
   USYSTEMTIME st;
   st.wYear = st.wMonth = st.wDayOfWeek = st.wDay = kFill16;
@@ -98,9 +105,7 @@ TEST_F(WinTimeTest, FileTimeToSystemTimeAgreesWithRecordedRows) {
     USYSTEMTIME st = Filled();
     USetLastError(0);
     EXPECT_EQ(UFileTimeToSystemTime(&ft, &st), static_cast<int>(Num(c[3])));
-    if (c[4] != "-") {
-      EXPECT_EQ(UGetLastError(), Num(c[4]));
-    }
+    ExpectLastError(c[4]);
     EXPECT_EQ(Fields(st), Columns(c, 5));
   }
 }
@@ -126,9 +131,7 @@ TEST_F(WinTimeTest, SystemTimeToFileTimeAgreesWithRecordedRows) {
       continue;
     }
     EXPECT_EQ(ret, static_cast<int>(Num(c[10])));
-    if (c[11] != "-") {
-      EXPECT_EQ(UGetLastError(), Num(c[11]));
-    }
+    ExpectLastError(c[11]);
     EXPECT_EQ(UFileTimeTicks(ft), Hex64(c[12]));
   }
   EXPECT_EQ(windowsOnly, 3);
@@ -144,9 +147,7 @@ TEST_F(WinTimeTest, DosDateTimeToFileTimeAgreesWithRecordedRows) {
     EXPECT_EQ(UDosDateTimeToFileTime(static_cast<std::uint16_t>(Hex64(c[2])),
                                      static_cast<std::uint16_t>(Hex64(c[3])), &ft),
               static_cast<int>(Num(c[6])));
-    if (c[7] != "-") {
-      EXPECT_EQ(UGetLastError(), Num(c[7]));
-    }
+    ExpectLastError(c[7]);
     EXPECT_EQ(UFileTimeTicks(ft), Hex64(c[8]));
     if (c[9] != "-") {
       USYSTEMTIME st = Filled();
@@ -181,9 +182,7 @@ TEST_F(WinTimeTest, FileTimeToDosDateTimeAgreesWithRecordedRows) {
       continue;
     }
     EXPECT_EQ(ret, static_cast<int>(Num(c[3])));
-    if (c[4] != "-") {
-      EXPECT_EQ(UGetLastError(), Num(c[4]));
-    }
+    ExpectLastError(c[4]);
     EXPECT_EQ(date, Hex64(c[5]));
     EXPECT_EQ(time, Hex64(c[6]));
   }

@@ -46,10 +46,8 @@ TEST_F(DateFormatTest, RowsOfTheCaseFile) {
   const TInterval longer(1, 2, 3, 4, 500), shorter(0, 2, 3, 4, 999), negative(-1, -2, -3, -4, 0);
   const std::map<std::string, const TInterval*> intervals = {
       {"longer", &longer}, {"shorter", &shorter}, {"negative", &negative}, {"none", nullptr}};
-  int rows = 0;
   for (const auto& r : ReadTsv("datefmt.tsv")) {
     SCOPED_TRACE(r[0] + " " + r[1] + " " + r[2]);
-    ++rows;
     env_->lcid = r[0] == "O" ? static_cast<unsigned>(std::stoul(r[1], nullptr, 16)) : kLcidEnUs;
     if (r[0] == "O") {
       const TDate* date = dates.at(r[3]);
@@ -66,7 +64,6 @@ TEST_F(DateFormatTest, RowsOfTheCaseFile) {
       }
     }
   }
-  EXPECT_EQ(rows, 72);
   EXPECT_EQ(Asserted(), "");
   // Days are not grouped; the interval is normalised before printing.
   TInterval many(12345, 0, 0, 0, 0), loose;

@@ -85,10 +85,8 @@ class SprintfTest : public RecordingTest {
 };
 
 TEST_F(SprintfTest, RowsOfTheCaseFile) {
-  int rows = 0;
   for (const auto& f : ReadTsv("sprintf.tsv")) {
     SCOPED_TRACE(f[1]);
-    ++rows;
     env_->lcid = f[0] == "G" ? kLcidDeDe : kLcidEnUs;
     const std::u16string format = Utf16(f[1]);
     if (f[0] == "T") {
@@ -105,7 +103,6 @@ TEST_F(SprintfTest, RowsOfTheCaseFile) {
       EXPECT_EQ(Utf8(out), f[2]);
     }
   }
-  EXPECT_EQ(rows, 129);
   EXPECT_EQ(Asserted(), "");
 
   // Output beyond the longest string is cut there (here: inside the padding).

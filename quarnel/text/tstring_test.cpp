@@ -199,9 +199,7 @@ std::u16string Unescaped(std::string t) {
 }
 
 TEST_F(TStringTest, RowsOfTheCaseFile) {
-  const auto rows = ReadTsv("tstring.tsv");
-  ASSERT_EQ(rows.size(), 70u);
-  for (const auto& r : rows) {
+  for (const auto& r : ReadTsv("tstring.tsv")) {
     SCOPED_TRACE(r[0] + " " + r[1] + " " + r[2]);
     ClearRecords();
     TString s(Unescaped(r[1]).c_str());
@@ -507,43 +505,22 @@ TEST_F(TStringTest, ImportReadsRecordsAndRefusesBadOnes) {
   const std::vector<unsigned char> good = Record(source);
   const std::vector<unsigned char> foreign = Record(source, 1);
 
-  const auto patched = [&](std::size_t at, std::initializer_list<unsigned char> bytes) {
-    std::vector<unsigned char> r = good;
-    std::copy(bytes.begin(), bytes.end(), r.begin() + static_cast<long>(at));
-    return r;
-  };
-  struct Row {
-    const char* name;
-    std::vector<unsigned char> bytes;
-    int size;  // -1: all of them
-    int swap;
-    int result;
-  };
   const int full = static_cast<int>(good.size());
-  const Row rows[] = {
-      {"whole record", good, -1, 0, full},
-      {"whole record, swap allowed", good, -1, 1, full},
-      {"other byte order, swap allowed", foreign, -1, 1, full},
-      {"other byte order", foreign, -1, 0, kErrPersistOtherByteOrder},
-      {"below 24 bytes", good, 23, 0, kErrImportDataTooShort},
-      {"shorter than the record", good, full - 1, 0, kErrImportDataTooShort},
-      {"other type", patched(0, {0x2E, 0x65, 0x74, 0x44}), -1, 0, kErrPersistWrongSignature},
-      {"malformed signature", patched(0, {0, 0, 0, 0}), -1, 0, kErrPersistBadSignature},
-      {"too old", patched(4, {0x00, 0x01, 0xFF, 0x00}), -1, 0, kErrPersistTooOld},
-      {"too new", patched(4, {0x01, 0x01, 0x01, 0x01}), -1, 0, kErrPersistTooNew},
-      {"length beyond the data", patched(8, {0xFF, 0x00}), -1, 0, kErrImportDataTooShort},
-      {"length beyond any string", patched(8, {0x20, 0x4E}), 60000, 0, kErrInvalidData},
-      {"negative length", patched(8, {0xFF, 0xFF}), 60000, 0, kErrInvalidData},
+  const auto number = [&](const std::string& f) {
+    return f == "full" ? full : f == "full-1" ? full - 1 : std::stoi(f);
   };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.name);
-    std::vector<unsigned char> bytes = r.bytes;
-    if (r.size > full) bytes.resize(static_cast<std::size_t>(r.size), 0);
+  for (const auto& r : ReadTsv("tstring_import.tsv")) {
+    SCOPED_TRACE(r[0]);
+    std::vector<unsigned char> bytes = r[1] == "good" ? good : foreign;
+    const std::string patch = Unhex(r[3]);
+    std::copy(patch.begin(), patch.end(), bytes.begin() + std::stoi(r[2]));
+    const int size = number(r[4]);
+    if (size > full) bytes.resize(static_cast<std::size_t>(size), 0);
     Probe s(u"unchanged");
     s.SetStyle(5);
     s.SetExtra(6);
-    const int result = s.Import(bytes.data(), r.size < 0 ? full : r.size, r.swap);
-    EXPECT_EQ(result, r.result);
+    const int result = s.Import(bytes.data(), size, std::stoi(r[5]));
+    EXPECT_EQ(result, number(r[6]));
     const bool read = result > 0;
     EXPECT_EQ(Str(s), read ? u"persisted text" : u"unchanged");
     EXPECT_EQ(s.Style(), read ? 9 : 5);

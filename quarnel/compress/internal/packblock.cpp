@@ -52,6 +52,9 @@ PackOutcome PackInPlace(std::uint8_t* buf, unsigned n, unsigned magic, const Seg
       stored = static_cast<unsigned>(c);
     } else if (whole) {
       std::memmove(buf, buf + slack, n);
+      // A block shorter than the magic keeps the rest of the magic after its
+      // bytes; cleared, so that an unpacked block never reads as packed.
+      if (n < 4) std::memset(buf + n, 0, 4 - n);
       return {PackOutcome::kSmallBuffer, n + slack, false, 0};
     } else {
       std::memmove(buf + w, buf + r, static_cast<std::size_t>(len));

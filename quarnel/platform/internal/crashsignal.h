@@ -82,7 +82,8 @@ using UFatalProc = void (*)(const UFatalEvent& event);
 // the calling thread its stack. 1 on success, 0 when sigaction failed.
 int UInstallFatalSignalHandlers(UFatalProc proc);
 
-// Puts back the dispositions the handlers replaced. For tests.
+// Puts back the dispositions the handlers replaced. For tests, and for the
+// fuzz targets, whose crashing inputs libFuzzer's own handlers write.
 void URemoveFatalSignalHandlers();
 
 // Gives the calling thread an alternate signal stack when it has none (a
