@@ -3,6 +3,10 @@
 #   quarnel_sources(a.cpp b.cpp)   adds sources of the current folder to the library
 #   quarnel_test(name_test)        builds name_test.cpp into a test program and
 #                                  registers its cases with CTest
+#   quarnel_add_gtest(target)      registers a GoogleTest program with CTest:
+#                                  case by case on Linux; as one test per
+#                                  program on Windows, where every start of a
+#                                  program is a start of Wine
 
 set_property(GLOBAL PROPERTY QUARNEL_SOURCES "")
 set_property(GLOBAL PROPERTY QUARNEL_TESTS "")
@@ -11,6 +15,14 @@ function(quarnel_sources)
   foreach(src IN LISTS ARGN)
     set_property(GLOBAL APPEND PROPERTY QUARNEL_SOURCES "${CMAKE_CURRENT_SOURCE_DIR}/${src}")
   endforeach()
+endfunction()
+
+function(quarnel_add_gtest target)
+  if(WIN32)
+    add_test(NAME ${target} COMMAND ${target})
+  else()
+    gtest_discover_tests(${target} DISCOVERY_TIMEOUT 60)
+  endif()
 endfunction()
 
 function(quarnel_test name)
@@ -47,10 +59,18 @@ function(quarnel_assemble_library)
   endif()
   set(map ${PROJECT_BINARY_DIR}/quarnel.map)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/quarnel.map.in ${map} @ONLY)
-  target_link_options(quarnel PRIVATE -Wl,--version-script=${map})
-  set_target_properties(quarnel PROPERTIES
-    VERSION ${PROJECT_VERSION} SOVERSION ${soversion}
-    EXPORT_NAME quarnel LINK_DEPENDS ${map})
+  if(WIN32)
+    # libquarnel.dll: the linker exports the library's global symbols, none
+    # of the runtime libraries linked into it.
+    target_link_options(quarnel PRIVATE
+      -Wl,--exclude-libs=libgcc.a:libgcc_eh.a:libstdc++.a:libwinpthread.a:libmingwex.a)
+    set_target_properties(quarnel PROPERTIES VERSION ${PROJECT_VERSION} EXPORT_NAME quarnel)
+  else()
+    target_link_options(quarnel PRIVATE -Wl,--version-script=${map})
+    set_target_properties(quarnel PROPERTIES
+      VERSION ${PROJECT_VERSION} SOVERSION ${soversion}
+      EXPORT_NAME quarnel LINK_DEPENDS ${map})
+  endif()
   target_compile_features(quarnel PUBLIC cxx_std_20)
 
   add_library(quarnel_static STATIC $<TARGET_OBJECTS:quarnel_objects>)

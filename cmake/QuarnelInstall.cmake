@@ -8,11 +8,12 @@ install(TARGETS quarnel EXPORT quarnelTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
-# Public headers only: internal/ folders and the headers that only the
+# Public headers only: internal/ folders, the Windows platform folder and the headers that only the
 # library's own tests use stay behind.
 install(DIRECTORY quarnel/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarnel
   FILES_MATCHING PATTERN "*.h"
   PATTERN "internal" EXCLUDE
+  PATTERN "win32" EXCLUDE
   PATTERN "testdata.h" EXCLUDE
   PATTERN "compress_reference.h" EXCLUDE)
 

@@ -23,8 +23,17 @@
 #       gives the executable TARGET the script's resources as the host
 #       executable's own (exported from the executable, where the resource
 #       manager looks for them).
+#
+# On Windows both are real Win32 resources: qnrc writes a resource script
+# (NAME.rc) that the toolchain's resource compiler builds into the DLL
+# NAME.dll (NAME_unmapped.dll for the first link), or into the executable.
+# The symbol map is read from the DLL's own symbol table; the resources lie
+# behind the code there too.
 
-function(_quarnel_compile_resources prefix script depends out_cpp out_blob)
+# Runs qnrc on the script: the plain container PREFIX.qnrb and the source
+# that carries the resources (C++ on Linux, a resource script on Windows).
+
+function(_quarnel_compile_resources prefix script depends out_source out_blob)
   # An optional sixth argument names a linked module whose symbol map the
   # container gets.
   set(map_module "")
@@ -32,7 +41,13 @@ function(_quarnel_compile_resources prefix script depends out_cpp out_blob)
     set(map_module "${ARGV5}")
   endif()
   get_filename_component(abs_script ${script} ABSOLUTE)
-  set(cpp ${CMAKE_CURRENT_BINARY_DIR}/${prefix}_resources.cpp)
+  if(WIN32)
+    set(source ${CMAKE_CURRENT_BINARY_DIR}/${prefix}.rc)
+    set(flag -r)
+  else()
+    set(source ${CMAKE_CURRENT_BINARY_DIR}/${prefix}_resources.cpp)
+    set(flag -c)
+  endif()
   set(blob ${CMAKE_CURRENT_BINARY_DIR}/${prefix}.qnrb)
   set(abs_depends "")
   foreach(dep IN LISTS depends)
@@ -44,12 +59,12 @@ function(_quarnel_compile_resources prefix script depends out_cpp out_blob)
     set(map_args --symbols-from $<TARGET_FILE:${map_module}>)
     list(APPEND abs_depends ${map_module})
   endif()
-  add_custom_command(OUTPUT ${cpp} ${blob}
-    COMMAND qnrc ${abs_script} -o ${blob} -c ${cpp} ${map_args}
+  add_custom_command(OUTPUT ${source} ${blob}
+    COMMAND qnrc ${abs_script} -o ${blob} ${flag} ${source} ${map_args}
     DEPENDS qnrc ${abs_script} ${abs_depends}
     COMMENT "Compiling resources ${script}"
     VERBATIM)
-  set(${out_cpp} ${cpp} PARENT_SCOPE)
+  set(${out_source} ${source} PARENT_SCOPE)
   set(${out_blob} ${blob} PARENT_SCOPE)
 endfunction()
 
@@ -63,16 +78,24 @@ function(quarnel_resource_module name)
     add_library(${name}_code OBJECT ${QR_SOURCES})
     set(code $<TARGET_OBJECTS:${name}_code>)
   endif()
-  if(QR_NO_SYMBOL_MAP)
-    _quarnel_compile_resources(${name} ${QR_SCRIPT} "${QR_DEPENDS}" cpp blob)
+  if(WIN32)  # NAME.dll; a DLL without code of its own gets the start-up code
+    set(prefix "")
+    if(NOT QR_SOURCES)
+      set(code ${PROJECT_SOURCE_DIR}/cmake/resource_module.cpp)
+    endif()
   else()
-    _quarnel_compile_resources(${name}_unmapped ${QR_SCRIPT} "${QR_DEPENDS}" cpp0 blob0)
-    add_library(${name}_unmapped MODULE ${cpp0} ${code})
-    set_target_properties(${name}_unmapped PROPERTIES PREFIX "lib")
-    _quarnel_compile_resources(${name} ${QR_SCRIPT} "${QR_DEPENDS}" cpp blob ${name}_unmapped)
+    set(prefix "lib")
   endif()
-  add_library(${name} MODULE ${cpp} ${code})
-  set_target_properties(${name} PROPERTIES PREFIX "lib" QUARNEL_RESOURCE_BLOB ${blob})
+  if(QR_NO_SYMBOL_MAP)
+    _quarnel_compile_resources(${name} ${QR_SCRIPT} "${QR_DEPENDS}" source blob)
+  else()
+    _quarnel_compile_resources(${name}_unmapped ${QR_SCRIPT} "${QR_DEPENDS}" source0 blob0)
+    add_library(${name}_unmapped MODULE ${source0} ${code})
+    set_target_properties(${name}_unmapped PROPERTIES PREFIX "${prefix}")
+    _quarnel_compile_resources(${name} ${QR_SCRIPT} "${QR_DEPENDS}" source blob ${name}_unmapped)
+  endif()
+  add_library(${name} MODULE ${source} ${code})
+  set_target_properties(${name} PROPERTIES PREFIX "${prefix}" QUARNEL_RESOURCE_BLOB ${blob})
   if(NOT QR_NO_SYMBOL_MAP)
     add_custom_command(TARGET ${name} POST_BUILD
       COMMAND qnrc --check-symbols $<TARGET_FILE:${name}>
@@ -88,8 +111,16 @@ function(quarnel_host_resources target)
   if(NOT QR_SCRIPT)
     message(FATAL_ERROR "quarnel_host_resources(${target}): SCRIPT is required")
   endif()
-  _quarnel_compile_resources(${target}_host ${QR_SCRIPT} "${QR_DEPENDS}" cpp blob)
-  add_library(${target}_host_resources OBJECT ${cpp})
+  _quarnel_compile_resources(${target}_host ${QR_SCRIPT} "${QR_DEPENDS}" source blob)
+  if(WIN32)
+    # The script is made here; the executable may be declared elsewhere.
+    add_custom_target(${target}_host_rc DEPENDS ${source})
+    set_source_files_properties(${source} TARGET_DIRECTORY ${target} PROPERTIES GENERATED TRUE)
+    target_sources(${target} PRIVATE ${source})
+    add_dependencies(${target} ${target}_host_rc)
+    return()
+  endif()
+  add_library(${target}_host_resources OBJECT ${source})
   target_link_libraries(${target} PRIVATE ${target}_host_resources)
   target_link_options(${target} PRIVATE "LINKER:--export-dynamic-symbol=quarnel_resources")
 endfunction()

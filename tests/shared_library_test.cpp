@@ -80,6 +80,7 @@ TEST(SharedLibrary, AssertionsWriteTheCrashReport) {
   std::ifstream in(folder / "assert_log.utx", std::ios::binary);
   std::stringstream text;
   text << in.rdbuf();
+  in.close();  // Windows removes no file a stream holds open
   EXPECT_EQ(text.str().rfind("Vellomarch assertion and exception log\r\nEach report", 0), 0u);
   EXPECT_NE(text.str().find("Error info: Assertion failure at \"shared-12\""), std::string::npos);
   EXPECT_NE(text.str().find("\r\nException code: E0000000 ASSERTION\r\n"), std::string::npos);
@@ -94,7 +95,7 @@ TEST(SharedLibrary, ExportsFilesFoldersAndVolumes) {
                                      ("quarnel-shared-" + std::to_string(UGetTickCount()));
   std::filesystem::create_directory(root);
   const std::string saved = QuarnelGetDrive(u'Y');
-  ASSERT_EQ(QuarnelSetDrive(u'Y', root.c_str()), 1);
+  ASSERT_EQ(QuarnelSetDrive(u'Y', root.string().c_str()), 1);
   TFolderLoc folder;
   TString path(u"Y:\\Data");
   folder.SetPath(&path);

@@ -2,7 +2,9 @@
 # Builds and runs every test: the plain build, the AddressSanitizer +
 # UndefinedBehaviorSanitizer build, and the thread tests (every test whose
 # name contains "Thread") under ThreadSanitizer. Pass preset names to run
-# only some of them: tools/test.sh plain
+# only some of them: tools/test.sh plain. The win32 preset (not run unless
+# named: tools/test.sh win32) cross-builds for Windows and runs every test
+# program under Wine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -294,7 +294,9 @@ TEST_F(TDateTest, DosDatesConvertBothWaysWithinTheirRange) {
   EXPECT_EQ(TDate(1979, 12, 31, 23, 59, 59, 0).ToDosDateTime(&d, &t), 0);
   EXPECT_EQ(d, 0);
   EXPECT_EQ(t, 0);
-  EXPECT_EQ(TDate(2108, 1, 1, 0, 0, 0, 0).ToDosDateTime(&d, &t), 0);
+  if (!WineDiffers("FileTimeToDosDateTime wraps the years after 2107")) {
+    EXPECT_EQ(TDate(2108, 1, 1, 0, 0, 0, 0).ToDosDateTime(&d, &t), 0);
+  }
   EXPECT_EQ(TDate(2023, 7, 4, 10, 20, 33, 0).ToDosDateTime(&d, &t), 1);
   EXPECT_EQ(d, 0x56E4);
   EXPECT_EQ(t, 0x5290);

@@ -15,6 +15,7 @@
 #include "quarnel/platform/volapi.h"
 #include "tests/support/drive_fixture.h"
 #include "tests/support/helpers.h"
+#include "tests/support/platform_cases.h"
 #include "tests/support/tsv_kind.h"
 
 namespace {
@@ -82,6 +83,7 @@ TEST_F(Volumes, IsValidAcceptsVolumeForms) {
 }
 
 TEST_F(Volumes, InformationComesFromTheDriveFolder) {
+  QUARNEL_LINUX_ONLY("a mapped drive's label and serial are kept in its folder");
   SetVolumeIdentity('C', "Vello Data", 0x1234ABCD);
   const TVol c = VolAt(u"C:\\"), d = VolAt(u"D:\\");
   TString label, fs;
@@ -164,7 +166,9 @@ TEST_F(Volumes, FailuresAreMappedAndLogged) {
           {518, "", "TVol::GetInfo: UGetVolumeInformation failed, Q:\\, winerr 3, error -1101"},
           {518, "", "TVol::GetFlags: UGetVolumeInformation failed, C:\\, winerr 21, error -1104"},
           {518, "", "TVol::GetStats: UGetDiskFreeSpaceEx failed, C:\\, winerr 21, error -1104"}}));
-  // A drive whose folder has gone has no medium.
+  // A drive whose folder has gone has no medium (on Linux; an aliased letter
+  // on Windows answers for the volume holding its folder).
+  if (kOnWindows) return;
   QuarnelSetDrive(u'E', (HostOf('C') + "/gone").c_str());
   int empty = 0;
   EXPECT_EQ(VolAt(u"E:\\").IsEmpty(&empty), 0);
@@ -189,7 +193,10 @@ TEST_F(Volumes, MediaControlIsNotSupported) {
   EXPECT_EQ(c.Unlock(nullptr), 0);
   TString label(u"X");
   EXPECT_EQ(c.Format(nullptr, &label), kErrNotSupported);
-  EXPECT_EQ(c.Flush(), 0);
+  const bool flushes = !WineDiffers("Wine cannot flush a volume");
+  if (flushes) {
+    EXPECT_EQ(c.Flush(), 0);
+  }
   int state = 9;
   EXPECT_EQ(c.IsEjectable(&state, 0), 0);
   EXPECT_EQ(c.IsFloppy(&state), 0);
@@ -198,6 +205,7 @@ TEST_F(Volumes, MediaControlIsNotSupported) {
   EXPECT_EQ(state, 0);
   EXPECT_EQ(c.IsBusy(), 0);
   EXPECT_EQ(VolAt(u"Q:\\").Eject(), kErrDeviceNotPresent);
+  if (!flushes) return;
   EXPECT_EQ(
       LoggedLines(),
       (std::vector<LogLine>{
@@ -237,6 +245,7 @@ TEST_F(Volumes, PersistedFormAndEquality) {
 }
 
 TEST_F(Volumes, LocalVolumesAndSharesOnTheMap) {
+  QUARNEL_LINUX_ONLY("the drive map's letters, its Z: root and its shares");
   TLocalVolEnum walk;
   ASSERT_EQ(walk.StartEnum(), 0);
   std::vector<std::string> seen;

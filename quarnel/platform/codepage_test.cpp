@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -185,6 +186,10 @@ TEST_F(CodePageTest, LengthsSizeQueriesAndShortBuffers) {
               nb + 1);
     EXPECT_EQ(std::string(narrow, nb + 1), r.bytes + '\0');
     // One short: 0 and 122, and only whole characters written.
+    if (r.cp == kCpUtf8 &&
+        WineDiffers("MultiByteToWideChar(65001) fills a short buffer, half a pair too")) {
+      continue;
+    }
     std::fill(std::begin(wide), std::end(wide), u'#');
     USetLastError(0);
     EXPECT_EQ(UMultiByteToWideChar(r.cp, kMbPrecomposed, r.bytes.data(), nb, wide, nu - 1), 0);
@@ -247,8 +252,16 @@ TEST_F(CodePageTest, BadParametersAndFlags) {
        }},
       {1004, [&] { return UWideCharToMultiByte(kCp1252, 0x1, w, 2, narrow, 8, nullptr, nullptr); }},
   };
+  // Wine takes lengths below -1, flags the page does not have and a default
+  // character or used-default flag for UTF-8.
+  const std::set<std::size_t> wineTakes = {2, 6, 8, 9, 12, 15, 16, 17, 18};
   for (std::size_t i = 0; i < std::size(rows); ++i) {
     SCOPED_TRACE(i);
+    if (wineTakes.count(i) != 0 &&
+        WineDiffers("MultiByteToWideChar and WideCharToMultiByte take lengths below -1, flags "
+                    "the page does not have, and a default character for UTF-8")) {
+      continue;
+    }
     USetLastError(0);
     EXPECT_EQ(rows[i].call(), 0);
     EXPECT_EQ(UGetLastError(), rows[i].error);
@@ -265,6 +278,11 @@ TEST_F(CodePageTest, Utf8OfTheCaseFile) {
   ASSERT_EQ(rows.size(), 21u);
   for (const auto& r : rows) {
     SCOPED_TRACE(r[0] + " " + r[1]);
+    if ((r[1] == "E08080" || r[1] == "EDA080" || r[1] == "F4908080") &&
+        WineDiffers("MultiByteToWideChar(65001) gives one U+FFFD per byte of an overlong form, "
+                    "an encoded surrogate or a value above U+10FFFF")) {
+      continue;
+    }
     const bool valid = r[3] == "1";
     USetLastError(0);
     if (r[0] == "M") {
@@ -329,6 +347,10 @@ TEST_F(CodePageTest, Utf8RoundTripsRandomText) {
 TEST_F(CodePageTest, Cp932InvalidInput) {
   for (const auto& r : ReadTsvKind("codepage_cases.tsv", "932")) {
     SCOPED_TRACE(r[0]);
+    if (r[0] == "lead before a non-trail byte" &&
+        WineDiffers("MultiByteToWideChar(932) takes a lead byte and the next byte together")) {
+      continue;
+    }
     const std::string bytes = Unhex(r[1]);
     const bool valid = r[3] == "1";
     EXPECT_EQ(Hex16(ToWide(kCp932, bytes)), r[2]);
@@ -410,7 +432,7 @@ TEST_F(CodePageTest, CodePageInfoAgreesWithWindows) {
               leads + std::string(2, '\0'));
   }
   EXPECT_EQ(UGetCPInfo(kCp1252, nullptr), 0);
-  EXPECT_EQ(ToWide(65000, "Hi+AN8-"), u"Hi\u00DF");
+  EXPECT_EQ(ToWide(65000, "Hi+AN8-", 0), u"Hi\u00DF");  // UTF-7 takes no flags
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 // in (folders, memory, the application's name and version, the system, the
 // ANSI code page and the locale).
 //
-// The record is filled with Linux defaults on the first call of QuarnelEnv():
+// The record is filled with Linux defaults on the first call of QuarnelEnv()
+// (win32/env.cpp says what the Windows build fills in):
 //   userFolder     $HOME (else the password database's home folder)
 //   workFolder     the current folder at that moment
 //   appFolder      the folder of the running program (/proc/self/exe)
@@ -95,10 +96,12 @@ QUARNEL_API std::string QuarnelGetDrive(char16_t letter);
 QUARNEL_API void QuarnelSetUncRoot(const char* hostFolder);
 QUARNEL_API std::string QuarnelGetUncRoot();
 
+#if !defined(_WIN32)
 namespace quarnel_internal {
 // The code page a locale name's codeset implies: 65001 for "xx_YY.UTF-8",
 // "C.utf8" and the like, 1252 for anything else (empty, "C", "POSIX").
 unsigned AcpFromLocaleName(const char* name);
 }  // namespace quarnel_internal
+#endif
 
 #endif  // QUARNEL_PLATFORM_ENV_H_

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
+#include <fstream>
 #include <map>
 #include <random>
 #include <set>
@@ -18,6 +20,7 @@
 #include "tests/support/drive_fixture.h"
 #include "tests/support/helpers.h"
 #include "tests/support/path_text.h"
+#include "tests/support/platform_cases.h"
 
 namespace {
 
@@ -84,10 +87,21 @@ TEST_F(FileApi, FailingCallsGiveWindowsErrorNumbers) {
   MakeHostFolder(Host(u"C:\\exists"));
   MakeHostFolder(Host(u"C:\\full\\inner"));
   MakeHostFolder(Host(ExpandPath("C:\\{d*50}\\{d*100}\\{d*150}")));
+  // The rows where Wine does not answer as Windows does.
+  const std::map<std::string, const char*> wineDiffers = {
+      {": in name (create)",
+       "Wine makes a file named a:b where Windows makes the stream b of a file a"},
+      {"component over 255", "Wine answers 2 for a component over 255"},
+      {"read-only for writing", kWineRootWritesReadOnly},
+      {"CopyFile onto read-only", kWineRootWritesReadOnly},
+      {"unmapped drive", "Wine answers 2 for a drive it does not have"},
+  };
   const auto rows = ReadTsv("file_errors.tsv");
   ASSERT_EQ(rows.size(), 41u);
   for (const auto& row : rows) {
     SCOPED_TRACE(row[0]);
+    const auto wine = wineDiffers.find(row[0]);
+    if (wine != wineDiffers.end() && WineDiffers(wine->second)) continue;
     EXPECT_EQ(ErrorOfRow(row), std::stoul(row[1]));
   }
   EXPECT_EQ(UGetFileAttributes(u"C:\\ro.txt"), 0x21u);  // the copy left it as it was
@@ -198,8 +212,10 @@ TEST_F(FileApi, NamesMatchIgnoringCaseAndKeepTheCaseGiven) {
   EXPECT_EQ(ReadHost(Host(u"C:\\Data\\Sub\\Data.TXT")), "");
   // A rename to a new spelling of the same name renames in place.
   EXPECT_TRUE(UMoveFile(u"C:\\data\\sub\\data.txt", u"C:\\Data\\Sub\\DATA.txt"));
-  EXPECT_TRUE(HostExists(Host(u"C:\\Data\\Sub\\DATA.txt")));
-  EXPECT_FALSE(HostExists(Host(u"C:\\Data\\Sub\\Data.TXT")));
+  if (!WineDiffers("Wine keeps the old spelling of a name renamed to another case")) {
+    EXPECT_TRUE(HostExists(Host(u"C:\\Data\\Sub\\DATA.txt")));
+    EXPECT_FALSE(HostExists(Host(u"C:\\Data\\Sub\\Data.TXT")));
+  }
   // Names created behind the library's back are found too.
   WriteHost(Host(u"C:\\Data\\Sub\\Late.Bin"), "");
   EXPECT_NE(UGetFileAttributes(u"C:\\DATA\\SUB\\LATE.BIN"), kInvalidFileAttributes);
@@ -209,6 +225,8 @@ TEST_F(FileApi, FindMatchesWildcardsAndGivesShortNames) {
   MakeHostFolder(Host(u"C:\\find"));
   for (const char* n : {"a.txt", "ab.txt", "abc", "b.TXT", ".hidden", "x.tar.gz"})
     WriteHost(Host(u"C:\\find\\") + "/" + n, "");
+  const bool wine =
+      WineDiffers("Wine makes short names from a hash and takes a trailing dot as any extension");
   const auto rows = ReadTsv("find_patterns.tsv");
   ASSERT_EQ(rows.size(), 37u);
   for (const auto& f : rows) {
@@ -218,6 +236,7 @@ TEST_F(FileApi, FindMatchesWildcardsAndGivesShortNames) {
                 std::stoul(f[2], nullptr, 16));
       continue;
     }
+    if (wine && f[1].back() == '.') continue;
     UWIN32_FIND_DATAW d;
     const UHANDLE h = UFindFirstFile((u"C:\\find\\" + W(f[1])).c_str(), &d);
     std::vector<std::pair<std::string, std::string>> found;
@@ -237,20 +256,24 @@ TEST_F(FileApi, FindMatchesWildcardsAndGivesShortNames) {
     }
     EXPECT_EQ(std::to_string(found.size()), f[2]);
     EXPECT_EQ(names, f.size() > 3 ? f[3] : "");
-    EXPECT_EQ(alts, f.size() > 4 ? f[4] : "");
+    if (!wine) {
+      EXPECT_EQ(alts, f.size() > 4 ? f[4] : "");
+    }
   }
   // 8.3 names that clash in the folder take the next number.
   for (const char* n : {"LongFileName1.txt", "LongFileName2.txt", "LongFileName3.txt"})
     WriteHost(Host(u"C:\\find\\") + "/" + n, "");
   UWIN32_FIND_DATAW d;
-  const UHANDLE h = UFindFirstFile(u"C:\\find\\LONGFI~3.TXT", &d);
-  ASSERT_NE(h, kInvalidHandleValue);
-  EXPECT_EQ(Utf8(d.cFileName), "LongFileName3.txt");
-  UFindClose(h);
-  const UHANDLE one = UFindFirstFile(u"C:\\find\\longfilename2.TXT", &d);
-  ASSERT_NE(one, kInvalidHandleValue);
-  EXPECT_EQ(Utf8(d.cAlternateFileName), "LONGFI~2.TXT");
-  UFindClose(one);
+  if (!wine) {
+    const UHANDLE h = UFindFirstFile(u"C:\\find\\LONGFI~3.TXT", &d);
+    ASSERT_NE(h, kInvalidHandleValue);
+    EXPECT_EQ(Utf8(d.cFileName), "LongFileName3.txt");
+    UFindClose(h);
+    const UHANDLE one = UFindFirstFile(u"C:\\find\\longfilename2.TXT", &d);
+    ASSERT_NE(one, kInvalidHandleValue);
+    EXPECT_EQ(Utf8(d.cAlternateFileName), "LONGFI~2.TXT");
+    UFindClose(one);
+  }
   // In a crowded folder every 8.3 name is unique and reaches its file.
   MakeHostFolder(Host(u"C:\\crowd"));
   for (int i = 0; i < 1200; ++i)
@@ -271,8 +294,12 @@ TEST_F(FileApi, FindMatchesWildcardsAndGivesShortNames) {
   } while (UFindNextFile(all, &d));
   UFindClose(all);
   EXPECT_EQ(alts.size(), 1200u);
-  EXPECT_EQ(alts.count("LONGNA~1.TXT"), 1u);
-  // A root lists no "." or "..".
+  if (!wine) {
+    EXPECT_EQ(alts.count("LONGNA~1.TXT"), 1u);
+  }
+  // A root lists no "." or ".." (on Windows a letter aliased to a folder lists
+  // the folder's).
+  if (kOnWindows) return;
   const UHANDLE root = UFindFirstFile(u"D:\\*.*", &d);
   EXPECT_EQ(root, kInvalidHandleValue);
   EXPECT_EQ(UGetLastError(), 2u);
@@ -316,10 +343,13 @@ TEST_F(FileApi, AccessOfAHandleLimitsWhatItDoes) {
   const UHANDLE r = Open(u"C:\\r.txt", kModeRead, kFileShareRead, kOpenExisting);
   unsigned n = 0;
   EXPECT_EQ(ErrorOf([&] { return UWriteFile(r, "x", 1, &n); }), 5u);
-  EXPECT_EQ(ErrorOf([&] { return USetEndOfFile(r); }), 5u);
+  if (!WineDiffers("Wine answers 87 for SetEndOfFile on a handle without write access")) {
+    EXPECT_EQ(ErrorOf([&] { return USetEndOfFile(r); }), 5u);
+  }
   EXPECT_EQ(ErrorOf([&] { return UFlushFileBuffers(r); }), 5u);
   UCloseHandle(r);
   // Mode 0x4 falls back to read-only on a read-only file.
+  if (WineDiffers(kWineRootWritesReadOnly)) return;
   ASSERT_TRUE(USetFileAttributes(u"C:\\r.txt", kFileAttributeReadOnly));
   const UHANDLE w = Open(u"C:\\r.txt", kModeWriteOrRead | kModeRead, kFileShareRead, kOpenExisting);
   ASSERT_NE(w, kInvalidHandleValue);
@@ -342,7 +372,10 @@ TEST_F(FileApi, DeleteOnCloseRemovesFilesAndEmptyFolders) {
     EXPECT_TRUE(UCloseHandle(h));
     EXPECT_EQ(UGetFileAttributes(p), kInvalidFileAttributes);
   }
-  EXPECT_EQ(OpenError(u"C:\\fulldir", kDeleteAccess, kOpenExisting, flags, kFileShareDelete), 145u);
+  if (!WineDiffers("Wine opens a folder that is not empty for deleting on close")) {
+    EXPECT_EQ(OpenError(u"C:\\fulldir", kDeleteAccess, kOpenExisting, flags, kFileShareDelete),
+              145u);
+  }
 }
 
 TEST_F(FileApi, CopyAndMoveKeepContentAndAttributes) {
@@ -364,13 +397,21 @@ TEST_F(FileApi, CopyAndMoveKeepContentAndAttributes) {
 }
 
 TEST_F(FileApi, TemporaryNamesAreMadeAsWindowsMakesThem) {
+  // Under Wine the names compare ignoring case.
+  const bool lower = WineDiffers("Wine writes temporary names in lower case");
+  auto named = [lower](std::string name) {
+    if (lower) {
+      for (char& c : name) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    }
+    return name;
+  };
   char16_t out[kMaxPath];
   for (const auto& row : ReadTsv("temp_names.tsv")) {
     SCOPED_TRACE(row[3]);
     const std::u16string prefix = Utf16(row[0]);
     EXPECT_EQ(UGetTempFileName(u"C:\\Temp", prefix.c_str(), std::stoul(row[1], nullptr, 16), out),
               std::stoul(row[2], nullptr, 16));
-    EXPECT_EQ(Utf8(out), "C:\\Temp\\" + row[3]);
+    EXPECT_EQ(named(Utf8(out)), named("C:\\Temp\\" + row[3]));
     EXPECT_EQ(UGetFileAttributes(out), kInvalidFileAttributes);  // not created
   }
   // Unique 0 creates the file, each time a new one.
@@ -382,7 +423,7 @@ TEST_F(FileApi, TemporaryNamesAreMadeAsWindowsMakesThem) {
   EXPECT_NE(Utf8(out), firstName);
   char expect[32];
   std::snprintf(expect, sizeof expect, "C:\\Temp\\qnl%X.TMP", first);
-  EXPECT_EQ(firstName, expect);
+  EXPECT_EQ(named(firstName), named(expect));
   EXPECT_EQ(ErrorOf([&] { return UGetTempFileName(u"C:\\Missing", u"abc", 0, out) != 0; }), 267u);
   EXPECT_EQ(ErrorOf([&] { return UGetTempFileName(u"C:\\Missing", u"abc", 0x1234, out) != 0; }),
             267u);
@@ -405,6 +446,7 @@ TEST_F(FileApi, CurrentFolderAndFullPaths) {
   EXPECT_EQ(Utf8(part), "x.txt");
   EXPECT_NE(UGetFileAttributes(u"Deep"), kInvalidFileAttributes);  // relative to the current folder
   EXPECT_EQ(ErrorOf([] { return USetCurrentDirectory(u"C:\\nowhere"); }), 2u);
+  if (kOnWindows) return;  // host paths are the Linux build's
   // Host paths and Windows paths both ways; the longest drive folder wins.
   char host[4096];
   ASSERT_GT(UHostPathFromLoc(u"c:\\WORK\\deep\\new.txt", host, sizeof host), 0);

@@ -118,6 +118,9 @@ TEST(LocaleInfo, RefusesUnknownLocalesItemsAndBadBuffers) {
     const unsigned lcid = HexOf(r[1]), lctype = HexOf(r[2]), error = std::stoul(r[5]);
     const bool nullBuffer = r[3] == "1";
     const int len = std::stoi(r[4]);
+    // Windows knows every locale and more items than the tables of the
+    // Linux build hold, and answers an unknown item with 1004.
+    if (kOnWindows && error == 87 && len == 16 && !nullBuffer) continue;
     char16_t wbuf[16];
     char abuf[16];
     USetLastError(0);
@@ -167,6 +170,7 @@ TEST(LocaleInfo, UseCpAcpConvertsThroughTheSystemCodePage) {
 }
 
 TEST_F(LocaleEnvTest, DefaultLcidFollowsTheEnvironment) {
+  QUARNEL_LINUX_ONLY("the locale follows LC_ALL, LC_COLLATE and LANG; Windows names the user's");
   const auto rows = ReadTsv("locale_env.tsv");
   ASSERT_EQ(rows.size(), 25u);
   for (const auto& r : rows) {
@@ -185,18 +189,21 @@ TEST_F(LocaleEnvTest, DefaultLcidFollowsTheEnvironment) {
 }
 
 TEST_F(LocaleEnvTest, RecordLcidWinsAndDefaultsNameIt) {
+  // On Windows the variable changes nothing: the user's locale is en-US in
+  // the test runs, as the recorded answers are.
   setenv("LANG", "de_DE.UTF-8", 1);
   char16_t buf[8];
   for (unsigned lcid : {0u, 0x0400u, 0x0800u}) {
     SCOPED_TRACE(lcid);
     ASSERT_EQ(UGetLocaleInfoW(lcid, kLocaleSDecimal, buf, 8), 2);
-    EXPECT_EQ(buf[0], u',');
+    EXPECT_EQ(buf[0], kOnWindows ? u'.' : u',');
   }
   QuarnelEnv()->lcid = 0x040C;
   EXPECT_EQ(UGetDefaultLCID(), 0x040Cu);
   ASSERT_EQ(UGetLocaleInfoW(0x0400, kLocaleSThousand, buf, 8), 2);
   EXPECT_EQ(buf[0], u'\u00A0');
   // The record may name a locale without a table; the items then fail.
+  if (kOnWindows) return;  // Windows knows every locale
   QuarnelEnv()->lcid = 0x0410;
   USetLastError(0);
   EXPECT_EQ(UGetLocaleInfoW(0, kLocaleSThousand, buf, 8), 0);
@@ -250,6 +257,8 @@ TEST(CompareString, AgreesWithWindowsOnEveryRecordedPair) {
 }
 
 TEST(CompareString, OrdersAccentsLettersAndOtherUnits) {
+  QUARNEL_SKIP_UNDER_WINE(
+      "its sort tables order thorn, Greek case, CJK units, tabs and word-sort hyphens otherwise");
   const auto unescape = [](std::string t) {
     for (std::size_t at; (at = t.find("\\t")) != std::string::npos;) t.replace(at, 2, "\t");
     return Utf16(t);
@@ -291,6 +300,7 @@ TEST(CompareString, HonoursLengthsLocalesAndRefusesBadInput) {
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.what);
+    if (kOnWindows && r.lcid == 0x0410) continue;  // Windows knows every locale
     USetLastError(0);
     EXPECT_EQ(UCompareStringW(r.lcid, r.flags, r.nullA ? nullptr : u"a", -1, u"b", -1), 0);
     EXPECT_EQ(UGetLastError(), r.error);

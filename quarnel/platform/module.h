@@ -45,11 +45,24 @@
 #include "quarnel/foundation/export.h"
 #include "quarnel/platform/resblob.h"
 
+#if defined(_WIN32)
+// On Windows the handles are the system's own: a module as LoadLibraryEx
+// gives it (a host may pass its own), a resource as FindResource finds it,
+// its data as LoadResource gives it. Resources are the module's real Win32
+// resources, and module names are searched as LoadLibraryEx searches them,
+// after the application folder.
+struct HINSTANCE__;
+struct HRSRC__;
+using HMODULE = HINSTANCE__*;
+using HRSRC = HRSRC__*;
+using HGLOBAL = void*;
+#else
 struct UModule;
 using HMODULE = UModule*;
 // A resource of a module (the address of its directory entry) and its data.
 using HRSRC = const void*;
 using HGLOBAL = const void*;
+#endif
 
 enum : unsigned {
   kLoadLibraryAsDatafile = 2,  // ULoadLibraryEx: read the resources only, run nothing
@@ -99,6 +112,7 @@ QUARNEL_API int ULoadString(HMODULE module, unsigned id, char16_t* buffer, int s
 // of loaded modules (callers cache UGetModuleHandle results against it).
 unsigned UModuleGeneration();
 
+#if !defined(_WIN32)
 // The module's checked resource blob (empty for a module without one).
 UResBlob UModuleResources(HMODULE module);
 
@@ -106,5 +120,6 @@ namespace quarnel_internal {
 // The file names a module name is looked for as, in order.
 std::vector<std::string> ModuleNameCandidates(const std::string& name);
 }  // namespace quarnel_internal
+#endif
 
 #endif  // QUARNEL_PLATFORM_MODULE_H_

@@ -200,7 +200,8 @@ TEST(ResBlob, AcceptedEntriesAlwaysLieWithinTheBytes) {
   }
 }
 
-#ifdef QUARNEL_TEST_MODULE_DIR
+// ELF files are the Linux build's modules.
+#if defined(QUARNEL_TEST_MODULE_DIR) && !defined(_WIN32)
 Bytes ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());

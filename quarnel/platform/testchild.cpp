@@ -49,6 +49,9 @@ void UTestChild::Release() {
   release_ = -1;
 }
 
+void UTestChild::SetRerunArguments(const char*) {}
+
+bool UTestChild::InChild() { return false; }
 int UTestChild::Spawn(int (*work)(void* arg), void* arg) {
   Release();
   const pid_t pid = fork();

@@ -10,6 +10,7 @@
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/ptrcheck.h"
+#include "tests/support/platform_cases.h"
 
 namespace {
 
@@ -59,10 +60,13 @@ TEST_F(VmemTest, ReserveCommitDecommitRelease) {
   EXPECT_EQ(UIsBadReadPtr(base + 2 * page_, 1), 1);
   ASSERT_EQ(UVirtualFree(base, 0, kMemRelease), 1);
   EXPECT_EQ(UVirtualFree(base, 0, kMemRelease), 0);
-  EXPECT_EQ(UGetLastError(), 487u);
+  if (!WineDiffers("VirtualFree of a released reservation fails with 87, not 487")) {
+    EXPECT_EQ(UGetLastError(), 487u);
+  }
 }
 
 TEST_F(VmemTest, MoveHandsPagesToAnotherReservation) {
+  QUARNEL_LINUX_ONLY("Windows cannot move pages between reservations: the caller copies");
   char* a = static_cast<char*>(UVirtualAlloc(nullptr, 4 * page_, kMemReserve, kPageNoAccess));
   char* b = static_cast<char*>(UVirtualAlloc(nullptr, 8 * page_, kMemReserve, kPageNoAccess));
   ASSERT_NE(a, nullptr);
@@ -115,6 +119,8 @@ TEST_F(VmemTest, BadRequestsFailWithLastError) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
+    // Windows commits a page of any allocation, the stack's too.
+    if (kOnWindows && row.addr == &local) continue;
     USetLastError(0);
     EXPECT_EQ(UVirtualAlloc(row.addr, row.size, row.type, row.protect), nullptr);
     EXPECT_EQ(UGetLastError(), row.error);
@@ -126,7 +132,11 @@ TEST_F(VmemTest, BadRequestsFailWithLastError) {
   EXPECT_EQ(UGetLastError(), 87u);
   EXPECT_EQ(UVirtualFree(base, page_, 0x1234), 0);
   EXPECT_EQ(UGetLastError(), 87u);
-  EXPECT_EQ(UVirtualFree(base, 2 * page_, kMemRelease), 1);  // the exact size is accepted
+  if (kOnWindows) {
+    EXPECT_EQ(UVirtualFree(base, 0, kMemRelease), 1);  // Windows takes size 0 only
+  } else {
+    EXPECT_EQ(UVirtualFree(base, 2 * page_, kMemRelease), 1);  // the exact size is accepted
+  }
   EXPECT_EQ(UVirtualFree(other, 0, kMemRelease), 1);
 }
 
@@ -181,6 +191,7 @@ TEST_F(VmemTest, GlobalMemoryStatus) {
 // A reading is kept for a short while only: a gigabyte reserved afterwards
 // shows in the figures once the hold has passed.
 TEST_F(VmemTest, GlobalMemoryStatusFollowsTheAddressSpace) {
+  QUARNEL_SKIP_UNDER_WINE("GlobalMemoryStatusEx's available virtual figure ignores reservations");
   constexpr std::size_t kGiB = std::size_t{1} << 30;
   UMEMORYSTATUS before{};
   std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -124,6 +124,7 @@ TEST_F(WinTimeTest, SystemTimeToFileTimeAgreesWithRecordedRows) {
     if (st.wYear > 30827) {
       // Recorded under Wine, which takes years up to 30828; Windows refuses them.
       ++windowsOnly;
+      if (WineDiffers("SystemTimeToFileTime takes years above 30827")) continue;
       EXPECT_EQ(ret, 0);
       EXPECT_EQ(UGetLastError(), 87u);
       EXPECT_EQ(UFileTimeTicks(ft), kFill64);
@@ -173,6 +174,7 @@ TEST_F(WinTimeTest, FileTimeToDosDateTimeAgreesWithRecordedRows) {
     const int ret = UFileTimeToDosDateTime(&ft, &date, &time);
     if (UFileTimeTicks(ft) >= first2108) {
       ++windowsOnly;
+      if (WineDiffers("FileTimeToDosDateTime wraps the years after 2107")) continue;
       EXPECT_EQ(ret, 0);
       EXPECT_EQ(UGetLastError(), 87u);
       EXPECT_EQ(date, kFill16);
@@ -209,6 +211,14 @@ TEST_F(WinTimeTest, SystemTimeToFileTimeRefusesEachFieldOutOfRange) {
     SCOPED_TRACE(::testing::Message()
                  << r.st.wYear << "-" << r.st.wMonth << "-" << r.st.wDay << " " << r.st.wHour << ":"
                  << r.st.wMinute << ":" << r.st.wSecond << "." << r.st.wMilliseconds);
+    const bool commonLeapDay =
+        r.st.wMonth == 2 && r.st.wDay == 29 &&
+        (r.st.wYear % 4 != 0 || (r.st.wYear % 100 == 0 && r.st.wYear % 400 != 0));
+    if (!r.ok && (commonLeapDay || r.st.wYear > 30827) &&
+        WineDiffers(
+            "SystemTimeToFileTime takes February 29 of a common year and years above 30827")) {
+      continue;
+    }
     UFILETIME ft = UMakeFileTime(kFill64);
     USetLastError(0);
     EXPECT_EQ(USystemTimeToFileTime(&r.st, &ft), r.ok);
@@ -265,6 +275,7 @@ TEST_F(WinTimeTest, FileTimesRoundTripAndMatchTheStandardCalendar) {
     USYSTEMTIME st = Filled();
     ASSERT_EQ(UFileTimeToSystemTime(&ft, &st), 1) << ticks;
     ASSERT_EQ(Fields(st), Fields(ChronoSystemTime(ticks))) << std::hex << ticks;
+    if (st.wYear > 30827 && WineDiffers("SystemTimeToFileTime takes years above 30827")) continue;
     UFILETIME back = UMakeFileTime(kFill64);
     ASSERT_EQ(USystemTimeToFileTime(&st, &back), st.wYear <= 30827 ? 1 : 0) << ticks;
     if (st.wYear <= 30827) {
@@ -412,9 +423,11 @@ TEST_F(WinTimeTest, SetLocalTimeChecksItsInputAndFailsWithoutThePrivilege) {
   USetClockOverride(&start);
 
   USYSTEMTIME bad = Make(2023, 2, 29, 10);
-  USetLastError(0);
-  EXPECT_EQ(USetLocalTime(&bad), 0);
-  EXPECT_EQ(UGetLastError(), 87u);
+  if (!WineDiffers("SystemTimeToFileTime takes February 29 of a common year")) {
+    USetLastError(0);
+    EXPECT_EQ(USetLocalTime(&bad), 0);
+    EXPECT_EQ(UGetLastError(), 87u);
+  }
 
   // Without the privilege: 0 and 1314, the clock unchanged.
   USYSTEMTIME want = Make(2025, 6, 1, 10, 30, 15, 500);

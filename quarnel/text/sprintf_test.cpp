@@ -77,6 +77,7 @@ class SprintfTest : public RecordingTest {
     RecordingTest::SetUp();
     env_->lcid = kLcidEnUs;
     env_->acp = 65001;
+    quarnel_internal::TStringResetCodePages();  // the host list read the system's page
   }
 
   ScopedEnv env_;

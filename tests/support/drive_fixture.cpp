@@ -10,13 +10,25 @@
 #include "quarnel/platform/env.h"
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/fileapi.h"
+#include "quarnel/platform/testchild.h"
 
 namespace fs = std::filesystem;
 
+namespace {
+constexpr char kRootVariable[] = "QUARNEL_TEST_DRIVE_ROOT";
+}  // namespace
+
+// A test child started again (Windows) runs the same test, with the parent's
+// folders as its drives.
 void DriveTest::SetUp() {
   RecordingTest::SetUp();
+  const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
+  UTestChild::SetRerunArguments(
+      ("--gtest_filter=" + std::string(test->test_suite_name()) + "." + test->name()).c_str());
+  const char* parentRoot = std::getenv(kRootVariable);
   std::random_device rd;
-  for (;;) {
+  if (UTestChild::InChild() && parentRoot != nullptr) root_ = parentRoot;
+  while (root_.empty()) {
     char name[40];
     std::snprintf(name, sizeof name, "quarnel-%08x", static_cast<unsigned>(rd()));
     const fs::path candidate = fs::temp_directory_path() / name;
@@ -25,6 +37,7 @@ void DriveTest::SetUp() {
       break;
     }
   }
+  setenv(kRootVariable, root_.c_str(), 1);
   fs::create_directory(root_ + "/c");
   fs::create_directory(root_ + "/d");
   fs::create_directory(root_ + "/c/Temp");
@@ -56,13 +69,19 @@ void DriveTest::TearDown() {
   }
   QuarnelSetDrive(u'C', savedC_.c_str());
   QuarnelSetDrive(u'D', savedD_.c_str());
+  unsetenv(kRootVariable);
   std::error_code ec;
   // Read-only folders are made writable so that the whole tree goes.
   for (auto it = fs::recursive_directory_iterator(root_, ec); !ec && it != fs::end(it);
        it.increment(ec)) {
     fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
   }
+#if defined(_WIN32)
+  // In the long form: some tests make paths longer than the classic limit.
+  fs::remove_all(fs::path("\\\\?\\" + fs::absolute(root_).make_preferred().string()), ec);
+#else
   fs::remove_all(root_, ec);
+#endif
   RecordingTest::TearDown();
 }
 

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "tests/support/platform_cases.h"  // setenv and unsetenv on Windows
+
 class ScopedEnvVars {
  public:
   // Sets `name` to `value`, or unsets it when `value` is null.

@@ -67,10 +67,15 @@ class UnitLetters : public HostList {
 };
 
 // Saves the host environment record and puts it back at the end of the scope.
+// The code pages TString reads once are read afresh from the record on both ends:
+// the system's own page may differ from the one a test sets.
 class ScopedEnv {
  public:
-  ScopedEnv() : saved_(*QuarnelEnv()) {}
-  ~ScopedEnv() { QuarnelSetEnv(saved_); }
+  ScopedEnv() : saved_(*QuarnelEnv()) { quarnel_internal::TStringResetCodePages(); }
+  ~ScopedEnv() {
+    QuarnelSetEnv(saved_);
+    quarnel_internal::TStringResetCodePages();
+  }
   ScopedEnv(const ScopedEnv&) = delete;
   ScopedEnv& operator=(const ScopedEnv&) = delete;
   QuarnelEnvType* operator->() const { return QuarnelEnv(); }

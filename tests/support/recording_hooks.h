@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/platform_cases.h"
+
 class TString;
 
 struct LogLine {

@@ -78,9 +78,16 @@ int Step(const char* text) {
 
 int Broken(const std::string& what) { return Say("tour: " + what, kExitFailed); }
 
+// A host path as the library takes it: UTF-8 on every system.
+std::string HostText(const fs::path& p) {
+  const std::u8string u = p.u8string();
+  return std::string(u.begin(), u.end());
+}
+
 std::u16string WinPath(const fs::path& p) {
   char16_t path[4096];
-  return ULocFromHostPath(p.c_str(), path, 4096) ? std::u16string(path) : std::u16string();
+  return ULocFromHostPath(HostText(p).c_str(), path, 4096) ? std::u16string(path)
+                                                           : std::u16string();
 }
 
 }  // namespace
@@ -224,7 +231,7 @@ int Tour(const Words& args) {
     if (other != 0 || same + 1 != static_cast<int>(saved.size()) || c.count({kText, 3}))
       return Broken("salvage recovered the wrong chunks");
   }
-  std::printf("\nThe tour is done: the files are in %s\n", fs::current_path().c_str());
+  std::printf("\nThe tour is done: the files are in %s\n", HostText(fs::current_path()).c_str());
   return kExitOk;
 }
 

@@ -69,6 +69,23 @@ std::vector<unsigned char> BuildBlob(const std::vector<Resource>& resources);
 std::string BlobToCpp(const std::vector<unsigned char>& blob, const std::string& symbol,
                       const std::string& scriptName);
 
+// A resource script for the Windows toolchain's resource compiler (windres,
+// rc) that gives a DLL or an executable the same resources as real Win32
+// resources: each becomes a user-defined resource of its type and id (or
+// name) with its exact bytes. Most are written into the script as raw data;
+// cursors, icons and their groups, which the resource compiler reads in a
+// form of its own, as files beside it: `sideFiles` receives their paths
+// (`folder` + "/" + a name of their own) and bytes for the caller to write.
+// Windows numbers types and ids 1 to 65535 only, so a resource outside that
+// range makes this fail (false, with `error` naming it).
+struct SideFile {
+  std::string path;
+  std::vector<unsigned char> bytes;
+};
+bool ResourcesToRc(const std::vector<Resource>& resources, const std::string& scriptName,
+                   const std::string& folder, std::string* rc, std::vector<SideFile>* sideFiles,
+                   Error* error);
+
 }  // namespace qnrc
 
 #endif  // QUARNEL_TOOLS_QNRC_COMPILER_H_

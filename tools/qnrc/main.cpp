@@ -1,19 +1,22 @@
 // qnrc: the resource compiler.
 //
-//   qnrc SCRIPT [-o BLOB] [-c SOURCE] [--symbol NAME] [--symbols-from MODULE]
+//   qnrc SCRIPT [-o BLOB] [-c SOURCE] [-r RCSCRIPT] [--symbol NAME]
+//        [--symbols-from MODULE]
 //   qnrc --check-symbols MODULE
 //
 // Reads the resource script SCRIPT and writes the resource container as a
 // plain file (-o) and as C++ source to compile into a module or the host
-// executable (-c; the array is named NAME, "quarnel_resources" unless given).
+// executable (-c; the array is named NAME, "quarnel_resources" unless given),
+// and as a resource script for the Windows resource compiler (-r).
 // --symbols-from adds the symbol map (resource 256, id 1) of the functions of
-// MODULE, a linked shared object or program: the build links a module once,
-// then links it again with the container that carries its map.
+// MODULE, a linked shared object, program or DLL: the build links a module
+// once, then links it again with the resources that carry its map.
 // --check-symbols checks that MODULE carries the map its own functions give
 // (its code did not move when the map was linked in).
 // Errors go to standard error as "SCRIPT:LINE: error: MESSAGE"; the exit
 // status is then 1 and no output is written.
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -40,7 +43,8 @@ bool WriteAll(const std::string& path, const void* data, std::size_t size) {
 
 int Usage() {
   std::fprintf(stderr,
-               "usage: qnrc SCRIPT [-o BLOB] [-c SOURCE] [--symbol NAME] [--symbols-from MODULE]\n"
+               "usage: qnrc SCRIPT [-o BLOB] [-c SOURCE] [-r RCSCRIPT] [--symbol NAME]\n"
+               "            [--symbols-from MODULE]\n"
                "       qnrc --check-symbols MODULE\n");
   return 2;
 }
@@ -51,13 +55,14 @@ int main(int argc, char** argv) {
   std::string script;
   std::string blobPath;
   std::string cppPath;
+  std::string rcPath;
   std::string symbol = "quarnel_resources";
   std::string symbolsFrom;
   std::string checkSymbols;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
-    if ((a == "-o" || a == "-c" || a == "--symbol") && i + 1 < argc) {
-      (a == "-o" ? blobPath : a == "-c" ? cppPath : symbol) = argv[++i];
+    if ((a == "-o" || a == "-c" || a == "-r" || a == "--symbol") && i + 1 < argc) {
+      (a == "-o" ? blobPath : a == "-c" ? cppPath : a == "-r" ? rcPath : symbol) = argv[++i];
     } else if ((a == "--symbols-from" || a == "--check-symbols") && i + 1 < argc) {
       (a == "--symbols-from" ? symbolsFrom : checkSymbols) = argv[++i];
     } else if (!a.empty() && a[0] != '-' && script.empty()) {
@@ -113,6 +118,13 @@ int main(int argc, char** argv) {
   }
   const std::vector<unsigned char> blob = qnrc::BuildBlob(resources);
   const std::string name = slash == std::string::npos ? script : script.substr(slash + 1);
+  std::string rc;
+  std::vector<qnrc::SideFile> sideFiles;
+  if (!rcPath.empty() &&
+      !qnrc::ResourcesToRc(resources, name, rcPath + ".d", &rc, &sideFiles, &error)) {
+    std::fprintf(stderr, "%s:%d: error: %s\n", script.c_str(), error.line, error.message.c_str());
+    return 1;
+  }
   if (!blobPath.empty() && !WriteAll(blobPath, blob.data(), blob.size())) {
     std::fprintf(stderr, "%s: error: cannot write\n", blobPath.c_str());
     return 1;
@@ -123,6 +135,17 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "%s: error: cannot write\n", cppPath.c_str());
       return 1;
     }
+  }
+  if (!sideFiles.empty()) std::filesystem::create_directories(rcPath + ".d");
+  for (const qnrc::SideFile& file : sideFiles) {
+    if (!WriteAll(file.path, file.bytes.data(), file.bytes.size())) {
+      std::fprintf(stderr, "%s: error: cannot write\n", file.path.c_str());
+      return 1;
+    }
+  }
+  if (!rcPath.empty() && !WriteAll(rcPath, rc.data(), rc.size())) {
+    std::fprintf(stderr, "%s: error: cannot write\n", rcPath.c_str());
+    return 1;
   }
   return 0;
 }

@@ -335,9 +335,38 @@ TEST(Qnrc, ProgramWritesBothOutputsOrReportsTheError) {
   std::filesystem::remove_all(dir);
 }
 
-}  // namespace
+// The resource script for the Windows resource compiler: raw words with the
+// odd last byte as a one-byte text, names quoted, cursor and icon types as
+// side files (each followed by a statement that ends the file name).
+TEST(Qnrc, WritesAResourceScriptForWindows) {
+  std::vector<qnrc::Resource> resources;
+  qnrc::Error error;
+  ASSERT_TRUE(qnrc::Compile(
+      "data 7 { 1 2 3 }\nresource 300 \"Nm x\" { 0x41 0x42 }\nresource 1 5 { 9 0 11 0 }\n"
+      "data 8 { }\n",
+      "/scripts", NoFiles, &resources, &error));
+  std::string rc;
+  std::vector<qnrc::SideFile> side;
+  ASSERT_TRUE(qnrc::ResourcesToRc(resources, "t.qrc", "/out/t.rc.d", &rc, &side, &error));
+  EXPECT_NE(rc.find("\n5 1 \"/out/t.rc.d/0.bin\"\nLANGUAGE 0, 0\n"), std::string::npos) << rc;
+  EXPECT_NE(rc.find("\n7 10 {\n  0x0201,\n  \"\\x03\"\n}\n"), std::string::npos) << rc;
+  EXPECT_NE(rc.find("\n8 10 {\n}\n"), std::string::npos) << rc;
+  EXPECT_NE(rc.find("\n\"Nm x\" 300 {\n  0x4241\n}\n"), std::string::npos) << rc;
+  ASSERT_EQ(side.size(), 1u);
+  EXPECT_EQ(side[0].path, "/out/t.rc.d/0.bin");
+  EXPECT_EQ(side[0].bytes, (Bytes{9, 0, 11, 0}));
 
-namespace {
+  // What Windows cannot number or name is refused, with its line.
+  for (const char* script : {"data -9 { 1 }", "resource 70000 1 { 1 }", "data 70000 { 1 }",
+                             "resource 300 \"a\\\"b\" { 1 }"}) {
+    SCOPED_TRACE(script);
+    resources.clear();
+    ASSERT_TRUE(qnrc::Compile(script, "/scripts", NoFiles, &resources, &error));
+    EXPECT_FALSE(qnrc::ResourcesToRc(resources, "t.qrc", "/out", &rc, &side, &error));
+    EXPECT_EQ(error.line, 1);
+  }
+}
+
 
 // One record of an unpacked symbol map, read back.
 struct MapRecord {

@@ -9,6 +9,7 @@
 #include "quarnel/compress/memcomp.h"
 #include "quarnel/foundation/tmemory.h"
 #include "quarnel/platform/internal/elffile.h"
+#include "quarnel/platform/internal/pefile.h"
 #include "quarnel/platform/resblob.h"
 
 namespace qnrc {
@@ -66,11 +67,21 @@ bool Unpack(const unsigned char* bytes, unsigned size, std::vector<unsigned char
   return true;
 }
 
+bool IsPe(const std::vector<unsigned char>& module) {
+  return module.size() >= 2 && module[0] == 'M' && module[1] == 'Z';
+}
+
+// The functions of an ELF file or of a Windows module (PE image).
 bool FunctionsOf(const std::vector<unsigned char>& module, std::vector<Function>* functions,
                  std::string* error) {
   const quarnel_internal::ElfMemorySource source(module.data(), module.size());
   std::vector<quarnel_internal::ElfFunction> found;
-  if (quarnel_internal::ElfFunctionSymbols(source, &found) != quarnel_internal::kElfFound) {
+  if (IsPe(module)) {
+    if (quarnel_internal::PeFunctionSymbols(source, &found) != quarnel_internal::kPeFound) {
+      *error = "not a Windows module, or its symbol table lies outside it";
+      return false;
+    }
+  } else if (quarnel_internal::ElfFunctionSymbols(source, &found) != quarnel_internal::kElfFound) {
     *error = "not an ELF file, or its symbol table lies outside it";
     return false;
   }
@@ -128,20 +139,37 @@ bool CheckSymbolMap(const std::vector<unsigned char>& module, std::string* error
   std::vector<Function> functions;
   if (!FunctionsOf(module, &functions, error)) return false;
   const quarnel_internal::ElfMemorySource source(module.data(), module.size());
-  std::uint64_t offset = 0;
-  std::uint64_t size = 0;
-  UResBlob blob;
-  UResEntry entry;
-  if (quarnel_internal::ElfFindSymbolBytes(source, "quarnel_resources", &offset, &size) !=
-          quarnel_internal::kElfFound ||
-      UResBlobOpen(module.data() + offset, size, &blob) != 0 ||
-      UResBlobFind(blob, kSymbolMapType, kSymbolMapId, &entry) == nullptr) {
+  const unsigned char* packed = nullptr;
+  unsigned packedSize = 0;
+  if (IsPe(module)) {  // a Win32 resource of the module
+    quarnel_internal::PeHeaders headers;
+    std::uint64_t offset = 0;
+    std::uint32_t size = 0;
+    if (quarnel_internal::PeReadHeaders(source, false, &headers) == quarnel_internal::kPeFound &&
+        quarnel_internal::PeFindResource(source, headers, kSymbolMapType, kSymbolMapId, &offset,
+                                         &size) == quarnel_internal::kPeFound) {
+      packed = module.data() + offset;
+      packedSize = size;
+    }
+  } else {  // an entry of the module's resource container
+    std::uint64_t offset = 0;
+    std::uint64_t size = 0;
+    UResBlob blob;
+    UResEntry entry;
+    if (quarnel_internal::ElfFindSymbolBytes(source, "quarnel_resources", &offset, &size) ==
+            quarnel_internal::kElfFound &&
+        UResBlobOpen(module.data() + offset, size, &blob) == 0 &&
+        UResBlobFind(blob, kSymbolMapType, kSymbolMapId, &entry) != nullptr) {
+      packed = entry.bytes;
+      packedSize = entry.size;
+    }
+  }
+  if (packed == nullptr) {
     *error = "the module carries no symbol map";
     return false;
   }
   std::vector<unsigned char> carried;
-  if (!Unpack(entry.bytes, entry.size, &carried) ||
-      carried != BuildSymbolMap(std::move(functions))) {
+  if (!Unpack(packed, packedSize, &carried) || carried != BuildSymbolMap(std::move(functions))) {
     *error = "the symbol map does not match the module's functions";
     return false;
   }

@@ -28,11 +28,13 @@ constexpr std::size_t kMaxSymbolName = 255;  // bytes of a name kept in the map
 std::vector<unsigned char> BuildSymbolMap(std::vector<Function> functions);
 
 // The packed map of the functions in `module` (the bytes of a linked ELF
-// file) as resource 256/1. False with `error` when the file is not ELF.
+// file or Windows module) as resource 256/1. False with `error` when the
+// file is neither.
 bool SymbolMapResource(const std::vector<unsigned char>& module, Resource* resource,
                        std::string* error);
 
-// True when `module` carries a symbol map equal to the one its own functions
+// True when `module` (ELF: in its resource container; Windows: as its Win32
+// resource 256/1) carries a symbol map equal to the one its own functions
 // give (false with `error` otherwise): a module whose code moved when its map
 // was linked in fails.
 bool CheckSymbolMap(const std::vector<unsigned char>& module, std::string* error);

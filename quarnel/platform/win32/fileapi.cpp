@@ -1,0 +1,212 @@
+// CreateFile and the calls on file handles, on the system's own calls; the
+// table of the handles the library gave out.
+#include "quarnel/platform/fileapi.h"
+
+#include <cstring>
+#include <mutex>
+#include <unordered_map>
+
+#include "quarnel/platform/faults.h"
+#include "quarnel/platform/lasterror.h"
+#include "quarnel/platform/win32/files.h"
+
+namespace quarnel_internal {
+
+namespace {
+
+struct HandleTable {
+  std::mutex lock;
+  std::unordered_map<UHANDLE, HandleKind> kinds;
+};
+
+HandleTable& Table() {
+  static auto* table = new HandleTable;
+  return *table;
+}
+
+bool KindOf(UHANDLE h, HandleKind* kind) {
+  HandleTable& t = Table();
+  std::lock_guard<std::mutex> hold(t.lock);
+  const auto it = t.kinds.find(h);
+  if (it == t.kinds.end()) return false;
+  *kind = it->second;
+  return true;
+}
+
+// The access mask of the library's access word: the open-mode bits become
+// the generic rights, the Win32 bits stay.
+DWORD AccessMask(unsigned access) {
+  DWORD mask = access & (kGenericRead | kGenericWrite | kDeleteAccess);
+  if (access & kModeRead) mask |= GENERIC_READ;
+  if (access & (kModeWrite | kModeWriteOrRead)) mask |= GENERIC_WRITE;
+  return mask;
+}
+
+UHANDLE OpenOnce(const std::wstring& path, unsigned access, unsigned share, unsigned disposition,
+                 unsigned flags, bool volume, unsigned* err) {
+  DWORD attributes = flags;
+  if (access & kModeWriteThrough) attributes |= FILE_FLAG_WRITE_THROUGH;
+  const HANDLE h = ::CreateFileW(path.c_str(), AccessMask(access), share, nullptr, disposition,
+                                 attributes, nullptr);
+  *err = ::GetLastError();
+  if (h == INVALID_HANDLE_VALUE) return kInvalidHandleValue;
+  return AddHandle(h, volume ? HandleKind::kVolume : HandleKind::kFile);
+}
+
+}  // namespace
+
+UHANDLE AddHandle(HANDLE h, HandleKind kind) {
+  HandleTable& t = Table();
+  std::lock_guard<std::mutex> hold(t.lock);
+  t.kinds[h] = kind;
+  return h;
+}
+
+bool IsHandle(UHANDLE h, HandleKind kind) {
+  HandleKind k;
+  return KindOf(h, &k) && k == kind;
+}
+
+bool IsFileHandle(UHANDLE h) {
+  HandleKind k;
+  return KindOf(h, &k) && (k == HandleKind::kFile || k == HandleKind::kVolume);
+}
+
+int CloseTableHandle(UHANDLE h, bool (*kindOk)(HandleKind)) {
+  HandleKind kind;
+  if (!KindOf(h, &kind) || !kindOk(kind)) return Refuse(ERROR_INVALID_HANDLE);
+  if (Faulted(UCall::kCloseHandle)) return 0;
+  {
+    HandleTable& t = Table();
+    std::lock_guard<std::mutex> hold(t.lock);
+    t.kinds.erase(h);
+  }
+  BOOL ok = FALSE;
+  switch (kind) {
+    case HandleKind::kFind:
+      ok = ::FindClose(h);
+      break;
+    case HandleKind::kVolumeFind:
+      ok = ::FindVolumeClose(h);
+      break;
+    case HandleKind::kMountFind:
+      ok = ::FindVolumeMountPointClose(h);
+      break;
+    default:
+      ok = ::CloseHandle(h);
+      break;
+  }
+  return ok ? 1 : 0;
+}
+
+bool Faulted(UCall call) {
+  unsigned err = 0;
+  if (!UShouldFail(call, &err)) return false;
+  USetLastError(err);
+  return true;
+}
+
+int Refuse(unsigned err) {
+  USetLastError(err);
+  return 0;
+}
+
+int UOpenHandleCount() {
+  HandleTable& t = Table();
+  std::lock_guard<std::mutex> hold(t.lock);
+  return static_cast<int>(t.kinds.size());
+}
+
+}  // namespace quarnel_internal
+
+using namespace quarnel_internal;
+
+UHANDLE UCreateFile(const char16_t* path, unsigned access, unsigned share, unsigned disposition,
+                    unsigned flags) {
+  if (Faulted(UCall::kCreateFile)) return kInvalidHandleValue;
+  unsigned err = 0;
+  const std::wstring system = SystemPath(path, &err);
+  if (system.empty()) {
+    USetLastError(err);
+    return kInvalidHandleValue;
+  }
+  const bool volume = system.rfind(L"\\\\.\\", 0) == 0;
+  UHANDLE h = OpenOnce(system, access, share, disposition, flags, volume, &err);
+  if (h == kInvalidHandleValue && err == ERROR_ACCESS_DENIED && (access & kModeWriteOrRead)) {
+    access &= ~(kModeWrite | kModeWriteOrRead | kGenericWrite);
+    h = OpenOnce(system, access, share, disposition, flags, volume, &err);
+  }
+  USetLastError(err);
+  return h;
+}
+
+namespace {
+
+// A handle of the table for a call on its data; null (last error set) when
+// the fault seam fails `call` or the library did not give the handle out.
+HANDLE DataHandle(UHANDLE handle, UCall call) {
+  if (Faulted(call)) return nullptr;
+  if (!IsFileHandle(handle)) {
+    USetLastError(ERROR_INVALID_HANDLE);
+    return nullptr;
+  }
+  return handle;
+}
+
+}  // namespace
+
+int UReadFile(UHANDLE file, void* buffer, unsigned count, unsigned* read) {
+  if (read) *read = 0;
+  const HANDLE h = DataHandle(file, UCall::kReadFile);
+  if (h == nullptr) return 0;
+  if (buffer == nullptr && count > 0) return Refuse(ERROR_NOACCESS);
+  DWORD n = 0;
+  const BOOL ok = ::ReadFile(h, buffer, count, &n, nullptr);
+  if (read) *read = n;
+  return ok ? 1 : 0;
+}
+
+int UWriteFile(UHANDLE file, const void* buffer, unsigned count, unsigned* written) {
+  if (written) *written = 0;
+  const HANDLE h = DataHandle(file, UCall::kWriteFile);
+  if (h == nullptr) return 0;
+  if (buffer == nullptr && count > 0) return Refuse(ERROR_NOACCESS);
+  DWORD n = 0;
+  const BOOL ok = ::WriteFile(h, buffer, count, &n, nullptr);
+  if (written) *written = n;
+  return ok ? 1 : 0;
+}
+
+unsigned USetFilePointer(UHANDLE file, std::int32_t low, std::int32_t* high, unsigned method) {
+  const HANDLE h = DataHandle(file, UCall::kSetFilePointer);
+  if (h == nullptr) return kInvalidSetFilePointer;
+  LONG hi = high ? *high : 0;
+  const DWORD r = ::SetFilePointer(h, low, high ? &hi : nullptr, method);
+  if (high && !(r == INVALID_SET_FILE_POINTER && ::GetLastError() != NO_ERROR)) *high = hi;
+  return r;
+}
+
+int USetEndOfFile(UHANDLE file) {
+  const HANDLE h = DataHandle(file, UCall::kSetEndOfFile);
+  return h != nullptr && ::SetEndOfFile(h) ? 1 : 0;
+}
+
+int UFlushFileBuffers(UHANDLE file) {
+  const HANDLE h = DataHandle(file, UCall::kFlushFileBuffers);
+  return h != nullptr && ::FlushFileBuffers(h) ? 1 : 0;
+}
+
+int UCloseHandle(UHANDLE handle) {
+  return CloseTableHandle(handle, [](HandleKind) { return true; });
+}
+
+int UGetFileInformationByHandle(UHANDLE file, UBY_HANDLE_FILE_INFORMATION* info) {
+  const HANDLE h = DataHandle(file, UCall::kGetFileInformationByHandle);
+  if (h == nullptr) return 0;
+  if (info == nullptr) return Refuse(ERROR_INVALID_PARAMETER);
+  BY_HANDLE_FILE_INFORMATION i;
+  if (!::GetFileInformationByHandle(h, &i)) return 0;
+  static_assert(sizeof i == sizeof *info, "the record is the system's own");
+  std::memcpy(info, &i, sizeof i);
+  return 1;
+}
