@@ -5,8 +5,8 @@
 #define QUARNEL_QUARNEL_H_
 
 #include "quarnel/compress/hashblock.h"
-#include "quarnel/config/tkeyedfile.h"
 #include "quarnel/compress/memcomp.h"
+#include "quarnel/config/tkeyedfile.h"
 #include "quarnel/containers/databuffer.h"
 #include "quarnel/containers/elementspace.h"
 #include "quarnel/containers/rnlist.h"

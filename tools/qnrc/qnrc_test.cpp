@@ -367,7 +367,6 @@ TEST(Qnrc, WritesAResourceScriptForWindows) {
   }
 }
 
-
 // One record of an unpacked symbol map, read back.
 struct MapRecord {
   std::uint32_t offset;
