@@ -6,7 +6,6 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -128,11 +127,6 @@ unsigned ProcessAcp() {
   return 1252;
 }
 
-QuarnelEnvType& LiveRecord() {
-  static QuarnelEnvType record = QuarnelDefaultEnv();
-  return record;
-}
-
 }  // namespace
 
 QuarnelEnvType QuarnelDefaultEnv() {
@@ -159,33 +153,8 @@ QuarnelEnvType QuarnelDefaultEnv() {
   return env;
 }
 
-QuarnelEnvType* QuarnelEnv() { return &LiveRecord(); }
-
-void QuarnelSetEnv(const QuarnelEnvType& env) {
-  QuarnelEnvType& live = LiveRecord();
-  if (&live != &env) live = env;
-}
-
-// Through GlobalMemoryStatus, so that a test's status override governs the
-// figure as it governs MemAvail; a status without a total means that
-// /proc/meminfo could not be read.
-std::uint64_t QuarnelRefreshAvailMemory() {
-  std::atomic_ref<std::uint64_t> figure(LiveRecord().availPhysMemory);
-  UMEMORYSTATUS status{};
-  UGlobalMemoryStatus(&status);
-  if (status.dwTotalPhys == 0) return figure.load(std::memory_order_relaxed);
-  const std::uint64_t avail = status.dwAvailPhys;
-  figure.store(avail, std::memory_order_relaxed);
-  return avail;
-}
-
-std::uint64_t QuarnelAvailPhysMemory() {
-  return std::atomic_ref<std::uint64_t>(LiveRecord().availPhysMemory)
-      .load(std::memory_order_relaxed);
-}
-
 int QuarnelMakeLogFolder() {
-  const std::string& folder = LiveRecord().logFolder;
+  const std::string& folder = QuarnelEnv()->logFolder;
   if (folder.empty()) {
     USetLastError(3);  // ERROR_PATH_NOT_FOUND
     return 0;

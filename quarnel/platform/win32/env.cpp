@@ -1,6 +1,5 @@
 #include "quarnel/platform/env.h"
 
-#include <atomic>
 #include <cstdio>
 
 #include "quarnel/platform/lasterror.h"
@@ -56,11 +55,6 @@ std::string ProgramPath() {
   return n > 0 && n < 32768 ? Utf8Of(buf, n) : std::string();
 }
 
-QuarnelEnvType& LiveRecord() {
-  static QuarnelEnvType record = QuarnelDefaultEnv();
-  return record;
-}
-
 }  // namespace
 
 QuarnelEnvType QuarnelDefaultEnv() {
@@ -110,30 +104,8 @@ QuarnelEnvType QuarnelDefaultEnv() {
   return env;
 }
 
-QuarnelEnvType* QuarnelEnv() { return &LiveRecord(); }
-
-void QuarnelSetEnv(const QuarnelEnvType& env) {
-  QuarnelEnvType& live = LiveRecord();
-  if (&live != &env) live = env;
-}
-
-std::uint64_t QuarnelRefreshAvailMemory() {
-  std::atomic_ref<std::uint64_t> figure(LiveRecord().availPhysMemory);
-  UMEMORYSTATUS status{};
-  UGlobalMemoryStatus(&status);
-  if (status.dwTotalPhys == 0) return figure.load(std::memory_order_relaxed);
-  const std::uint64_t avail = status.dwAvailPhys;
-  figure.store(avail, std::memory_order_relaxed);
-  return avail;
-}
-
-std::uint64_t QuarnelAvailPhysMemory() {
-  return std::atomic_ref<std::uint64_t>(LiveRecord().availPhysMemory)
-      .load(std::memory_order_relaxed);
-}
-
 int QuarnelMakeLogFolder() {
-  const std::string& folder = LiveRecord().logFolder;
+  const std::string& folder = QuarnelEnv()->logFolder;
   if (folder.empty()) {
     USetLastError(ERROR_PATH_NOT_FOUND);
     return 0;
