@@ -1,8 +1,10 @@
+// The tick count, its test offset and its freezing, on the clock each
+// platform supplies (RawTickMilliseconds).
 #include "quarnel/platform/tick.h"
 
-#include <time.h>
-
 #include <atomic>
+
+#include "quarnel/platform/internal/tickraw.h"
 
 namespace {
 
@@ -10,17 +12,11 @@ std::atomic<std::int64_t> g_offset{0};
 // The raw clock reading the clock stands at while frozen; -1 while it runs.
 std::atomic<std::int64_t> g_frozenAt{-1};
 
-std::int64_t rawMilliseconds() {
-  timespec ts{};
-  ::clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<std::int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 }  // namespace
 
 std::uint64_t UGetTickCount64() {
   const std::int64_t frozen = g_frozenAt.load(std::memory_order_relaxed);
-  const std::int64_t raw = frozen >= 0 ? frozen : rawMilliseconds();
+  const std::int64_t raw = frozen >= 0 ? frozen : quarnel_internal::RawTickMilliseconds();
   return static_cast<std::uint64_t>(raw) +
          static_cast<std::uint64_t>(g_offset.load(std::memory_order_relaxed));
 }
@@ -35,7 +31,8 @@ std::int64_t UGetTickOffset() { return g_offset.load(std::memory_order_relaxed);
 int UFreezeTickCount(int frozen) {
   if (frozen == 0) return g_frozenAt.exchange(-1, std::memory_order_relaxed) >= 0 ? 1 : 0;
   std::int64_t running = -1;
-  return g_frozenAt.compare_exchange_strong(running, rawMilliseconds(), std::memory_order_relaxed)
+  return g_frozenAt.compare_exchange_strong(running, quarnel_internal::RawTickMilliseconds(),
+                                            std::memory_order_relaxed)
              ? 0
              : 1;
 }
