@@ -5,9 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -15,6 +13,7 @@
 #include <string_view>
 
 #include "quarnel/platform/faults.h"
+#include "quarnel/platform/internal/memstatus.h"
 #include "quarnel/platform/lasterror.h"
 
 namespace {
@@ -31,10 +30,6 @@ std::map<std::uintptr_t, std::size_t>& Reservations() {
   static auto* map = new std::map<std::uintptr_t, std::size_t>;
   return *map;
 }
-
-std::atomic<std::size_t> g_reserveLimit{0};
-std::atomic<bool> g_statusOverridden{false};
-UMEMORYSTATUS g_statusOverride{};
 
 std::size_t PageSize() {
   static const std::size_t size = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
@@ -90,7 +85,7 @@ bool FindReservation(std::uintptr_t lo, std::uintptr_t hi, std::uintptr_t* base,
 void* Reserve(void* addr, std::size_t size) {
   unsigned winerr = 0;
   if (UShouldFail(UCall::kVirtualReserve, &winerr)) return Fail(winerr);
-  const std::size_t limit = g_reserveLimit.load(std::memory_order_relaxed);
+  const std::size_t limit = quarnel_internal::VirtualReserveLimit();
   if (limit != 0 && size > limit) return Fail(kErrNotEnoughMemory);
   const std::size_t page = PageSize();
   if (size > SIZE_MAX - page) return Fail(kErrNotEnoughMemory);
@@ -269,40 +264,7 @@ unsigned long long Field(std::string_view text, std::string_view key) {
 
 }  // namespace
 
-namespace {
-
-// A reading of the real figures stays current for kStatusHold: the growth
-// check of every block asks for them, and reading /proc costs several system
-// calls each time. Memory pressure builds up far more slowly than that.
-constexpr std::chrono::milliseconds kStatusHold{10};
-UMEMORYSTATUS g_statusCache{};
-std::chrono::steady_clock::time_point g_statusCacheTime{};
-bool g_statusCached = false;
-
-void ReadMemoryStatus(UMEMORYSTATUS* status);
-
-}  // namespace
-
-void UGlobalMemoryStatus(UMEMORYSTATUS* status) {
-  if (status == nullptr) return;
-  std::lock_guard<std::mutex> hold(g_lock);
-  if (g_statusOverridden.load(std::memory_order_acquire)) {
-    *status = g_statusOverride;
-    status->dwLength = sizeof(UMEMORYSTATUS);
-  } else {
-    const auto now = std::chrono::steady_clock::now();
-    if (!g_statusCached || now - g_statusCacheTime >= kStatusHold) {
-      ReadMemoryStatus(&g_statusCache);
-      g_statusCacheTime = now;
-      g_statusCached = true;
-    }
-    *status = g_statusCache;
-  }
-  const std::size_t limit = g_reserveLimit.load(std::memory_order_relaxed);
-  if (limit != 0 && status->dwAvailVirtual > limit) status->dwAvailVirtual = limit;
-}
-
-namespace {
+namespace quarnel_internal {
 
 void ReadMemoryStatus(UMEMORYSTATUS* status) {
   std::memset(status, 0, sizeof *status);
@@ -335,15 +297,4 @@ void ReadMemoryStatus(UMEMORYSTATUS* status) {
   status->dwAvailVirtual = used < total ? total - used : 0;
 }
 
-}  // namespace
-
-void USetVirtualReserveLimit(std::size_t limit) {
-  g_reserveLimit.store(limit, std::memory_order_relaxed);
-}
-
-void USetGlobalMemoryStatusOverride(const UMEMORYSTATUS* status) {
-  std::lock_guard<std::mutex> hold(g_lock);
-  if (status != nullptr) g_statusOverride = *status;
-  g_statusOverridden.store(status != nullptr, std::memory_order_release);
-  g_statusCached = false;
-}
+}  // namespace quarnel_internal

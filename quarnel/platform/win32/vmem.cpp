@@ -1,22 +1,15 @@
 #include "quarnel/platform/vmem.h"
 
-#include <atomic>
-#include <chrono>
 #include <cstring>
-#include <mutex>
 
 #include "quarnel/platform/faults.h"
+#include "quarnel/platform/internal/memstatus.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/win32/winapi.h"
 
 namespace {
 
 constexpr unsigned kErrNotEnoughMemory = 8;
-
-std::atomic<std::size_t> g_reserveLimit{0};
-std::mutex g_statusLock;
-std::atomic<bool> g_statusOverridden{false};
-UMEMORYSTATUS g_statusOverride{};
 
 void* Fail(unsigned winerr) {
   USetLastError(winerr);
@@ -33,7 +26,7 @@ void* UVirtualAlloc(void* addr, std::size_t size, unsigned type, unsigned protec
   if ((type & kMemCommit) != 0 && size != 0 && UShouldFail(UCall::kVirtualCommit, &winerr)) {
     return Fail(winerr);
   }
-  const std::size_t limit = g_reserveLimit.load(std::memory_order_relaxed);
+  const std::size_t limit = quarnel_internal::VirtualReserveLimit();
   if (reserves && limit != 0 && size > limit) return Fail(kErrNotEnoughMemory);
   return ::VirtualAlloc(addr, size, type, protect);
 }
@@ -54,14 +47,7 @@ std::size_t UVirtualPageSize() {
   return size;
 }
 
-namespace {
-
-// A reading of the real figures stays current for kStatusHold, as on Linux:
-// the growth check of every block asks for them.
-constexpr std::chrono::milliseconds kStatusHold{10};
-UMEMORYSTATUS g_statusCache{};
-std::chrono::steady_clock::time_point g_statusCacheTime{};
-bool g_statusCached = false;
+namespace quarnel_internal {
 
 void ReadMemoryStatus(UMEMORYSTATUS* status) {
   std::memset(status, 0, sizeof *status);
@@ -78,36 +64,4 @@ void ReadMemoryStatus(UMEMORYSTATUS* status) {
   status->dwAvailVirtual = static_cast<std::size_t>(ex.ullAvailVirtual);
 }
 
-}  // namespace
-
-void UGlobalMemoryStatus(UMEMORYSTATUS* status) {
-  if (status == nullptr) return;
-  {
-    std::lock_guard<std::mutex> hold(g_statusLock);
-    if (g_statusOverridden.load(std::memory_order_acquire)) {
-      *status = g_statusOverride;
-      status->dwLength = sizeof(UMEMORYSTATUS);
-    } else {
-      const auto now = std::chrono::steady_clock::now();
-      if (!g_statusCached || now - g_statusCacheTime >= kStatusHold) {
-        ReadMemoryStatus(&g_statusCache);
-        g_statusCacheTime = now;
-        g_statusCached = true;
-      }
-      *status = g_statusCache;
-    }
-  }
-  const std::size_t limit = g_reserveLimit.load(std::memory_order_relaxed);
-  if (limit != 0 && status->dwAvailVirtual > limit) status->dwAvailVirtual = limit;
-}
-
-void USetVirtualReserveLimit(std::size_t limit) {
-  g_reserveLimit.store(limit, std::memory_order_relaxed);
-}
-
-void USetGlobalMemoryStatusOverride(const UMEMORYSTATUS* status) {
-  std::lock_guard<std::mutex> hold(g_statusLock);
-  if (status != nullptr) g_statusOverride = *status;
-  g_statusOverridden.store(status != nullptr, std::memory_order_release);
-  g_statusCached = false;
-}
+}  // namespace quarnel_internal
