@@ -1,4 +1,5 @@
 // The map held in memory, its address index, and extent allocation.
+#include <algorithm>
 #include <cstring>
 
 #include "quarnel/chunk/internal/chimpl.h"
@@ -38,16 +39,13 @@ int ChunkStore::InsertAt(int at, const CHMapEntry& e) {
   slots.insert(slots.begin() + at, 0);
   for (int j = at + 1; j < mapCount; ++j)
     if (slots[static_cast<std::size_t>(j)]) handles[static_cast<std::size_t>(slots[j])].index = j;
-  if (Indexed(e)) ++addresses[e.address];
+  if (Indexed(e)) AddAddress(e.address);
   return 0;
 }
 
 void ChunkStore::EraseAt(int at) {
   CHMapEntry* m = Map();
-  if (Indexed(m[at])) {
-    auto it = addresses.find(m[at].address);
-    if (it != addresses.end() && --it->second == 0) addresses.erase(it);
-  }
+  if (Indexed(m[at])) DropAddress(m[at].address);
   std::memmove(m + at, m + at + 1,
                static_cast<std::size_t>(mapCount - at - 1) * sizeof(CHMapEntry));
   --mapCount;
@@ -58,18 +56,30 @@ void ChunkStore::EraseAt(int at) {
 
 void ChunkStore::SetAddress(int i, std::int64_t address) {
   CHMapEntry& e = At(i);
-  if (Indexed(e)) {
-    auto it = addresses.find(e.address);
-    if (it != addresses.end() && --it->second == 0) addresses.erase(it);
-  }
+  if (Indexed(e)) DropAddress(e.address);
   e.address = address;
-  if (Indexed(e)) ++addresses[address];
+  if (Indexed(e)) AddAddress(address);
+}
+
+void ChunkStore::AddAddress(std::int64_t address) {
+  // New extents mostly lie at the end of data: the append is the common case.
+  if (addresses.empty() || addresses.back() <= address) {
+    addresses.push_back(address);
+  } else {
+    addresses.insert(std::upper_bound(addresses.begin(), addresses.end(), address), address);
+  }
+}
+
+void ChunkStore::DropAddress(std::int64_t address) {
+  const auto it = std::lower_bound(addresses.begin(), addresses.end(), address);
+  if (it != addresses.end() && *it == address) addresses.erase(it);
 }
 
 void ChunkStore::IndexAddresses() {
   addresses.clear();
   for (int i = 0; i < mapCount; ++i)
-    if (Indexed(At(i))) ++addresses[At(i).address];
+    if (Indexed(At(i))) addresses.push_back(At(i).address);
+  std::sort(addresses.begin(), addresses.end());
 }
 
 int ChunkStore::SetMap(const CHMapEntry* entries, int count) {
@@ -92,8 +102,8 @@ void ChunkStore::ClearMap() {
 }
 
 std::int64_t ChunkStore::ExtentAt(std::int64_t address) const {
-  const auto next = addresses.lower_bound(address + header.granule);
-  return (next == addresses.end() ? header.endOfData : next->first) - address;
+  const auto next = std::lower_bound(addresses.begin(), addresses.end(), address + header.granule);
+  return (next == addresses.end() ? header.endOfData : *next) - address;
 }
 
 std::int64_t ChunkStore::Extent(int i) const {

@@ -8,6 +8,7 @@
 #include "quarnel/chunk/internal/chimpl.h"
 #include "quarnel/chunk/internal/chjournal.h"
 #include "quarnel/compress/hashblock.h"
+#include "quarnel/fileio/internal/fileat.h"
 #include "quarnel/fileio/location.h"
 #include "quarnel/fileio/tfile.h"
 #include "quarnel/foundation/debuglog.h"
@@ -177,10 +178,9 @@ int ChunkStore::Save(bool quick, const char* member) {
               ? WriteChunk(s.entry, s.to, Extent(s.entry), held[s.entry])
               : MoveBytes(s.from, s.to, s.length, &buffer, piece);
   }
-  if (err == 0 && done.mapSize > 0) err = file->SetPosFromBegin(static_cast<std::uint64_t>(end));
   if (err == 0 && done.mapSize > 0) {
-    unsigned count = image.GetSize();
-    err = file->Write(&count, image.MemPtr());
+    const UFileSpan span{image.MemPtr(), image.GetSize()};
+    err = FileWriteAt(file, end, &span, 1);
   }
   if (err == 0) err = file->SetEOF(static_cast<std::uint64_t>(newLength));
   if (err == 0) err = WriteHeader(done);
