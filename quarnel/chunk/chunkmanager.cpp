@@ -29,8 +29,11 @@ int ChunkStore::SlotOf(const TMemory* h) const {
 
 int ChunkStore::Register(TMemory* h, int index) {
   try {
-    handles.reserve(handles.size() + 1);
-    slotOf.reserve(slotOf.size() + 1);
+    // Room for one more, growing geometrically: the insertions below cannot throw.
+    if (handles.size() == handles.capacity()) handles.reserve(handles.size() * 2);
+    if (static_cast<float>(slotOf.size() + 1) >
+        static_cast<float>(slotOf.bucket_count()) * slotOf.max_load_factor())
+      slotOf.reserve((slotOf.size() + 1) * 2);
   } catch (const std::bad_alloc&) {
     DebugLogf(kLogInternalData, "chAddHandle: not enough memory, %E", kErrMemNotObtained);
     return kErrMemNotObtained;
