@@ -79,7 +79,8 @@ void ChunkStore::IndexAddresses() {
   addresses.clear();
   for (int i = 0; i < mapCount; ++i)
     if (Indexed(At(i))) addresses.push_back(At(i).address);
-  std::sort(addresses.begin(), addresses.end());
+  if (!std::is_sorted(addresses.begin(), addresses.end()))
+    std::sort(addresses.begin(), addresses.end());
 }
 
 int ChunkStore::SetMap(const CHMapEntry* entries, int count) {
@@ -102,8 +103,26 @@ void ChunkStore::ClearMap() {
 }
 
 std::int64_t ChunkStore::ExtentAt(std::int64_t address) const {
-  const auto next = std::lower_bound(addresses.begin(), addresses.end(), address + header.granule);
-  return (next == addresses.end() ? header.endOfData : *next) - address;
+  // Extents are mostly asked for in address order: the answer usually lies
+  // a step or two after the last one; else it is searched for.
+  const std::int64_t limit = address + header.granule;
+  const std::size_t n = addresses.size();
+  std::size_t at = extentHint;
+  bool found = false;
+  if (at >= 1 && at <= n && addresses[at - 1] < limit) {
+    for (int step = 0; step < 4 && !found; ++step) {
+      if (at == n || addresses[at] >= limit) {
+        found = true;
+      } else {
+        ++at;
+      }
+    }
+  }
+  if (!found)
+    at = static_cast<std::size_t>(std::lower_bound(addresses.begin(), addresses.end(), limit) -
+                                  addresses.begin());
+  extentHint = at;
+  return (at == n ? header.endOfData : addresses[at]) - address;
 }
 
 std::int64_t ChunkStore::Extent(int i) const {

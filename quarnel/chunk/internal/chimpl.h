@@ -77,6 +77,7 @@ struct ChunkStore {
   int mapCapacity = 0;
   std::vector<int> slots;                       // per map entry: its handle slot, 0 for none
   std::vector<std::int64_t> addresses;          // of every non-head entry with space, sorted
+  mutable std::size_t extentHint = 0;           // where the last extent search ended
   std::vector<Pair> handles{Pair{nullptr, 0}};  // slot 0 unused
   std::unordered_map<const TMemory*, int> slotOf;
   CHFileHeader header{};
