@@ -147,6 +147,8 @@ struct ChunkStore {
 
   // Saving (chsave.cpp).
   int Save(bool quick, const char* member);
+  int MapChanges(const TMemory& image, std::int64_t at, std::int64_t compareEnd, TMemory* buffer,
+                 unsigned piece, std::vector<FileRange>* out);
   int Copy(TFile* dest, bool append, const char* member);
 };
 
