@@ -345,43 +345,45 @@ int TransferAt(UFileObject* f, iovec* iov, int pieces, std::uint64_t offset, uns
 
 }  // namespace
 
-int UReadFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
-                unsigned* read) {
-  if (read) *read = 0;
-  UFileObject* f = DataFile(file, UCall::kReadFile, kAccessRead);
-  if (f == nullptr) return 0;
+namespace {
+
+// A positioned call: the handle and the spans checked, then the transfer;
+// a write is recorded on the simulated disk as one write of all its bytes.
+int PositionedCall(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
+                   unsigned* done, bool write) {
+  if (done) *done = 0;
+  UFileObject* f = write ? DataFile(file, UCall::kWriteFile, kAccessWrite)
+                         : DataFile(file, UCall::kReadFile, kAccessRead);
   iovec iov[kMaxSpans];
   int pieces = 0;
-  if (!SpanVector(spans, count, iov, &pieces)) return 0;
-  unsigned done = 0;
-  const int ok = TransferAt(f, iov, pieces, offset, &done, false);
-  if (read) *read = done;
+  if (f == nullptr || !SpanVector(spans, count, iov, &pieces)) return 0;
+  unsigned moved = 0;
+  int ok = 0;
+  if (!write || !DiskRecording()) {
+    ok = TransferAt(f, iov, pieces, offset, &moved, write);
+  } else {
+    DiskTouch(f->host);
+    std::string bytes;
+    for (int i = 0; i < pieces; ++i)
+      bytes.append(static_cast<const char*>(iov[i].iov_base), iov[i].iov_len);
+    iovec whole{bytes.data(), bytes.size()};
+    ok = TransferAt(f, &whole, bytes.empty() ? 0 : 1, offset, &moved, true);
+    DiskNoteWrite(f->host, offset, bytes.data(), moved);
+  }
+  if (done) *done = moved;
   return ok;
+}
+
+}  // namespace
+
+int UReadFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
+                unsigned* read) {
+  return PositionedCall(file, spans, count, offset, read, false);
 }
 
 int UWriteFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
                  unsigned* written) {
-  if (written) *written = 0;
-  UFileObject* f = DataFile(file, UCall::kWriteFile, kAccessWrite);
-  if (f == nullptr) return 0;
-  iovec iov[kMaxSpans];
-  int pieces = 0;
-  if (!SpanVector(spans, count, iov, &pieces)) return 0;
-  unsigned done = 0;
-  if (!DiskRecording()) {
-    const int ok = TransferAt(f, iov, pieces, offset, &done, true);
-    if (written) *written = done;
-    return ok;
-  }
-  DiskTouch(f->host);
-  std::string bytes;
-  for (int i = 0; i < pieces; ++i)
-    bytes.append(static_cast<const char*>(iov[i].iov_base), iov[i].iov_len);
-  iovec whole{bytes.data(), bytes.size()};
-  const int ok = TransferAt(f, &whole, bytes.empty() ? 0 : 1, offset, &done, true);
-  DiskNoteWrite(f->host, offset, bytes.data(), done);
-  if (written) *written = done;
-  return ok;
+  return PositionedCall(file, spans, count, offset, written, true);
 }
 
 int UReadFile(UHANDLE file, void* buffer, unsigned count, unsigned* read) {

@@ -201,7 +201,7 @@ int TransferAt(HANDLE h, const UFileSpan* spans, int count, std::uint64_t offset
     DWORD n = 0;
     const BOOL ok = write ? ::WriteFile(h, spans[i].data, spans[i].count, &n, &position)
                           : ::ReadFile(h, spans[i].data, spans[i].count, &n, &position);
-    *done += n;
+    if (done) *done += n;
     at += n;
     if (!ok) {
       if (!write && ::GetLastError() == ERROR_HANDLE_EOF) return 1;
@@ -218,22 +218,14 @@ int UReadFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t o
                 unsigned* read) {
   if (read) *read = 0;
   const HANDLE h = DataHandle(file, UCall::kReadFile);
-  if (h == nullptr) return 0;
-  unsigned done = 0;
-  const int ok = TransferAt(h, spans, count, offset, &done, false);
-  if (read) *read = done;
-  return ok;
+  return h != nullptr && TransferAt(h, spans, count, offset, read, false);
 }
 
 int UWriteFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
                  unsigned* written) {
   if (written) *written = 0;
   const HANDLE h = DataHandle(file, UCall::kWriteFile);
-  if (h == nullptr) return 0;
-  unsigned done = 0;
-  const int ok = TransferAt(h, spans, count, offset, &done, true);
-  if (written) *written = done;
-  return ok;
+  return h != nullptr && TransferAt(h, spans, count, offset, written, true);
 }
 
 unsigned USetFilePointer(UHANDLE file, std::int32_t low, std::int32_t* high, unsigned method) {
