@@ -177,6 +177,57 @@ int UWriteFile(UHANDLE file, const void* buffer, unsigned count, unsigned* writt
   return ok ? 1 : 0;
 }
 
+namespace {
+
+// Reads or writes the spans one by one at their places, each through an
+// OVERLAPPED position on the synchronous handle; a read stops at the end of
+// the file.
+int TransferAt(HANDLE h, const UFileSpan* spans, int count, std::uint64_t offset, unsigned* done,
+               bool write) {
+  if (count < 0 || count > 16 || (spans == nullptr && count > 0))
+    return Refuse(ERROR_INVALID_PARAMETER);
+  std::uint64_t total = 0;
+  for (int i = 0; i < count; ++i) {
+    if (spans[i].data == nullptr && spans[i].count > 0) return Refuse(ERROR_NOACCESS);
+    total += spans[i].count;
+  }
+  if (total > 0xFFFFFFFFu) return Refuse(ERROR_INVALID_PARAMETER);
+  std::uint64_t at = offset;
+  for (int i = 0; i < count; ++i) {
+    if (spans[i].count == 0) continue;
+    OVERLAPPED position{};
+    position.Offset = static_cast<DWORD>(at & 0xFFFFFFFFu);
+    position.OffsetHigh = static_cast<DWORD>(at >> 32);
+    DWORD n = 0;
+    const BOOL ok = write ? ::WriteFile(h, spans[i].data, spans[i].count, &n, &position)
+                          : ::ReadFile(h, spans[i].data, spans[i].count, &n, &position);
+    if (done) *done += n;
+    at += n;
+    if (!ok) {
+      if (!write && ::GetLastError() == ERROR_HANDLE_EOF) return 1;
+      return 0;
+    }
+    if (n < spans[i].count) return 1;
+  }
+  return 1;
+}
+
+}  // namespace
+
+int UReadFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
+                unsigned* read) {
+  if (read) *read = 0;
+  const HANDLE h = DataHandle(file, UCall::kReadFile);
+  return h != nullptr && TransferAt(h, spans, count, offset, read, false);
+}
+
+int UWriteFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
+                 unsigned* written) {
+  if (written) *written = 0;
+  const HANDLE h = DataHandle(file, UCall::kWriteFile);
+  return h != nullptr && TransferAt(h, spans, count, offset, written, true);
+}
+
 unsigned USetFilePointer(UHANDLE file, std::int32_t low, std::int32_t* high, unsigned method) {
   const HANDLE h = DataHandle(file, UCall::kSetFilePointer);
   if (h == nullptr) return kInvalidSetFilePointer;
