@@ -575,7 +575,6 @@ TEST_F(Chunks, FaultsDuringASaveLeaveTheLastSavedState) {
 // part-way (and rolls back): every file a crash can leave there opens in
 // exactly the old saved state or exactly the new one.
 TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
-  QUARNEL_LINUX_ONLY("the simulated disk records the Linux build's file layer");
   struct Mode {
     const char* name;
     bool quick;

@@ -127,9 +127,7 @@ std::vector<std::map<std::string, std::string>> JsonChunks(const std::string& js
 }
 
 TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
-  QUARNEL_LINUX_ONLY(
-      "qn runs through the POSIX shell; the simulated disk records the Linux build's "
-      "file layer");
+  QUARNEL_LINUX_ONLY("qn runs through the POSIX shell");
   WriteHost(Host(u"C:\\nine.txt"), "123456789");
   WriteHost(Host(u"C:\\empty.bin"), "");
   std::string random(5000, '\0');
@@ -370,9 +368,7 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
 // Salvage rebuilds every chunk whose bytes survived (compared with what the
 // store held) and invents none.
 TEST_F(Qn, SalvageRecoversWhatSurvived) {
-  QUARNEL_LINUX_ONLY(
-      "qn runs through the POSIX shell; the simulated disk records the Linux build's "
-      "file layer");
+  QUARNEL_LINUX_ONLY("qn runs through the POSIX shell");
   std::mt19937 rng(11);
   Content before;
   const int types[] = {kText, kNums, kPict};
