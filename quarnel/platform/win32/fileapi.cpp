@@ -287,7 +287,25 @@ int UWriteFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t 
                  unsigned* written) {
   if (written) *written = 0;
   const HANDLE h = DataHandle(file, UCall::kWriteFile);
-  return h != nullptr && TransferAt(h, spans, count, offset, written, true);
+  if (h == nullptr) return 0;
+  const std::string disk = DiskRecording() ? DiskFileOf(h) : std::string();
+  if (disk.empty() || count < 0 || count > 16 || spans == nullptr)
+    return TransferAt(h, spans, count, offset, written, true);
+  // While the disk is simulated the pieces go out as one write, recorded as one.
+  std::string bytes;
+  for (int i = 0; i < count; ++i) {
+    if (spans[i].data == nullptr && spans[i].count > 0) return Refuse(ERROR_NOACCESS);
+    bytes.append(static_cast<const char*>(spans[i].data), spans[i].count);
+  }
+  DiskTouch(disk);
+  const UFileSpan whole{bytes.data(), static_cast<unsigned>(bytes.size())};
+  unsigned moved = 0;
+  const int ok = TransferAt(h, &whole, bytes.empty() ? 0 : 1, offset, &moved, true);
+  const DWORD err = ::GetLastError();
+  DiskNoteWrite(disk, offset, bytes.data(), moved);
+  if (written) *written = moved;
+  ::SetLastError(err);
+  return ok;
 }
 
 unsigned USetFilePointer(UHANDLE file, std::int32_t low, std::int32_t* high, unsigned method) {
