@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <sstream>
 #include <string>
@@ -592,6 +589,13 @@ TEST_F(ResmgrTest, IconSizesFollowTheDisplayScale) {
   EXPECT_EQ(GetGlobalScaleFactor(), 1500);
 }
 
+// An image's kind, width, height, hot spot, size, the first byte of its
+// header and the first byte past it.
+std::vector<long> Fields(const RMImage* i) {
+  if (i == nullptr) return {};
+  return {i->kind, i->width, i->height, i->hotX, i->hotY, i->size, i->bytes[0], i->bytes[40]};
+}
+
 // The icon image of the size chosen: each test image is a 40-byte header and
 // eight bytes holding its size.
 TEST_F(ResmgrTest, IconsCursorsAndBitmaps) {
@@ -614,15 +618,12 @@ TEST_F(ResmgrTest, IconsCursorsAndBitmaps) {
     int shared = -1;
     const RMImage* icon = RMGetIcon(20020, 0, row.scaled, row.best, &size, &shared);
     ASSERT_NE(icon, nullptr);
-    EXPECT_EQ(size.x, row.size);
-    EXPECT_EQ(size.y, row.size);
-    EXPECT_EQ(shared, 0);
-    EXPECT_EQ(icon->kind, kRMImageIcon);
-    EXPECT_EQ(icon->width, row.size);
-    ASSERT_EQ(icon->size, 48u);
-    EXPECT_EQ(icon->bytes[4], row.image);  // the header's width
-    // The fill byte reads as the size written in hexadecimal digits (0x16 for 16).
-    EXPECT_EQ(icon->bytes[40], std::stoi(std::to_string(row.image), nullptr, 16));
+    EXPECT_EQ(size.x * 1000 + size.y * 10 + shared, row.size * 1010);
+    // The header's width is the image's; the fill byte reads as its size
+    // written in hexadecimal digits (0x16 for 16).
+    EXPECT_EQ(Fields(icon), (std::vector<long>{kRMImageIcon, row.size, row.size, 0, 0, 48, 40,
+                                               std::stoi(std::to_string(row.image), nullptr, 16)}));
+    EXPECT_EQ(icon->bytes[4], row.image);
     RMDestroyImage(icon);
   }
   SetGlobalScaleFactor(1000);
@@ -641,35 +642,19 @@ TEST_F(ResmgrTest, IconsCursorsAndBitmaps) {
     EXPECT_EQ(std::vector<long>({s->id, shared, size.x, s->bytes == nullptr}),
               std::vector<long>({system, 1, 32, 1}));
   }
-  TString name(u"appicon");
+  TString name(u"appicon"), nobody(u"nobody"), logo(u"LOGO");
   const RMImage* named = RMGetNamedIcon(&name, 0);
-  ASSERT_NE(named, nullptr);
-  EXPECT_EQ(named->width, 16);
-  EXPECT_EQ(named->bytes[40], 0x16);
+  EXPECT_EQ(Fields(named), (std::vector<long>{kRMImageIcon, 16, 16, 0, 0, 48, 40, 0x16}));
   RMDestroyImage(named);
-  TString nobody(u"nobody");
   EXPECT_EQ(RMGetNamedIcon(&nobody, 0), nullptr);
 
   const RMImage* bitmap = RMGetBitmap(20030);
-  ASSERT_NE(bitmap, nullptr);
-  EXPECT_EQ(bitmap->kind, kRMImageBitmap);
-  EXPECT_EQ(bitmap->width * 100 + bitmap->height, 302);
-  EXPECT_EQ(bitmap->size, 64u);
-  EXPECT_EQ(bitmap->bytes[0], 40);
+  EXPECT_EQ(Fields(bitmap), (std::vector<long>{kRMImageBitmap, 3, 2, 0, 0, 64, 40, 0}));
   EXPECT_EQ(RMGetBitmap(20030), bitmap);
-  TString logo(u"LOGO");
-  const RMImage* named2 = RMGetNamedBitmap(&logo);
-  ASSERT_NE(named2, nullptr);
-  EXPECT_EQ(named2->size, 64u);
+  EXPECT_EQ(Fields(RMGetNamedBitmap(&logo)), Fields(bitmap));
   EXPECT_EQ(RMGetBitmap(20031), nullptr);
-
-  const RMImage* cursor = RMGetCursor(20040);
-  ASSERT_NE(cursor, nullptr);
-  EXPECT_EQ(cursor->kind, kRMImageCursor);
-  EXPECT_EQ(cursor->width * 100 + cursor->height, 3232);
-  EXPECT_EQ(cursor->hotX * 100 + cursor->hotY, 507);
-  EXPECT_EQ(cursor->size, 48u);
-  EXPECT_EQ(cursor->bytes[40], 0xC2);
+  EXPECT_EQ(Fields(RMGetCursor(20040)),
+            (std::vector<long>{kRMImageCursor, 32, 32, 5, 7, 48, 40, 0xC2}));
   EXPECT_EQ(RMGetCursor(20041), nullptr);
 
   // Unloading the module takes its shared images with it.
