@@ -212,38 +212,67 @@ TEST_F(ResmgrTest, ModulesAsBuilt) {
             "badranges 500..400 -5..-3\n");
 }
 
-// Id resources that cannot be used: each load fails with its code and line,
-// and the module does not stay loaded.
-TEST_F(ResmgrTest, RefusesUnusableIdResources) {
+// Modules that cannot be used: loading and checking refuse them alike, each
+// naming itself where a line has "@", and neither leaves them loaded nor
+// changes the ranges.
+TEST_F(ResmgrTest, RefusesUnusableModules) {
+  const std::string text = QUARNEL_TEST_DATA_DIR "/resources/not_a_module.txt";
+  const std::string failed = "515 @: CheckPersist(\"", fallback = "\") failed, " + kHostFallback;
+  enum { kBoth, kLoad, kCheck };
   const struct {
-    const char* module;
+    int which;
+    std::string name;
     int err;
-    const char* line;  // after "DLLoadLib: "
+    std::string lines;
   } rows[] = {
-      {"small", kErrModuleUnusable, "id resource in \"%s\" too small"},
-      {"badsig", kErrPersistWrongSignature, "CheckPersist(\"%s\") failed, Host fallback message"},
-      {"swapped", kErrPersistOtherByteOrder, "CheckPersist(\"%s\") failed, Host fallback message"},
-      {"oldver", kErrPersistTooOld, "CheckPersist(\"%s\") failed, Host fallback message"},
+      {kCheck, Path("full"), kErrNone, ""},
+      {kCheck, Path("noid"), kErrNone, ""},
+      {kCheck, Path("nosyms"), kErrNone, ""},
+      {kCheck, Path("noid2"), kErrModuleUnusable,
+       "515 @: no resource 10002 in \"" + Path("noid2") + "\"\n"},
+      {kBoth, Path("small"), kErrModuleUnusable,
+       "515 @: id resource in \"" + Path("small") + "\" too small\n"},
+      {kBoth, Path("badsig"), kErrPersistWrongSignature, failed + Path("badsig") + fallback + "\n"},
+      {kBoth, Path("swapped"), kErrPersistOtherByteOrder,
+       failed + Path("swapped") + fallback + "\n"},
+      {kLoad, Path("oldver"), kErrPersistTooOld, failed + Path("oldver") + fallback + "\n"},
+      {kCheck, text, kErrModuleUnusable,
+       "516 @: ULoadLibraryEx(\"" + text + "\") failed, os error 193\n"},
+      {kCheck, Path("corrupt"), kErrModuleUnusable,
+       "516 @: ULoadLibraryEx(\"" + Path("corrupt") + "\") failed, os error 13\n"},
+      {kCheck, "qnt_nowhere.dll", kErrModuleUnusable,
+       "516 @: ULoadLibraryEx(\"qnt_nowhere.dll\") failed, os error 2\n"},
+      {kLoad, "qnt_no_such_module.dll", kErrModuleUnusable,
+       "516 @: ULoadLibrary(\"qnt_no_such_module.dll\") failed, os error 126 \n"},
+      {kLoad, text, kErrModuleUnusable,
+       "516 @: ULoadLibrary(\"" + text + "\") failed, os error 193 \n"},
+      {kLoad, Path("corrupt"), kErrModuleUnusable,
+       "516 @: ULoadLibrary(\"" + Path("corrupt") + "\") failed, os error 13 \n"},
+      // The id resource that cannot be read.
+      {kBoth, Path("full"), kErrModuleUnusable,
+       "514 @: Load/Lock id resource failed for \"" + Path("full") + "\", os error 1,812\n"},
   };
   const std::string rangesBefore = Ranges();
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.module);
-    ClearRecords();
-    EXPECT_EQ(DL(Path(row.module)), row.err);
-    char line[512];
-    std::snprintf(line, sizeof line, row.line, Path(row.module).c_str());
-    EXPECT_EQ(Logged(), std::string("515 DLLoadLib: ") + line + "\n");
-    EXPECT_FALSE(IsLoaded(Path(row.module)));
+  for (const std::string function : {"DLLoadLib", "DLCheckLib"}) {
+    const bool load = function == "DLLoadLib";
+    for (const auto& row : rows) {
+      if (row.which == (load ? kCheck : kLoad)) continue;
+      if (kOnWindows && row.name == Path("corrupt")) continue;  // the Linux build's own container
+      SCOPED_TRACE(function + " " + row.name);
+      ClearRecords();
+      if (row.lines.starts_with("514")) UFailCall(UCall::kLoadResource, 1, 1812);
+      EXPECT_EQ(load ? DL(row.name) : Check(row.name), row.err);
+      std::string lines = row.lines;
+      for (std::size_t at; (at = lines.find('@')) != std::string::npos;)
+        lines.replace(at, 1, function);
+      EXPECT_EQ(Logged(), lines);
+      EXPECT_FALSE(IsLoaded(row.name));
+    }
   }
   EXPECT_EQ(Ranges(), rangesBefore);
-
-  // The id resource that cannot be read.
   ClearRecords();
-  UFailCall(UCall::kLoadResource, 1, 1812);
-  EXPECT_EQ(DL(Path("full")), kErrModuleUnusable);
-  EXPECT_EQ(Logged(), "514 DLLoadLib: Load/Lock id resource failed for \"" + Path("full") +
-                          "\", os error 1,812\n");
-  EXPECT_FALSE(IsLoaded(Path("full")));
+  Unload("qnt_never_loaded.dll");
+  EXPECT_EQ(Logged(), "515 DLUnloadLib: \"qnt_never_loaded.dll\" wasn't loaded!\n");
 }
 
 TEST_F(ResmgrTest, LoadingAnEnteredModuleAgain) {
@@ -286,64 +315,6 @@ TEST_F(ResmgrTest, LoadingAnEnteredModuleAgain) {
   HMODULE still = UGetModuleHandle(T(Path("full")).Text());
   ASSERT_NE(still, nullptr);
   EXPECT_EQ(UFreeLibrary(still), 1);
-}
-
-TEST_F(ResmgrTest, ChecksModuleFilesWithoutEnteringThem) {
-  const std::string text = QUARNEL_TEST_DATA_DIR "/resources/not_a_module.txt";
-  const std::string rangesBefore = Ranges();
-  const std::string failed = "DLCheckLib: CheckPersist(\"";
-  const struct {
-    std::string name;
-    int err;
-    std::string lines;
-  } rows[] = {
-      {Path("full"), kErrNone, ""},
-      {Path("noid"), kErrNone, ""},
-      {Path("nosyms"), kErrNone, ""},
-      {Path("noid2"), kErrModuleUnusable,
-       "515 DLCheckLib: no resource 10002 in \"" + Path("noid2") + "\"\n"},
-      {Path("small"), kErrModuleUnusable,
-       "515 DLCheckLib: id resource in \"" + Path("small") + "\" too small\n"},
-      {Path("badsig"), kErrPersistWrongSignature,
-       "515 " + failed + Path("badsig") + "\") failed, " + kHostFallback + "\n"},
-      {Path("swapped"), kErrPersistOtherByteOrder,
-       "515 " + failed + Path("swapped") + "\") failed, " + kHostFallback + "\n"},
-      {text, kErrModuleUnusable,
-       "516 DLCheckLib: ULoadLibraryEx(\"" + text + "\") failed, os error 193\n"},
-      {Path("corrupt"), kErrModuleUnusable,
-       "516 DLCheckLib: ULoadLibraryEx(\"" + Path("corrupt") + "\") failed, os error 13\n"},
-      {"qnt_nowhere.dll", kErrModuleUnusable,
-       "516 DLCheckLib: ULoadLibraryEx(\"qnt_nowhere.dll\") failed, os error 2\n"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    if (kOnWindows && row.name == Path("corrupt")) continue;  // the Linux build's own container
-    ClearRecords();
-    EXPECT_EQ(Check(row.name), row.err);
-    EXPECT_EQ(Logged(), row.lines);
-    EXPECT_FALSE(IsLoaded(row.name));
-  }
-  EXPECT_EQ(Ranges(), rangesBefore);
-  // The id resource that cannot be read.
-  ClearRecords();
-  UFailCall(UCall::kLoadResource, 1, 1812);
-  EXPECT_EQ(Check(Path("full")), kErrModuleUnusable);
-  EXPECT_EQ(Logged(), "514 DLCheckLib: Load/Lock id resource failed for \"" + Path("full") +
-                          "\", os error 1,812\n");
-
-  // Loads the platform refuses, and an unload of what was never loaded.
-  for (auto [name, os] : {std::pair{std::string("qnt_no_such_module.dll"), 126},
-                          {text, 193},
-                          {Path("corrupt"), 13}}) {
-    if (kOnWindows && os == 13) continue;  // the Linux build's own container
-    ClearRecords();
-    EXPECT_EQ(DL(name), kErrModuleUnusable);
-    EXPECT_EQ(Logged(), "516 DLLoadLib: ULoadLibrary(\"" + name + "\") failed, os error " +
-                            std::to_string(os) + " \n");
-  }
-  ClearRecords();
-  Unload("qnt_never_loaded.dll");
-  EXPECT_EQ(Logged(), "515 DLUnloadLib: \"qnt_never_loaded.dll\" wasn't loaded!\n");
 }
 
 // RMGetKList: the default module, then the host (its registered lists, then
