@@ -41,20 +41,16 @@ class DataBufferTest : public RecordingTest {
 
 Bytes Contents(const TMemory& m) { return Bytes(m.MemPtr(), m.MemPtr() + m.GetSize()); }
 
+// The model test below checks the addresses of what it adds; these pin the
+// count around partial records and the unchecked PointAt.
 TEST_F(DataBufferTest, CountAndAddressesFollowTheSize) {
   TDataBuffer b(12);
-  EXPECT_EQ(b.ElementSize(), 12u);
-  ASSERT_EQ(b.SetSize(36), 0);
+  ASSERT_EQ(b.SetSize(40), 0);  // a partial record does not count
   EXPECT_EQ(b.Count(), 3u);
-  auto* base = b.MemPtr();
-  EXPECT_EQ(b.GetAt(0), base);
-  EXPECT_EQ(b.GetAt(2), base + 24);
-  EXPECT_EQ(b.Enum(2), base + 24);
+  EXPECT_EQ(b.Enum(2), b.MemPtr() + 24);
   EXPECT_EQ(b.GetAt(3), nullptr);
   EXPECT_EQ(b.Enum(3), nullptr);
-  EXPECT_EQ(b.PointAt(5), base + 60);  // unchecked
-  ASSERT_EQ(b.SetSize(40), 0);         // a partial record does not count
-  EXPECT_EQ(b.Count(), 3u);
+  EXPECT_EQ(b.PointAt(5), b.MemPtr() + 60);  // unchecked
   ASSERT_EQ(b.SetCount(5), 0);
   EXPECT_EQ(b.GetSize(), 60u);
   EXPECT_EQ(Asserted(), "");
