@@ -426,50 +426,46 @@ TEST_F(TMemoryTest, FailedCallsLeaveTheBlockAsItWas) {
   }
 }
 
+// A platform call refused once or twice: the resize still succeeds, on the
+// heap or in virtual memory, with the bytes it held.
 TEST_F(TMemoryTest, FallbacksWhenThePlatformRefusesOnce) {
   const std::string noPurge = "517 tmemPurgeBlocks: purged Zero K (0 blocks)\n";
-  // The heap refuses twice: the block goes to virtual memory with its bytes.
-  TMemory m(1);
-  ASSERT_EQ(m.SetSize(500), 0);
-  Fill(m, 50);
-  UFailCall(UCall::kHeapAlloc, 1, 8, 2);
-  ASSERT_EQ(m.SetSize(5000), 0);
-  EXPECT_EQ(m.ReservedBytes(), 8 * kMiB);
-  EXPECT_EQ(m.CommittedBytes(), 512 * kKiB);
-  EXPECT_EQ(FirstMismatch(m, 50, 0, 500), -1);
-  EXPECT_EQ(FirstNonZero(m, 500, 5000), -1);
-  EXPECT_EQ(Logged(), noPurge + "516 TMemory::mhalloc: MemHeap[Re]Alloc(5,000) failed\n");
-
-  // Once: the retry gets it.
-  ClearRecords();
-  TMemory h(1);
-  ASSERT_EQ(h.SetSize(900), 0);
-  Fill(h, 51);
-  UFailCall(UCall::kHeapAlloc, 1, 8, 1);
-  ASSERT_EQ(h.SetSize(3000), 0);
-  EXPECT_FALSE(h.IsInline());
-  EXPECT_EQ(h.ReservedBytes(), 0u);
-  EXPECT_EQ(FirstMismatch(h, 51, 0, 900), -1);
-  EXPECT_EQ(Logged(), noPurge);
-
-  // A heap block whose reallocation fails moves to virtual memory.
-  Fill(h, 52);
-  UFailCall(UCall::kHeapReAlloc, 1, 8, 2);
-  ASSERT_EQ(h.SetSize(9000), 0);
-  EXPECT_EQ(h.ReservedBytes(), 8 * kMiB);
-  EXPECT_EQ(FirstMismatch(h, 52, 0, 3000), -1);
-  EXPECT_EQ(FirstNonZero(h, 3000, 9000), -1);
-
-  // The doubled reservation is refused, the bare commitment is not. (With
-  // the machine's ample address space MemAvail reserves nothing.)
-  ClearRecords();
-  TMemory v(1);
-  UFailCall(UCall::kVirtualReserve, 1, 8, 1);
-  ASSERT_EQ(v.SetSize(2 * kMiB), 0);
-  EXPECT_EQ(v.ReservedBytes(), 2 * kMiB);
-  EXPECT_EQ(v.CommittedBytes(), 2 * kMiB);
-  EXPECT_EQ(Logged(), noPurge);
-  ExpectCounters({&m, &h, &v});
+  const struct {
+    unsigned from, to;
+    UCall call;
+    int times;
+    unsigned reserved, committed;
+    std::string lines;
+  } rows[] = {
+      // The heap refuses twice: the block goes to virtual memory.
+      {500, 5000, UCall::kHeapAlloc, 2, 8 * kMiB, 512 * kKiB,
+       noPurge + "516 TMemory::mhalloc: MemHeap[Re]Alloc(5,000) failed\n"},
+      // Once: the retry gets it.
+      {900, 3000, UCall::kHeapAlloc, 1, 0, 0, noPurge},
+      // A heap block whose reallocation fails moves to virtual memory.
+      {3000, 9000, UCall::kHeapReAlloc, 2, 8 * kMiB, 512 * kKiB,
+       noPurge + "516 TMemory::mhalloc: MemHeap[Re]Alloc(9,000) failed\n"},
+      // The doubled reservation is refused, the bare commitment is not. (With
+      // the machine's ample address space MemAvail reserves nothing.)
+      {0, 2 * kMiB, UCall::kVirtualReserve, 1, 2 * kMiB, 2 * kMiB, noPurge},
+  };
+  unsigned seed = 50;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.to);
+    TMemory m(1);
+    ASSERT_EQ(m.SetSize(row.from), 0);
+    Fill(m, ++seed);
+    ClearRecords();
+    UFailCall(row.call, 1, 8, row.times);
+    ASSERT_EQ(m.SetSize(row.to), 0);
+    UClearFaults();
+    EXPECT_EQ(m.ReservedBytes(), row.reserved);
+    EXPECT_EQ(m.CommittedBytes(), row.committed);
+    EXPECT_EQ(FirstMismatch(m, seed, 0, row.from), -1);
+    EXPECT_EQ(FirstNonZero(m, row.from, row.to), -1);
+    EXPECT_EQ(Logged(), row.lines);
+    ExpectCounters({&m});
+  }
 }
 
 TEST_F(TMemoryTest, MisuseAssertsAndGoesOn) {
