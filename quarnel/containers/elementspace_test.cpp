@@ -388,26 +388,28 @@ class Driver {
 
   std::vector<std::optional<Element>> model;
 
-  int LowestEmpty() const {
-    for (std::size_t i = 0; i < model.size(); ++i) {
-      if (!model[i]) return static_cast<int>(i) + 1;
-    }
-    return static_cast<int>(model.size()) + 1;
+  // Puts `bytes` where an addition goes, the lowest empty refnum, and
+  // returns that refnum.
+  int PlaceAtLowestEmpty(const std::string& bytes) {
+    std::size_t i = 0;
+    while (i < model.size() && model[i]) ++i;
+    if (i == model.size()) model.emplace_back();
+    model[i] = Element{bytes, false};
+    return static_cast<int>(i) + 1;
   }
   void DropTrailing() {
     while (!model.empty() && !model.back()) model.pop_back();
   }
-  int RandomLive() {
+  std::vector<int> Live() const {
     std::vector<int> live;
     for (std::size_t i = 0; i < model.size(); ++i) {
       if (model[i]) live.push_back(static_cast<int>(i) + 1);
     }
-    return live.empty() ? 0 : live[rng_() % live.size()];
+    return live;
   }
-  int LiveCount() const {
-    int n = 0;
-    for (auto& e : model) n += e ? 1 : 0;
-    return n;
+  int RandomLive() {
+    const std::vector<int> live = Live();
+    return live.empty() ? 0 : live[rng_() % live.size()];
   }
   int RandomSize() {
     const unsigned r = rng_() % 100;
@@ -424,15 +426,12 @@ class Driver {
   // One random operation; returns its name for failure messages.
   const char* Step() {
     const unsigned what = rng_() % 1000;
-    const bool crowded = LiveCount() > 120;
+    const bool crowded = Live().size() > 120;
     if (what < (crowded ? 150u : 300u)) {
       const int n = RandomSize();
       const bool null = rng_() % 4 == 0;
       const std::string bytes = null ? std::string(n, '\0') : RandomBytes(n);
-      const int expect = LowestEmpty();
-      EXPECT_EQ(es_->LmAdd(null ? nullptr : bytes.data(), n), expect);
-      if (expect > static_cast<int>(model.size())) model.resize(expect);
-      model[expect - 1] = Element{bytes, false};
+      EXPECT_EQ(es_->LmAdd(null ? nullptr : bytes.data(), n), PlaceAtLowestEmpty(bytes));
       return "add";
     }
     if (what < 420) {
@@ -454,11 +453,7 @@ class Driver {
     if (what < 500) {
       const int r = RandomLive();
       if (r == 0) return "dupe (none)";
-      const int expect = LowestEmpty();
-      EXPECT_EQ(es_->LmDupe(r), expect);
-      const std::string bytes = model[r - 1]->bytes;
-      if (expect > static_cast<int>(model.size())) model.resize(expect);
-      model[expect - 1] = Element{bytes, false};
+      EXPECT_EQ(es_->LmDupe(r), PlaceAtLowestEmpty(std::string(model[r - 1]->bytes)));
       return "dupe";
     }
     if (what < (crowded ? 850u : 700u)) {
