@@ -34,10 +34,7 @@ std::string Path(const std::string& module) {
   return kDir + "/libqnt_" + module + ".so";
 }
 
-TString T(const std::string& s) {
-  const std::u16string u(s.begin(), s.end());
-  return TString(u.c_str(), static_cast<short>(u.size()));
-}
+TString T(const std::string& s) { return TString(Utf16(s).c_str()); }
 
 std::string Load(int listId, unsigned key) {
   TString s;
@@ -53,17 +50,12 @@ unsigned KeyOf(const std::string& k) {
 
 class ResmgrTest : public RecordingTest {
  protected:
-  void SetUp() override {
-    RecordingTest::SetUp();
-    savedApp_ = QuarnelEnv()->appFolder;
-  }
   void TearDown() override {
     for (auto it = names_.rbegin(); it != names_.rend(); ++it) {
       TString name = T(*it);
       while (UGetModuleHandle(name.Text()) != nullptr) DLUnloadLib(&name);
     }
     SetGlobalScaleFactor(1000);
-    QuarnelEnv()->appFolder = savedApp_;
     RecordingTest::TearDown();
   }
 
@@ -110,7 +102,7 @@ class ResmgrTest : public RecordingTest {
   }
 
   std::vector<std::string> names_;
-  std::string savedApp_;
+  ScopedEnv env_;
 };
 
 // Loading and unloading a module enters and removes its ranges (ModulesAsBuilt
@@ -338,7 +330,7 @@ TEST_F(ResmgrTest, StringListSearchOrder) {
   EXPECT_EQ(Load(21000, Key("Who?")), "host");
 
   // The default resource module comes before the host.
-  QuarnelEnv()->appFolder = QUARNEL_VELLORES_DIR;
+  env_->appFolder = QUARNEL_VELLORES_DIR;
   ASSERT_EQ(DL("vellores.dll"), kErrNone);
   EXPECT_EQ(Load(16000, Key("0000")), "Unidentified error");
   EXPECT_EQ(Load(16000, Key("Host")), "");
