@@ -43,6 +43,17 @@ void SetWord(ElementSpace& es, int offset, int value) {
 
 int Slot(ElementSpace& es, int r) { return Word(es, 76 + 4 * r); }
 
+// The area's size, floor, start and end of the records, growth unit and free
+// room.
+std::vector<int> Room(ElementSpace& es) {
+  return {static_cast<int>(es.GetSize()),
+          Word(es, kFloor),
+          Word(es, kStart),
+          Word(es, kEnd),
+          Word(es, kUnit),
+          es.LmAvail()};
+}
+
 Bytes At(ElementSpace& es, int from, int n) {
   return Bytes(es.MemPtr() + from, es.MemPtr() + from + n);
 }
@@ -136,11 +147,7 @@ TEST_F(SpaceTest, GrowthMakesRoomForTheRequestAndOneUnit) {
   // 2,004 + 1 KiB are free, and the growth unit doubles.
   std::string data(2000, 'g');
   EXPECT_EQ(es.LmAdd(data.data(), 2000), 1);
-  EXPECT_EQ(es.GetSize(), 3112u);
-  EXPECT_EQ(Word(es, kEnd), 3112);
-  EXPECT_EQ(Word(es, kStart), 1108);
-  EXPECT_EQ(es.LmAvail(), 1108 - 84 - 4);
-  EXPECT_EQ(Word(es, kUnit), 2);
+  EXPECT_EQ(Room(es), (std::vector<int>{3112, 0, 1108, 3112, 2, 1108 - 84 - 4}));
   EXPECT_EQ(std::string(es.LmGet(1), 2000), data);
   // The next growth adds 2 KiB beyond the request, then 4 KiB, ...
   EXPECT_EQ(es.LmAdd(nullptr, 1500), 2);
@@ -256,9 +263,7 @@ TEST_F(SpaceTest, BadArgumentsAreRefusedAndLogged) {
 TEST_F(SpaceTest, ReserveKeepsRoomUntilCompressed) {
   ElementSpace es(0, 0);
   EXPECT_EQ(es.LmReserve(10000), 0);
-  EXPECT_EQ(es.GetSize(), 10084u);
-  EXPECT_EQ(Word(es, kFloor), 10084);
-  EXPECT_EQ(es.LmAvail(), 10000);
+  EXPECT_EQ(Room(es), (std::vector<int>{10084, 10084, 10084, 10084, 1, 10000}));
   // Removals compress but never shrink the area below the floor.
   for (int i = 0; i < 30; ++i) es.LmAdd(nullptr, 200);
   for (int r = 1; r <= 30; ++r) es.LmRemove(r);
@@ -266,18 +271,14 @@ TEST_F(SpaceTest, ReserveKeepsRoomUntilCompressed) {
   EXPECT_EQ(es.GetSize(), 10084u);
   // LmCompress clears the floor and shrinks to the content.
   EXPECT_EQ(es.LmCompress(), 0);
-  EXPECT_EQ(Word(es, kFloor), 0);
-  EXPECT_EQ(es.GetSize(), 84u);
-  EXPECT_EQ(es.LmAvail(), 0);
+  EXPECT_EQ(Room(es), (std::vector<int>{84, 0, 84, 84, 1, 0}));
 
   // Up to 1 MiB the request is cut so that the area stays within it.
   EXPECT_EQ(es.LmReserve(2 << 20), 0);
-  EXPECT_EQ(es.GetSize(), 1048576u);
-  EXPECT_EQ(es.LmAvail(), 1048576 - 84);
+  EXPECT_EQ(Room(es), (std::vector<int>{1048576, 1048576, 1048576, 1048576, 1, 1048576 - 84}));
   // From 1 MiB on the area is left as it is and the floor is the smaller.
   EXPECT_EQ(es.LmReserve(5000), 0);
-  EXPECT_EQ(Word(es, kFloor), 5000);
-  EXPECT_EQ(es.GetSize(), 1048576u);
+  EXPECT_EQ(Room(es), (std::vector<int>{1048576, 5000, 1048576, 1048576, 1, 1048576 - 84}));
   EXPECT_EQ(es.LmReserve(0), 0);
   EXPECT_EQ(Word(es, kFloor), 0);
 
