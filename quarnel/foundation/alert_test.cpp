@@ -60,6 +60,18 @@ std::string Calls() {
   return out;
 }
 
+// Hooks that record their call as slot `kSlot` and answer `kAnswer`.
+template <int kSlot>
+int Plain(const TString* format, const Args* args) {
+  g_calls.push_back({kSlot, -1, Text(format), Words(args)});
+  return 0;
+}
+template <int kSlot, int kAnswer>
+int Styled(int style, const TString* format, const Args* args) {
+  g_calls.push_back({kSlot, style, Text(format), Words(args)});
+  return kAnswer;
+}
+
 class AlertTest : public RecordingTest {
  protected:
   void SetUp() override {
@@ -216,14 +228,8 @@ TEST_F(AlertTest, HeadlessBoxAnswersTheDefaultButton) {
 }
 
 TEST_F(AlertTest, AlertHooksReceiveFormatStyleAndArguments) {
-  HookAlertf(0, [](const TString* f, const Args* a) {
-    g_calls.push_back({0, -1, Text(f), Words(a)});
-    return 0;
-  });
-  HookAlertf(1, [](int style, const TString* f, const Args* a) {
-    g_calls.push_back({1, style, Text(f), Words(a)});
-    return 0;
-  });
+  HookAlertf(0, Plain<0>);
+  HookAlertf(1, Styled<1, 0>);
   const TString format(u"!%d of %d");
   Alertf(&format, 3, 4);
   Alertf(0x30, &format, 5);
@@ -237,14 +243,8 @@ TEST_F(AlertTest, AlertHooksReceiveFormatStyleAndArguments) {
 
   // A hook of the other kind is adapted to its slot.
   g_calls.clear();
-  HookAlertf(0, [](int style, const TString* f, const Args* a) {
-    g_calls.push_back({10, style, Text(f), Words(a)});
-    return 0;
-  });
-  HookAlertf(1, [](const TString* f, const Args* a) {
-    g_calls.push_back({11, -1, Text(f), Words(a)});
-    return 0;
-  });
+  HookAlertf(0, Styled<10, 0>);
+  HookAlertf(1, Plain<11>);
   Alertf(&format, 1);
   Alertf(0x200, &format, 2);
   EXPECT_EQ(Calls(), "10 0 !%d of %d 1; 11 -1 !%d of %d 2");
@@ -325,10 +325,7 @@ TEST_F(AlertTest, InputQueryHooksGetTheirArguments) {
     g_calls.push_back({2, style, (date ? "date|" : "null|") + Text(f), Words(a)});
     return -1202;
   });
-  HookQueryf(3, [](int style, const TString* f, const Args* a) {
-    g_calls.push_back({3, style, Text(f), Words(a)});
-    return -1206;
-  });
+  HookQueryf(3, Styled<3, -1206>);
   unsigned choice = 0;
   TString choices(u"x|y|z");
   TString text;
