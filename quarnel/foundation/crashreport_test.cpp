@@ -229,12 +229,12 @@ TEST(CrashReportFormat, ConversionsFollowCAndTheEngine) {
 
 // %D and %T print what the engine prints, in each locale, without allocating.
 TEST(CrashReportFormat, DatesAreTheEnginesDates) {
-  const QuarnelEnvType saved = *QuarnelEnv();
+  ScopedEnv env;
   const TDate dates[] = {TDate(2024, 3, 5, 14, 7, 9, 42), TDate(1999, 12, 31, 23, 59, 59, 999),
                          TDate(2000, 1, 1, 0, 0, 0, 0)};
   const char* const forms[] = {"%D", "%0D", "%.1D", "%.2D", "%.3D", "%T", "%.1T", "%.2T", "%0T"};
   for (const unsigned lcid : {kLcidEnUs, kLcidDeDe, kLcidFrFr, kLcidJaJp, kLcidEnGb}) {
-    QuarnelEnv()->lcid = lcid;
+    env->lcid = lcid;
     quarnel_internal::NarrowDateWords words;
     quarnel_internal::PrepareNarrowDateWords(lcid, &words);
     for (const TDate& d : dates) {
@@ -248,7 +248,6 @@ TEST(CrashReportFormat, DatesAreTheEnginesDates) {
       }
     }
   }
-  *QuarnelEnv() = saved;
 }
 
 TEST(CrashReportNames, EveryCodeHasItsName) {
