@@ -422,8 +422,9 @@ class Driver {
 
   // One random operation; returns its name for failure messages.
   const char* Step() {
-    const unsigned what = rng_() % 1000;
     const bool crowded = Live().size() > 120;
+    const int r = RandomLive();  // a live refnum; with none, the step adds one
+    const unsigned what = r == 0 ? 0 : rng_() % 1000;
     if (what < (crowded ? 150u : 300u)) {
       const int n = RandomSize();
       const bool null = rng_() % 4 == 0;
@@ -432,8 +433,6 @@ class Driver {
       return "add";
     }
     if (what < 420) {
-      const int r = RandomLive();
-      if (r == 0) return "set (none)";
       const int n = RandomSize();
       EXPECT_EQ(es_->LmSet(r, n), 0);
       model[r - 1]->bytes.resize(static_cast<std::size_t>(n), '\0');
@@ -448,30 +447,22 @@ class Driver {
       return "set beyond";
     }
     if (what < 500) {
-      const int r = RandomLive();
-      if (r == 0) return "dupe (none)";
       EXPECT_EQ(es_->LmDupe(r), PlaceAtLowestEmpty(std::string(model[r - 1]->bytes)));
       return "dupe";
     }
     if (what < (crowded ? 850u : 700u)) {
-      const int r = RandomLive();
-      if (r == 0) return "remove (none)";
       EXPECT_EQ(es_->LmRemove(r), 0);
       model[r - 1].reset();
       DropTrailing();
       return "remove";
     }
     if (what < 880) {
-      const int a = RandomLive();
-      const int b = RandomLive();
-      if (a == 0) return "swap (none)";
-      EXPECT_EQ(es_->LmSwap(a, b), 0);
-      std::swap(model[a - 1], model[b - 1]);
+      const int other = RandomLive();
+      EXPECT_EQ(es_->LmSwap(r, other), 0);
+      std::swap(model[r - 1], model[other - 1]);
       return "swap";
     }
     if (what < 930) {
-      const int r = RandomLive();
-      if (r == 0) return "mark (none)";
       EXPECT_EQ(es_->LmMark(r), model[r - 1]->marked ? 0 : 1);
       model[r - 1]->marked = true;
       return "mark";
@@ -509,15 +500,12 @@ class Driver {
     }
     if (what < 995) {
       // Locked: reading and marking leave every address where it was.
-      const int r = RandomLive();
       es_->LmLock();
-      if (r != 0) {
-        const char* p = es_->LmGet(r);
-        es_->LmMark(r);
-        model[r - 1]->marked = true;
-        EXPECT_EQ(es_->LmSize(r), static_cast<int>(model[r - 1]->bytes.size()));
-        EXPECT_EQ(es_->LmGet(r), p);
-      }
+      const char* p = es_->LmGet(r);
+      es_->LmMark(r);
+      model[r - 1]->marked = true;
+      EXPECT_EQ(es_->LmSize(r), static_cast<int>(model[r - 1]->bytes.size()));
+      EXPECT_EQ(es_->LmGet(r), p);
       es_->LmUnlock();
       return "lock";
     }
