@@ -354,6 +354,8 @@ struct Walked {
 
 Walked Walk(const Bytes& l, unsigned key, int listId) {
   const int size = static_cast<int>(l.size());
+  const bool dump = key == 0xFFFF;  // every tag up to the end (only of lists without faults)
+  std::string dumped;
   char buf[160];
   // %Y prints each byte as the character of the same value.
   const auto keyText = [](unsigned k) {
@@ -361,35 +363,23 @@ Walked Walk(const Bytes& l, unsigned key, int listId) {
     for (int i = 24; i >= 0; i -= 8) t += static_cast<char16_t>((k >> i) & 0xFF);
     return Utf8(t);
   };
-  if (key == 0xFFFF) {  // the dump: every tag up to the end or a problem
-    std::string lines;
-    for (int pos = 0; pos + 2 <= size;) {
-      const int len = l[pos] | (l[pos + 1] << 8);
-      if (len == 0xFFFF) return {1, "", lines};
-      if (len < 4 || pos + 2 + len > size) break;
-      lines += "515 " + std::string(l.begin() + pos + 2, l.begin() + pos + 6) + "\n";
-      pos += 2 + len + (len & 1);
-    }
-    return {1, "", ""};  // not reached by the lists below
-  }
-  int pos = 0;
-  for (;;) {
-    if (pos + 2 > size) break;
+  for (int pos = 0; pos + 2 <= size;) {
     const int len = l[pos] | (l[pos + 1] << 8);
-    if (len == 0xFFFF) return {0, "", ""};
+    if (len == 0xFFFF) return {dump ? 1 : 0, "", dumped};
     if (len < 4 || pos + 2 + len > size) break;
-    const unsigned tag = KeyOf(std::string(l.begin() + pos + 2, l.begin() + pos + 6));
-    if ((tag & 0x80808080u) != 0 || (tag & 0x60606060u) == 0) {
+    const std::string tagText(l.begin() + pos + 2, l.begin() + pos + 6);
+    const unsigned tag = KeyOf(tagText);
+    if (dump) {
+      dumped += "515 " + tagText + "\n";
+    } else if ((tag & 0x80808080u) != 0 || (tag & 0x60606060u) == 0) {
       std::snprintf(buf, sizeof buf,
                     "517 LoadKString: Invalid signature (%s) looking for %s in ID %d\n",
                     keyText(tag).c_str(), keyText(key).c_str(), listId);
       return {0, "", buf};
-    }
-    if (tag == key) {
+    } else if (tag == key) {
       return {1, std::string(l.begin() + pos + 6, l.begin() + pos + 2 + len), ""};
     }
     pos += 2 + len + (len & 1);
-    if (pos >= size) break;
   }
   std::snprintf(buf, sizeof buf, "517 LoadKString: Bad resource looking for %s in ID %d\n",
                 keyText(key).c_str(), listId);
