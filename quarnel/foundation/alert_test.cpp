@@ -249,24 +249,19 @@ TEST_F(AlertTest, AlertHooksReceiveFormatStyleAndArguments) {
   Alertf(0x200, &format, 2);
   EXPECT_EQ(Calls(), "10 0 !%d of %d 1; 11 -1 !%d of %d 2");
 
-  // Null restores the default box.
+  // Null restores the default box, which formats at most ten words: an
+  // eleventh conversion has no argument and prints as 0.
   HookAlertf(0, nullptr);
   HookAlertf(1, nullptr);
-  Alertf(&format, 1, 2);
+  const TString eleven(u"!%d %d %d %d %d %d %d %d %d %d %d");
+  Alertf(&eleven, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11);
   Alertf(0x202, &format, 1, 2);
   ASSERT_EQ(g_boxes.size(), 2u);
-  EXPECT_EQ(g_boxes[0].text, "1 of 2");
+  EXPECT_EQ(g_boxes[0].text, "1 2 3 4 5 6 7 8 9 10 0");
+  EXPECT_EQ(g_boxes[1].text, "1 of 2");
   EXPECT_EQ(g_boxes[0].style, 0x30u | 0x50000u);
   EXPECT_EQ(g_boxes[1].style, kMbYesNo | 0x30u | 0x50000u);
   EXPECT_TRUE(Assertions().empty());
-}
-
-TEST_F(AlertTest, DefaultBoxFormatsAtMostTenWords) {
-  const TString format(u"%d %d %d %d %d %d %d %d %d %d %d");
-  Alertf(&format, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11);
-  ASSERT_EQ(g_boxes.size(), 1u);
-  // The eleventh conversion has no argument and prints as 0.
-  EXPECT_EQ(g_boxes[0].text, "1 2 3 4 5 6 7 8 9 10 0");
 }
 
 // Two alert slots and four query slots; any other index asserts, once for
