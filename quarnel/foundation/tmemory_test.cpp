@@ -203,25 +203,6 @@ TEST_F(TMemoryTest, StorageFollowsTheSize) {
   EXPECT_EQ(Asserted(), "");
 }
 
-TEST_F(TMemoryTest, SameAlignedSizeKeepsBytes) {
-  // Inline: a size in the same 8-byte step only records the size; another
-  // step clears the bytes past the size.
-  TMemory a(1);
-  ASSERT_EQ(a.SetSize(7), 0);
-  std::memset(a.MemPtr(), 0xAA, 7);
-  ASSERT_EQ(a.SetSize(5), 0);
-  ASSERT_EQ(a.SetSize(7), 0);
-  EXPECT_EQ(a.MemPtr()[6], 0xAA);
-  ASSERT_EQ(a.SetSize(3), 0);
-  ASSERT_EQ(a.SetSize(9), 0);
-  EXPECT_EQ(a.MemPtr()[2], 0xAA);
-  EXPECT_EQ(FirstNonZero(a, 3, 9), -1);
-
-  // Heap and virtual storage alike: the model test resizes within a step at
-  // random, and the storage test gives up bytes by shrinking to another step.
-  EXPECT_EQ(Asserted(), "");
-}
-
 // The model test covers the purge order and its targets at random; this pins
 // the amount in the log line and the flags a purged block keeps.
 TEST_F(TMemoryTest, GrowthPastTheAllowancePurgesOldestFirst) {
@@ -496,13 +477,16 @@ TEST_F(TMemoryTest, CopiesTakePriorityAndBytes) {
   ExpectCounters({&source, &target, &big, &small});
 }
 
-// Random operations on a few blocks, checked against a model of their bytes,
-// their purgeable order and the process-wide counters.
+// Random operations on a few blocks, checked against a model of their bytes
+// (a resize within the 8-byte step keeps the bytes past the size; one into
+// another step reads zero there), their purgeable order and the process-wide
+// counters.
 TEST_F(TMemoryTest, RandomOperationsMatchTheModel) {
   std::mt19937 rng(12345);
   constexpr int kBlocks = 6;
   struct Model {
     std::vector<unsigned char> bytes;
+    std::vector<unsigned char> past;  // known bytes past the size, within its 8-byte step
     bool purgeable = false;
   };
   std::vector<std::unique_ptr<TMemory>> blocks;
@@ -515,7 +499,7 @@ TEST_F(TMemoryTest, RandomOperationsMatchTheModel) {
   }
   const unsigned limits[] = {1, 1025, kMiB, 3 * kMiB, 64};
 
-  for (int step = 0; step < 400; ++step) {
+  for (int step = 0; step < 1500; ++step) {
     SCOPED_TRACE(step);
     const int i = static_cast<int>(rng() % kBlocks);
     TMemory& m = *blocks[i];
@@ -525,22 +509,31 @@ TEST_F(TMemoryTest, RandomOperationsMatchTheModel) {
       case 1: {  // resize and write
         if (mm.purgeable) break;
         unsigned size = rng() % limits[rng() % 5];
-        if (rng() % 4 == 0) size = m.GetSize() + (rng() % 16) - std::min(m.GetSize(), 8u);
+        if (rng() % 2 == 0 && m.GetSize() != 0) {  // within its 8-byte step
+          const unsigned back = static_cast<unsigned>(mm.past.size());
+          size = back != 0 ? m.GetSize() + 1 + rng() % back : Align8(m.GetSize()) - 7 + rng() % 8;
+        }
         const unsigned old = m.GetSize();
         ASSERT_EQ(m.SetSize(size), 0);
         const unsigned keep = std::min(old, size);
-        if (keep != 0) {
-          ASSERT_EQ(std::memcmp(m.MemPtr(), mm.bytes.data(), keep), 0);
+        ASSERT_TRUE(std::equal(mm.bytes.begin(), mm.bytes.begin() + keep, m.MemPtr()));
+        if (Align8(size) != Align8(old)) {
+          mm.past.clear();
+          if (size > old) {
+            ASSERT_EQ(FirstNonZero(m, old, size), -1);
+          }
+        } else if (size < old) {  // shrunk within its 8-byte step: the bytes stay
+          mm.past.insert(mm.past.begin(), mm.bytes.begin() + size, mm.bytes.end());
+        } else {  // grown within its step: the bytes it kept come back
+          const std::size_t known = std::min<std::size_t>(size - old, mm.past.size());
+          ASSERT_TRUE(std::equal(mm.past.begin(), mm.past.begin() + known, m.MemPtr() + old));
+          mm.bytes.insert(mm.bytes.end(), m.MemPtr() + old, m.MemPtr() + size);
+          mm.past.erase(mm.past.begin(), mm.past.begin() + known);
         }
         mm.bytes.resize(size);
-        if (size > old) {
-          if (Align8(size) != Align8(old)) {
-            ASSERT_EQ(FirstNonZero(m, old, size), -1);
-          } else {  // the same 8-byte step: the bytes past the old size are kept as they were
-            std::memcpy(mm.bytes.data() + old, m.MemPtr() + old, size - old);
-          }
-        }
-        for (unsigned k = 0; k < size; k += 1 + rng() % 4096) {
+        // Bytes here and there, and every one of the last eight.
+        for (unsigned k = 0; k < size;
+             k += k + 8 < size ? std::min<unsigned>(1 + rng() % 4096, size - 8 - k) : 1) {
           m.MemPtr()[k] = mm.bytes[k] = static_cast<unsigned char>(rng());
         }
         break;
@@ -579,12 +572,14 @@ TEST_F(TMemoryTest, RandomOperationsMatchTheModel) {
         if (mm.purgeable || model[j].purgeable) break;
         m = *blocks[j];
         mm.bytes = model[j].bytes;
+        mm.past.clear();
         break;
       }
       default:
         if (!mm.purgeable) {
           m.Zero();
           std::fill(mm.bytes.begin(), mm.bytes.end(), 0);
+          mm.past.clear();
         }
         break;
     }
