@@ -100,7 +100,15 @@ class AlertTest : public RecordingTest {
   }
 };
 
-TEST_F(AlertTest, DefaultsWithoutHooks) {
+std::vector<std::intptr_t> g_settings;
+
+template <int kAnswer>
+int NoteSetting(std::intptr_t value) {
+  g_settings.push_back(value);
+  return kAnswer;
+}
+
+TEST_F(AlertTest, DefaultsWithoutHooksAndTheLogSettingHooks) {
   TString s(u"script");
   EXPECT_EQ(GetThreadCount(), 1);
   EXPECT_EQ(TriggerScript(&s, &s, &s, &s, 1, 2), 0);
@@ -121,17 +129,8 @@ TEST_F(AlertTest, DefaultsWithoutHooks) {
   EXPECT_EQ(DebugLogf(kLogPlatform, &wide, 3), 0);
   EXPECT_EQ(Logged() + Asserted(), "");
   EXPECT_TRUE(g_boxes.empty());
-}
 
-std::vector<std::intptr_t> g_settings;
-
-template <int kAnswer>
-int NoteSetting(std::intptr_t value) {
-  g_settings.push_back(value);
-  return kAnswer;
-}
-
-TEST_F(AlertTest, LogSettingHooksPassTheirArgumentThrough) {
+  // The log setting hooks get their argument as it is.
   HookDebugLogGet(NoteSetting<11>);
   HookDebugLogSet(NoteSetting<12>);
   HookDebugLogTest(NoteSetting<13>);
@@ -366,7 +365,7 @@ TEST_F(AlertTest, ScriptAndThreadHooks) {
   EXPECT_EQ(GetThreadCount(), 1);
 }
 
-TEST_F(AlertTest, EnumThreadsDefaultDescribesTheCallingThread) {
+TEST_F(AlertTest, ThreadHooksDefaultToTheCallingThread) {
   TThdDescriptor mine;
   mine.name = u"stale";
   mine.threadId = 12345;
@@ -389,9 +388,8 @@ TEST_F(AlertTest, EnumThreadsDefaultDescribesTheCallingThread) {
   EXPECT_EQ(EnumThreads(4, &mine), 0);
   EXPECT_EQ(Utf8(mine.name), "worker");
   EXPECT_EQ(mine.threadId, 4u);
-}
 
-TEST_F(AlertTest, TextOutHookIsPerThread) {
+  // The text-out hook is the calling thread's own.
   UserTextOutWProc proc = [](void*, int, int, const char16_t*, int) { return 1; };
   HookUserTextOutW(proc);
   EXPECT_EQ(UserTextOutW(), proc);
