@@ -262,12 +262,12 @@ TEST(CrashReportFormat, ConversionsFollowCAndTheEngine) {
 
 // %D and %T print what the engine prints, in each locale, without allocating.
 TEST(CrashReportFormat, DatesAreTheEnginesDates) {
-  const QuarnelEnvType saved = *QuarnelEnv();
+  ScopedEnv env;
   const TDate dates[] = {TDate(2024, 3, 5, 14, 7, 9, 42), TDate(1999, 12, 31, 23, 59, 59, 999),
                          TDate(2000, 1, 1, 0, 0, 0, 0)};
   const char* const forms[] = {"%D", "%0D", "%.1D", "%.2D", "%.3D", "%T", "%.1T", "%.2T", "%0T"};
   for (const unsigned lcid : {kLcidEnUs, kLcidDeDe, kLcidFrFr, kLcidJaJp, kLcidEnGb}) {
-    QuarnelEnv()->lcid = lcid;
+    env->lcid = lcid;
     quarnel_internal::NarrowDateWords words;
     quarnel_internal::PrepareNarrowDateWords(lcid, &words);
     for (const TDate& d : dates) {
@@ -281,7 +281,6 @@ TEST(CrashReportFormat, DatesAreTheEnginesDates) {
       }
     }
   }
-  *QuarnelEnv() = saved;
 }
 
 TEST(CrashReportNames, EveryCodeHasItsName) {
@@ -421,6 +420,49 @@ TEST_F(CrashReportTest, AssertionReportFollowsTheGolden) {
   crashtest::CallModule(1);
 }
 
+void Overflow() { crashtest::CallModule(3); }
+
+void AssertThenExit() {
+  crashtest::AssertHere(7);
+  std::_Exit(3);
+}
+
+// Trimming a fragmented heap holds the main arena's lock nearly all the time:
+// a report that allocated would wait for it for ever.
+void NullWriteWhileTrimming() {
+  static std::atomic<bool> allocating{false};
+  static std::vector<void*> blocks(40000);
+  for (void*& b : blocks) b = std::malloc(2000);
+  for (std::size_t i = 0; i < blocks.size(); i += 2) std::free(blocks[i]);
+  std::thread([] {
+    allocating = true;
+    for (;;) TrimHeap();
+  }).detach();
+  while (!allocating) std::this_thread::yield();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  crashtest::CallModule(1);
+}
+
+void NullWriteBesideEightThreads() {
+  static std::atomic<int> running{0};
+  for (int i = 0; i < 8; ++i) {
+    std::thread([] {
+      ++running;
+      for (;;) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }).detach();
+  }
+  while (running < 8) std::this_thread::yield();
+  crashtest::CallModule(1);
+}
+
+void FaultWhileReporting() {
+  HookEnumThreads([](int, TThdDescriptor*) {
+    crashtest::CallModule(1);
+    return 1;
+  });
+  crashtest::AssertHere(8);
+}
+
 // Each fault in a child process: how the child ends, and what its log says.
 // Not run under ThreadSanitizer (the name avoids the word that selects those
 // tests): it delivers the capture signal only when a thread next enters one
@@ -430,12 +472,11 @@ TEST_F(CrashReportTest, EveryFaultIsReportedInFull) {
   struct Case {
     const char* name;
     void (*run)();
-    int signal;                       // the signal that ends the child, or 0 when it exits
-    int exitCode;                     // when it exits
-    std::vector<std::string> expect;  // lines the log holds, in order
-    int threads;                      // threads reported with their registers (-1: no log)
+    int signal;          // the signal that ends the child, or 0 when it exits
+    int exitCode;        // when it exits
+    int threads;         // threads reported with their registers (-1: no log)
+    std::string expect;  // lines the log holds, in order, each ending in a line feed
   };
-  static std::atomic<bool> allocating{false};
   const std::string module = kCrashModule;
   const std::string program = kOnWindows ? "crashreport_test.exe  " : "crashreport_test  ";
   // The fault lies in the section that holds the module's code.
@@ -446,106 +487,35 @@ TEST_F(CrashReportTest, EveryFaultIsReportedInFull) {
   ASSERT_TRUE(UModuleSectionOf(*UModuleOf(entry), entry, &code, &offset));
   char section[8];
   std::snprintf(section, sizeof section, "%04X", code);
-  void (*const overflow)() = [] { crashtest::CallModule(3); };
+  const std::string access = "Exception code: C0000005 ACCESS_VIOLATION\n";
+  const std::string caller = program + "crashtest::CallModule(int)<ANY>\n";
   const Case cases[] = {
-      {"null write",
-       [] { crashtest::CallModule(1); },
-       SIGSEGV,
-       0,
-       {"Exception code: C0000005 ACCESS_VIOLATION",
-        "Fault address: <HEX16> " + std::string(section) + ":<HEX8> " + module,
-        module + "  (anonymous namespace)::WriteThroughNull(int volatile*)<ANY>",
-        program + "crashtest::CallModule(int)<ANY>"},
-       1},
-      {"divide by zero",
-       [] { crashtest::CallModule(2); },
-       SIGFPE,
-       0,
-       {"Exception code: C0000094 INT_DIVIDE_BY_ZERO",
-        module + "  (anonymous namespace)::DivideBy(int)<ANY>",
-        program + "crashtest::CallModule(int)<ANY>"},
-       1},
-      {"stack overflow",
-       overflow,
-       SIGSEGV,
-       0,
-       {"Exception code: C00000FD STACK_OVERFLOW",
-        module + "  (anonymous namespace)::Recurse(int, int)<ANY>"},
-       1},
-      {"abort",
-       [] { crashtest::CallModule(4); },
-       SIGABRT,
-       0,
-       {"Exception code: 40000015 FATAL_APP_EXIT",
-        "Fault address: <ANY> " + std::string(kAbortModule)},
-       1},
-      {"assertion, after which the process goes on",
-       [] {
-         crashtest::AssertHere(7);
-         std::_Exit(3);
-       },
-       0,
-       3,
-       {"Error info: Assertion failure at \"crashtest-7\"", "Exception code: E0000000 ASSERTION",
-        program + "crashtest::AssertHere(int)<ANY>"},
-       1},
-      {"while another thread holds the allocator's lock",
-       [] {
-         // Trimming a fragmented heap holds the main arena's lock nearly all
-         // the time: a report that allocated would wait for it for ever.
-         static std::vector<void*> blocks(40000);
-         for (void*& b : blocks) b = std::malloc(2000);
-         for (std::size_t i = 0; i < blocks.size(); i += 2) std::free(blocks[i]);
-         std::thread([] {
-           allocating = true;
-           for (;;) TrimHeap();
-         }).detach();
-         while (!allocating) std::this_thread::yield();
-         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-         crashtest::CallModule(1);
-       },
-       SIGSEGV,
-       0,
-       {"Exception code: C0000005 ACCESS_VIOLATION"},
-       2},
-      {"with eight other threads",
-       [] {
-         static std::atomic<int> running{0};
-         for (int i = 0; i < 8; ++i) {
-           std::thread([] {
-             ++running;
-             for (;;) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-           }).detach();
-         }
-         while (running < 8) std::this_thread::yield();
-         crashtest::CallModule(1);
-       },
-       SIGSEGV,
-       0,
-       {"Exception code: C0000005 ACCESS_VIOLATION"},
-       9},
-      {"a fault while a report is written",
-       [] {
-         HookEnumThreads([](int, TThdDescriptor*) {
-           crashtest::CallModule(1);
-           return 1;
-         });
-         crashtest::AssertHere(8);
-       },
-       SIGSEGV,
-       0,
-       {"Exception code: E0000000 ASSERTION"},
-       0},
+      {"null write", [] { crashtest::CallModule(1); }, SIGSEGV, 0, 1,
+       access + "Fault address: <HEX16> " + section + ":<HEX8> " + module + "\n" + module +
+           "  (anonymous namespace)::WriteThroughNull(int volatile*)<ANY>\n" + caller},
+      {"divide by zero", [] { crashtest::CallModule(2); }, SIGFPE, 0, 1,
+       "Exception code: C0000094 INT_DIVIDE_BY_ZERO\n" + module +
+           "  (anonymous namespace)::DivideBy(int)<ANY>\n" + caller},
+      {"stack overflow", Overflow, SIGSEGV, 0, 1,
+       "Exception code: C00000FD STACK_OVERFLOW\n" + module +
+           "  (anonymous namespace)::Recurse(int, int)<ANY>\n"},
+      {"abort", [] { crashtest::CallModule(4); }, SIGABRT, 0, 1,
+       "Exception code: 40000015 FATAL_APP_EXIT\nFault address: <ANY> " +
+           std::string(kAbortModule) + "\n"},
+      {"assertion, after which the process goes on", AssertThenExit, 0, 3, 1,
+       "Error info: Assertion failure at \"crashtest-7\"\nException code: E0000000 ASSERTION\n" +
+           program + "crashtest::AssertHere(int)<ANY>\n"},
+      {"while another thread holds the allocator's lock", NullWriteWhileTrimming, SIGSEGV, 0, 2,
+       access},
+      {"with eight other threads", NullWriteBesideEightThreads, SIGSEGV, 0, 9, access},
+      {"a fault while a report is written", FaultWhileReporting, SIGSEGV, 0, 0,
+       "Exception code: E0000000 ASSERTION\n"},
       {"no log file can be opened: the previous handler still runs",
-       [] { NullWriteBehindExitHandler("/nonexistent/quarnel/log"); },
-       0,
-       42,
-       {},
-       -1},
+       [] { NullWriteBehindExitHandler("/nonexistent/quarnel/log"); }, 0, 42, -1, ""},
   };
   testing::FLAGS_gtest_death_test_style = "fast";
   for (const Case& c : cases) {
-    if (c.run == overflow &&
+    if (c.run == Overflow &&
         WineDiffers("a stack overflow is dispatched on the overflowing stack, which runs out "
                     "before the unhandled-exception filter (virtual_setup_exception: stack "
                     "overflow) and the process hangs"))
@@ -587,10 +557,8 @@ TEST_F(CrashReportTest, EveryFaultIsReportedInFull) {
     EXPECT_EQ(Count(lines, "Crash log of the tests"), 1);
     EXPECT_EQ(Count(lines, std::string(68, 'X')), 1);
     std::vector<std::string> order = {"..."};
-    for (const std::string& e : c.expect) {
-      order.push_back(e);
-      order.push_back("...");
-    }
+    std::istringstream expect(c.expect);
+    for (std::string line; std::getline(expect, line);) order.insert(order.end(), {line, "..."});
     if (c.threads > 0) {
       EXPECT_EQ(Mismatch(lines, order), "") << Joined(lines);
       EXPECT_EQ(Count(lines, "Thread ID: <HEX8>, Name: <ANY>"), c.threads + others);
@@ -599,7 +567,7 @@ TEST_F(CrashReportTest, EveryFaultIsReportedInFull) {
       EXPECT_EQ(Count(lines, "** GetThreadContext failed<ANY>"), 0);
     } else {
       // Cut short by the second fault: one report head, no second report.
-      EXPECT_EQ(Count(lines, c.expect[0]), 1);
+      EXPECT_EQ(Count(lines, order[1]), 1);
       EXPECT_EQ(Count(lines, "Exception code:<ANY>"), 1);
     }
   }
