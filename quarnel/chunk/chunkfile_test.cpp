@@ -178,20 +178,6 @@ TEST_F(ChunkFormat, Version0100FilesKeepTheirLayout) {
   EXPECT_EQ(OnDisk(), now.b);
 }
 
-TEST(ChunkHash, ZeroBecomesOne) {
-  EXPECT_EQ(chHashBlock(nullptr, 0), 1u);
-  const unsigned char nine[] = "123456789";
-  EXPECT_EQ(chHashBlock(nine, 9), 0x89A1897Fu);
-  // Four bytes chosen so that the CRC is 0: the CRC of a message followed by
-  // its own CRC (most significant byte first) is 0.
-  unsigned char zero[13];
-  std::memcpy(zero, nine, 9);
-  const unsigned crc = quarnel_internal::BlockCrc(0, nine, 9);
-  for (int i = 0; i < 4; ++i) zero[9 + i] = static_cast<unsigned char>(crc >> (24 - 8 * i));
-  EXPECT_EQ(quarnel_internal::BlockCrc(0, zero, 13), 0u);
-  EXPECT_EQ(chHashBlock(zero, 13), 1u);
-}
-
 namespace {
 
 constexpr unsigned A = 0x41414141, B = 0x42424242, F = 0xFFFFFFFF;

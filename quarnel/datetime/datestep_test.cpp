@@ -4,12 +4,11 @@
 #include <chrono>
 #include <cstdint>
 #include <random>
+#include <sstream>
 #include <vector>
 
-#include <sstream>
 #include "quarnel/datetime/tdate.h"
 #include "quarnel/foundation/errors.h"
-
 #include "tests/support/datefields.h"
 #include "tests/support/helpers.h"
 
@@ -334,34 +333,26 @@ TEST_F(DateStepTest, ImportsRefuseShortForeignAndSwappedRecords) {
     b[0] = 0x2E, b[1] = 0x65;  // another record's tag
     return b;
   };
-  struct Row {
-    const char* name;
-    Bytes bytes;
-    int size;
-    int code;
+  // Each record's import refuses it short, retagged and swapped, and keeps
+  // the value it had.
+  const auto refuses = [&](const auto& keep, const Bytes& good) {
+    const int size = static_cast<int>(good.size());
+    const struct {
+      const char* name;
+      Bytes bytes;
+      int size, code;
+    } rows[] = {{"short", good, size - 1, kErrImportDataTooShort},
+                {"date record", retagged(good), size, kErrPersistWrongSignature},
+                {"other byte order", swapped(good), size, kErrPersistOtherByteOrder}};
+    for (const auto& r : rows) {
+      SCOPED_TRACE(r.name);
+      auto v = keep;
+      EXPECT_EQ(v.Import(r.bytes.data(), r.size), r.code);
+      EXPECT_TRUE(v == keep);
+    }
   };
-  const Row stepRows[] = {
-      {"short", step, 23, kErrImportDataTooShort},
-      {"date record", retagged(step), 24, kErrPersistWrongSignature},
-      {"other byte order", swapped(step), 24, kErrPersistOtherByteOrder},
-  };
-  for (const Row& r : stepRows) {
-    SCOPED_TRACE(r.name);
-    TDateStep s(9, 9, 9, 9, 9, 9, 9, 9);
-    EXPECT_EQ(s.Import(r.bytes.data(), r.size), r.code);
-    EXPECT_TRUE(s == TDateStep(9, 9, 9, 9, 9, 9, 9, 9));
-  }
-  const Row ivRows[] = {
-      {"short", iv, 15, kErrImportDataTooShort},
-      {"date record", retagged(iv), 16, kErrPersistWrongSignature},
-      {"other byte order", swapped(iv), 16, kErrPersistOtherByteOrder},
-  };
-  for (const Row& r : ivRows) {
-    SCOPED_TRACE(r.name);
-    TInterval v(9, 0, 0, 0, 9);
-    EXPECT_EQ(v.Import(r.bytes.data(), r.size), r.code);
-    EXPECT_TRUE(v == TInterval(9, 0, 0, 0, 9));
-  }
+  refuses(TDateStep(9, 9, 9, 9, 9, 9, 9, 9), step);
+  refuses(TInterval(9, 0, 0, 0, 9), iv);
   TDateStep s;
   EXPECT_EQ(s.Import(nullptr, 24), kErrImportDataTooShort);
   EXPECT_EQ(s.Export(nullptr, 24), kErrExportBufferTooSmall);

@@ -424,32 +424,32 @@ TEST_F(TDateTest, AbsoluteDatesCompareAtUtc) {
   EXPECT_EQ(diff.GetDays(), 0);
   EXPECT_EQ(diff.GetMilliseconds(), 3600000);
 
-  // West of Greenwich across midnight: 2024-03-05 22:30 at -05:30 is
-  // 2024-03-06 04:00 UTC.
-  TDate west(2024, 3, 5, 22, 30, 0, 0);
-  west.SetGMTOffset(-330);
-  west.SetFlags(kDateFlagAbsolute, 0);
-  EXPECT_TRUE(west == TDate(2024, 3, 6, 4, 0, 0, 0));
-  west.AbsToFloating();
-  EXPECT_EQ(Of(west), (F{2024, 3, 6, 4, 0, 0, 0}));
-  EXPECT_EQ(west.GetFlags(), kDateFlagFields);
-  EXPECT_EQ(west.GetGMTOffset(), 0);
-
-  // No flag, no offset, or the default date: nothing moves.
-  TDate noFlag(2024, 3, 5, 12, 0, 0, 0);
-  noFlag.SetGMTOffset(60);
-  noFlag.AbsToFloating();
-  EXPECT_EQ(Of(noFlag), (F{2024, 3, 5, 12, 0, 0, 0}));
-  TDate zero(2024, 3, 5, 12, 0, 0, 0);
-  zero.SetFlags(kDateFlagAbsolute, 0);
-  zero.AbsToFloating();
-  EXPECT_EQ(zero.GetFlags(), kDateFlagAbsolute | kDateFlagFields);
-  TDate first;
-  first.SetGMTOffset(60);
-  first.SetFlags(kDateFlagAbsolute, 0);
-  first.AbsToFloating();
-  EXPECT_EQ(Of(first), (F{1, 1, 1, 0, 0, 0, 0}));
-  EXPECT_EQ(first.GetFlags(), kDateFlagAbsolute | kDateFlagFields);
+  // AbsToFloating moves an absolute date with an offset to UTC (here west of
+  // Greenwich across midnight); without the flag, without an offset, or the
+  // default date, nothing moves.
+  const struct {
+    F date;
+    int offset;
+    bool absolute;
+    F want;
+  } rows[] = {{{2024, 3, 5, 22, 30, 0, 0}, -330, true, {2024, 3, 6, 4, 0, 0, 0}},
+              {{2024, 3, 5, 12, 0, 0, 0}, 60, false, {2024, 3, 5, 12, 0, 0, 0}},
+              {{2024, 3, 5, 12, 0, 0, 0}, 0, true, {2024, 3, 5, 12, 0, 0, 0}},
+              {{1, 1, 1, 0, 0, 0, 0}, 60, true, {1, 1, 1, 0, 0, 0, 0}}};
+  for (const auto& r : rows) {
+    SCOPED_TRACE(::testing::Message() << r.date << " " << r.offset);
+    TDate t = Make(r.date);
+    t.SetGMTOffset(r.offset);
+    if (r.absolute) t.SetFlags(kDateFlagAbsolute, 0);
+    const bool moves = !(r.want == r.date);
+    if (moves) {
+      EXPECT_TRUE(t == Make(r.want));
+    }
+    t.AbsToFloating();
+    EXPECT_EQ(Of(t), r.want);
+    EXPECT_EQ(t.GetFlags(), kDateFlagFields | (r.absolute && !moves ? kDateFlagAbsolute : 0));
+    EXPECT_EQ(t.GetGMTOffset(), moves ? 0 : r.offset);
+  }
   // Flags, time zone and offset take no other part in ==.
   TDate other(2024, 3, 5, 12, 0, 0, 0);
   other.SetTimezone(3);

@@ -265,10 +265,7 @@ TEST_F(ProfilerTest, NestedStartsCountOperationsAndOneBusySpan) {
   p.Stop();
   Advance(1000);
   p.Report(0);
-  EXPECT_EQ(Logged(),
-            "513 "
-            "load: 1.000 of 3.0 secs (33.33%) for 2 ops (500,000.0 uSec/op)"
-            "\n");
+  EXPECT_EQ(Logged(), "513 load: 1.000 of 3.0 secs (33.33%) for 2 ops (500,000.0 uSec/op)\n");
   EXPECT_EQ(Asserted(), "");
 }
 
@@ -304,10 +301,7 @@ TEST_F(ProfilerTest, OnceOnlyReportsAndTheDestructor) {
     q.Stop();
     Advance(90);
   }
-  EXPECT_EQ(Logged(),
-            "513 "
-            "dtor: 0.010 of 0.1 secs (10.00%) for 1 ops (10,000.0 uSec/op)"
-            "\n");
+  EXPECT_EQ(Logged(), "513 dtor: 0.010 of 0.1 secs (10.00%) for 1 ops (10,000.0 uSec/op)\n");
 }
 
 TEST_F(ProfilerTest, ResetClearsTheCounters) {
@@ -316,10 +310,7 @@ TEST_F(ProfilerTest, ResetClearsTheCounters) {
   p.Reset();
   RunProfile(p, 1, 30, 300);
   p.Report(0);
-  EXPECT_EQ(Logged(),
-            "513 "
-            "r: 0.030 of 0.3 secs (10.00%) for 1 ops (30,000.0 uSec/op)"
-            "\n");
+  EXPECT_EQ(Logged(), "513 r: 0.030 of 0.3 secs (10.00%) for 1 ops (30,000.0 uSec/op)\n");
 }
 
 TEST_F(ProfilerTest, StopWithoutStartAsserts) {
@@ -332,10 +323,7 @@ TEST_F(ProfilerTest, StopWithoutStartAsserts) {
   p.Stop();
   EXPECT_EQ(Asserted(), "timer-303");
   p.Report(1);
-  EXPECT_EQ(Logged(),
-            "513 "
-            "neg: 0.010 of 0.0 secs (100.00%) for 2 ops (5,000.0 uSec/op)"
-            "\n");
+  EXPECT_EQ(Logged(), "513 neg: 0.010 of 0.0 secs (100.00%) for 2 ops (5,000.0 uSec/op)\n");
 }
 
 TEST_F(ProfilerTest, ReportAllReportsNewestFirstAndEmptiesTheRegistry) {
