@@ -17,32 +17,14 @@
 #include "quarnel/foundation/errors.h"
 #include "quarnel/foundation/tmemory.h"
 #include "quarnel/platform/faults.h"
+#include "tests/support/chunk_store.h"
 #include "tests/support/drive_fixture.h"
 
 namespace {
 
-using Key = std::pair<int, int>;
-using Content = std::map<Key, std::string>;
+using Key = ChunkKey;
+using Content = ChunkContent;
 constexpr int kA = 0x41414141, kB = 0x42424242, kC = 0x43434343;
-
-TMemory* Block(const std::string& s) {
-  auto* h = new TMemory(1);
-  h->SetSize(static_cast<unsigned>(s.size()));
-  if (!s.empty()) std::memcpy(h->MemPtr(), s.data(), s.size());
-  return h;
-}
-
-void Set(TMemory* h, const std::string& s) {
-  h->SetSize(static_cast<unsigned>(s.size()));
-  if (!s.empty()) std::memcpy(h->MemPtr(), s.data(), s.size());
-}
-
-// The bytes a handle stands for: unpacked when the host packed them.
-std::string Plain(const TMemory* h) {
-  TMemory copy(*h);
-  MemUncomp(&copy);
-  return std::string(reinterpret_cast<const char*>(copy.MemPtr()), copy.GetSize());
-}
 
 // Random chunk contents: empty, random bytes, or repetitive text (packed
 // into the handle by Fill half of the time).
@@ -55,23 +37,8 @@ std::string Bytes(std::mt19937& rng) {
 }
 
 void Fill(std::mt19937& rng, TMemory* h, const std::string& s) {
-  Set(h, s);
+  SetBytes(h, s);
   if (s.size() > 1000 && rng() % 2) MemComp(h);
-}
-
-// Every chunk the manager lists, fetched (and so registered).
-Content Read(ChunkManager* m) {
-  Content c;
-  for (int t = 1; t <= m->CHCountTypes(); ++t) {
-    const int type = m->CHEnumType(t);
-    for (int n = 1; n <= m->CHCountChunks(type); ++n) {
-      const int id = m->CHEnumChunk(type, n);
-      TMemory* h = nullptr;
-      EXPECT_EQ(m->CHGetChunk(type, id, &h), 0) << type << " " << id;
-      if (h) c[{type, id}] = Plain(h);
-    }
-  }
-  return c;
 }
 
 class Chunks : public DriveTest {
@@ -91,10 +58,10 @@ class Chunks : public DriveTest {
     if (rc) *rc = err;
     EXPECT_EQ(err, 0);
     EXPECT_EQ(r.CHVerify(), 0);
-    return Read(&r);
+    return ReadChunks(&r);
   }
   void Add(ChunkManager* m, Key k, const std::string& s, Content* model) {
-    ASSERT_EQ(m->CHAddChunk(Block(s), k.first, k.second), 0);
+    ASSERT_EQ(m->CHAddChunk(BlockOf(s), k.first, k.second), 0);
     (*model)[k] = s;
   }
   TMemory* Get(ChunkManager* m, Key k) {
@@ -113,7 +80,7 @@ class Chunks : public DriveTest {
       const Key k{i % 3 ? kA : kB, i};
       TMemory* h = Get(m, k);
       const std::string s = i % 2 ? std::string(h->GetSize(), 'c') : Bytes(rng);
-      Set(h, s);
+      SetBytes(h, s);
       ASSERT_EQ(m->CHChangedChunk(h), 0);
       (*b)[k] = s;
     }
@@ -125,7 +92,7 @@ class Chunks : public DriveTest {
     }
     for (int i = 0; i < 4; ++i) Add(m, {kC, i}, Bytes(rng), b);
     TMemory* now = Get(m, {kA, 16});
-    Set(now, "stored at once");
+    SetBytes(now, "stored at once");
     ASSERT_EQ(m->CHStoreChunk(now), 0);
     (*b)[{kA, 16}] = "stored at once";
     ASSERT_EQ(m->CHDuplicate(kA, 17, 99), 0);
@@ -186,7 +153,7 @@ TEST_F(Chunks, RandomOperationsAgreeWithAModel) {
     } else if (op < 50) {
       const Key k = pick();
       TMemory* h = Get(&m, k);
-      Set(h, Bytes(rng));
+      SetBytes(h, Bytes(rng));
       cur[k] = Plain(h);
       ASSERT_EQ(m.CHStoreChunk(h), 0);
     } else if (op < 54) {
@@ -234,11 +201,11 @@ TEST_F(Chunks, RandomOperationsAgreeWithAModel) {
       m.CHClose();
       ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
       cur = saved;
-      ASSERT_EQ(Read(&m), cur);
+      ASSERT_EQ(ReadChunks(&m), cur);
     }
     most = std::max(most, cur.size());
   }
-  EXPECT_EQ(Read(&m), cur);
+  EXPECT_EQ(ReadChunks(&m), cur);
   EXPECT_GT(most, 1500u);
   EXPECT_GT(saves, 100);
 }
@@ -286,7 +253,7 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
       {"duplicate of a dirty chunk",
        [&](ChunkManager& m, Content& c) {
          TMemory* h = Get(&m, {kA, 1});
-         Set(h, "changed in memory");
+         SetBytes(h, "changed in memory");
          ASSERT_EQ(m.CHChangedChunk(h), 0);
          EXPECT_EQ(m.CHDuplicate(kA, 1, 9), 0);
          EXPECT_TRUE(Logged(519, "CHDuplicateChunk: source is dirty, copying its handle"));
@@ -304,7 +271,7 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
       {"detaching a dirty chunk",
        [&](ChunkManager& m, Content& c) {
          TMemory* h = Get(&m, {kA, 2});
-         Set(h, "TWO");
+         SetBytes(h, "TWO");
          ASSERT_EQ(m.CHChangedChunk(h), 0);
          EXPECT_EQ(m.CHDetachChunk(h), 0);
          delete h;
@@ -703,7 +670,7 @@ TEST_F(Chunks, MisuseGetsItsCodeAndLine) {
   Add(&m, {kA, 0x31313131}, "one", &c);
   Add(&m, {kA, 0x32323232}, "two", &c);
   ASSERT_EQ(m.CHSave(), 0);
-  TMemory* dirty = Block("new");
+  TMemory* dirty = BlockOf("new");
   ASSERT_EQ(m.CHAddChunk(dirty, kB, 0x33333333), 0);
   c[{kB, 0x33333333}] = "new";
   TMemory stray(1);

@@ -16,12 +16,13 @@
 #include "quarnel/foundation/marshall.h"
 #include "quarnel/foundation/tmemory.h"
 #include "quarnel/platform/faults.h"
+#include "tests/support/chunk_store.h"
 #include "tests/support/drive_fixture.h"
 
 namespace {
 
-using Key = std::pair<int, int>;
-using Content = std::map<Key, std::string>;
+using Key = ChunkKey;
+using Content = ChunkContent;
 constexpr int kText = 0x54657874, kNums = 0x4E756D73, kPict = 0x50696374;
 
 struct Result {
@@ -43,9 +44,7 @@ class Qn : public DriveTest {
 
   static void Store(ChunkManager* m, const Content& c, bool packLarge) {
     for (const auto& [key, bytes] : c) {
-      auto* h = new TMemory;
-      h->SetSize(static_cast<unsigned>(bytes.size()));
-      if (!bytes.empty()) std::memcpy(h->MemPtr(), bytes.data(), bytes.size());
+      TMemory* h = BlockOf(bytes);
       if (packLarge && bytes.size() > 4096) MemComp(h);
       ASSERT_EQ(m->CHAddChunk(h, key.first, key.second), 0);
     }
@@ -63,21 +62,9 @@ class Qn : public DriveTest {
 
   // Every chunk of the chunk file, expanded; empty when it does not open.
   static Content Read(const char16_t* path) {
-    Content c;
     TFileLoc loc = FileAt(path);
     ChunkManager m;
-    if (m.CHOpen(&loc, 1) != 0) return c;
-    for (int t = 1; t <= m.CHCountTypes(); ++t) {
-      const int type = m.CHEnumType(t);
-      for (int n = 1; n <= m.CHCountChunks(type); ++n) {
-        TMemory* h = nullptr;
-        const int id = m.CHEnumChunk(type, n);
-        EXPECT_EQ(m.CHGetChunk(type, id, &h), 0);
-        if (h)
-          c[{type, id}] = std::string(reinterpret_cast<const char*>(h->MemPtr()), h->GetSize());
-      }
-    }
-    return c;
+    return m.CHOpen(&loc, 1) == 0 ? ReadChunks(&m) : Content{};
   }
 };
 
@@ -126,33 +113,15 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
   }
   {
     // A file of the older generation: 56-byte chunk headers, 44-byte entries.
-    std::string old(720, '\0');
-    CHFileHeader h{};
-    _initpersist(&h.persist, kChunkFileSignature, kChunkVersion0100, kChunkVersion0100);
-    h.mapAddress = h.endOfData = 576;
-    h.mapSize = kChunkHeaderSize0100 + 2 * kMapEntrySize0100;
-    h.granule = 4;
-    h.firstChunk = 512;
-    std::memcpy(&old[0], &h, sizeof h);
-    auto* bytes = reinterpret_cast<unsigned char*>(&old[0]);
-    std::memcpy(bytes + 512 + kChunkHeaderSize0100, "old data", 8);
-    const CHChunkHeader text{kText, 0, 1, 64, 0, 0, 0, 0, chHashBlock(bytes + 568, 8)};
-    chPutChunkHeader(&text, 1, bytes + 512);
-    const CHMapEntry entries[2] = {{kText, 0, 1, -1, 0, 0, 0, 0}, {kText, 0, 1, 512, 0, 0, 0, 0}};
-    chPutMapEntries(entries, 2, 1, bytes + 576 + kChunkHeaderSize0100);
-    const CHChunkHeader map{kChunkMapType,
-                            0,
-                            0,
-                            2 * kMapEntrySize0100,
-                            0,
-                            0,
-                            0,
-                            0,
-                            chHashBlock(bytes + 632, 2 * kMapEntrySize0100)};
-    chPutChunkHeader(&map, 1, bytes + 576);
-    WriteHost(Host(u"C:\\old.chk"), old);
-    std::memset(bytes, 0xEE, 112);
-    WriteHost(Host(u"C:\\oldhead.chk"), old);
+    ChunkImage old(720), map(2 * kMapEntrySize0100);
+    old.Header(kChunkVersion0100, 576, kChunkHeaderSize0100 + 2 * kMapEntrySize0100, 576);
+    old.Chunk(512, true, kText, 1, 64, 0, "old data");
+    map.Entry(0, true, kText, 1, -1);
+    map.Entry(kMapEntrySize0100, true, kText, 1, 512);
+    old.Chunk(576, true, kChunkMapType, 0, 2 * kMapEntrySize0100, 0, map.b);
+    WriteHost(Host(u"C:\\old.chk"), old.b);
+    std::memset(&old.b[0], 0xEE, 112);
+    WriteHost(Host(u"C:\\oldhead.chk"), old.b);
   }
   {
     // Free space in the map: a chunk removed, then a quick save.
