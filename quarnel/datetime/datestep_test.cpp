@@ -72,33 +72,20 @@ TEST_F(DateStepTest, StepsFollowTheCalendarAsWorkedByHand) {
 // days and time as exact durations.
 TEST_F(DateStepTest, StepsAgreeWithTheStandardCalendar) {
   std::mt19937 rng(2024);
+  const auto r = [&](unsigned n) { return static_cast<int>(rng() % n); };
+  const auto u = [&](unsigned n) { return static_cast<unsigned short>(rng() % n); };
   for (int i = 0; i < 200000; ++i) {
-    const int y = 1800 + static_cast<int>(rng() % 2000);  // steps stay inside 1..4000
-    const unsigned mo = 1 + rng() % 12;
-    const unsigned last =
-        static_cast<unsigned>(year_month_day_last(year(y) / month(mo) / std::chrono::last).day());
-    const F start{y,
-                  static_cast<int>(mo),
-                  static_cast<int>(1 + rng() % last),
-                  static_cast<int>(rng() % 24),
-                  static_cast<int>(rng() % 60),
-                  static_cast<int>(rng() % 60),
-                  static_cast<int>(rng() % 256)};
-    const TDateStep step(
-        static_cast<unsigned short>(rng() % 90), static_cast<unsigned short>(rng() % 300),
-        static_cast<unsigned short>(rng() % 300), static_cast<unsigned short>(rng() % 1000),
-        static_cast<unsigned short>(rng() % 100), static_cast<unsigned short>(rng() % 100),
-        static_cast<unsigned short>(rng() % 100), static_cast<unsigned short>(rng() % 1000));
+    const int y = 1800 + r(2000), mo = 1 + r(12);  // steps stay inside 1..4000
+    const auto last = static_cast<unsigned>((year(y) / mo / std::chrono::last).day());
+    const F start{y, mo, 1 + r(last), r(24), r(60), r(60), r(256)};
+    const TDateStep step(u(90), u(300), u(300), u(1000), u(100), u(100), u(100), u(1000));
     const int sign = (rng() & 1) ? 1 : -1;
 
-    year_month ym = year(y) / month(mo);
-    ym += months(sign * step.GetMonths());
-    ym += years(sign * step.GetYears());
-    const unsigned ymLast =
-        static_cast<unsigned>(year_month_day_last(ym / std::chrono::last).day());
-    const unsigned day = std::min(static_cast<unsigned>(start.d), ymLast);
-    sys_time<milliseconds> t = sys_days(ym / day) + hours(start.h) + minutes(start.mi) +
-                               seconds(start.s) + milliseconds(start.ms);
+    const year_month ym = year(y) / mo + months(sign * (step.GetMonths() + 12 * step.GetYears()));
+    const auto ymLast = static_cast<unsigned>((ym / std::chrono::last).day());
+    sys_time<milliseconds> t = sys_days(ym / std::min(static_cast<unsigned>(start.d), ymLast)) +
+                               hours(start.h) + minutes(start.mi) + seconds(start.s) +
+                               milliseconds(start.ms);
     t += sign * (days(step.GetWeeks() * 7 + step.GetDays()) + hours(step.GetHours()) +
                  minutes(step.GetMinutes()) + seconds(step.GetSeconds()) +
                  milliseconds(step.GetMilliseconds()));
@@ -106,8 +93,8 @@ TEST_F(DateStepTest, StepsAgreeWithTheStandardCalendar) {
     const year_month_day ymd(whole);
     const hh_mm_ss<milliseconds> hms(t - whole);
     const F want{static_cast<int>(ymd.year()),
-                 static_cast<int>(static_cast<unsigned>(ymd.month())),
-                 static_cast<int>(static_cast<unsigned>(ymd.day())),
+                 static_cast<int>(unsigned{ymd.month()}),
+                 static_cast<int>(unsigned{ymd.day()}),
                  static_cast<int>(hms.hours().count()),
                  static_cast<int>(hms.minutes().count()),
                  static_cast<int>(hms.seconds().count()),
