@@ -63,10 +63,7 @@ TEST_F(Locations, PathRulesOfFoldersAndFiles) {
   EXPECT_EQ(FileAt(u"C:\\none\\").GetName(&out), 0);  // the component before the backslash
   EXPECT_EQ(Utf8(out), "none");
   EXPECT_EQ(FolderAt(u"C:\\a").operator==(FolderAt(u"C:\\A")), 0);  // case-sensitive collation
-  TVol vol;
-  TString volPath(u"C:\\");
-  vol.Set(&volPath, 1);
-  EXPECT_TRUE(FolderAt(u"C:") == vol);
+  EXPECT_TRUE(FolderAt(u"C:") == VolAt(u"C:\\"));
   EXPECT_EQ(TFolderLoc().Set(static_cast<const TVol*>(nullptr)), kErrBadParameter);
   EXPECT_TRUE(Logged(515, "TFolderLoc::Set: null argument"));
 }
@@ -276,17 +273,13 @@ TEST_F(Locations, WellKnownFolders) {
   if (!WineDiffers("Wine's Windows folder is C:\\windows")) {
     EXPECT_EQ(PathOf(f), "C:\\Windows\\System32");
   }
-  TVol share;
-  TString sharePath(u"\\\\srv\\share\\");
-  share.Set(&sharePath, 0);
+  const TVol share = VolAt(u"\\\\srv\\share\\", 0);
   EXPECT_EQ(f.SetToRecycled(&share), -1);
   const std::string saved = QuarnelEnv()->appFolder;
   QuarnelEnv()->appFolder = QUARNEL_VELLORES_DIR;
   TString module(u"vellores.dll");
   ASSERT_EQ(DLLoadLib(&module), 0);
-  TVol d;
-  TString dPath(u"D:\\");
-  d.Set(&dPath, 1);
+  const TVol d = VolAt(u"D:\\");
   EXPECT_EQ(f.SetToRecycled(&d), 0);
   EXPECT_EQ(PathOf(f), "D:\\$Recycle.Bin");
   DLUnloadLib(&module);

@@ -1,13 +1,10 @@
 // %D, %T and %I through TString::SPrintf, and reading them back with SScanf.
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <map>
 #include <random>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 #include "quarnel/datetime/tdate.h"
 #include "quarnel/platform/env.h"

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "quarnel/platform/locale.h"
 #include "quarnel/resources/resmgr.h"
