@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -252,20 +253,43 @@ void RunProfile(TProfiler& p, unsigned ops, unsigned busy, unsigned elapsed) {
   USetTickOffset(start + elapsed);
 }
 
-TEST_F(ProfilerTest, NestedStartsCountOperationsAndOneBusySpan) {
-  TProfiler p("load", 0);
-  Advance(1000);
-  p.Start();
-  Advance(200);
-  p.Start();
-  Advance(300);
-  p.Stop();
-  Advance(500);
-  p.Stop();
-  Advance(1000);
-  p.Report(0);
-  EXPECT_EQ(Logged(), "513 load: 1.000 of 3.0 secs (33.33%) for 2 ops (500,000.0 uSec/op)\n");
-  EXPECT_EQ(Asserted(), "");
+// Calls on a profiler: a number moves the clock by that many ms, S starts,
+// s stops, R reports once, D destroys it; then the assertions and the line.
+TEST_F(ProfilerTest, CallSequences) {
+  const struct {
+    const char* calls;
+    const char* asserted;
+    const char* line;
+  } rows[] = {
+      // A nested start counts as an operation; the busy span is the outer one.
+      {"1000 S 200 S 300 s 500 s 1000 R", "",
+       "1.000 of 3.0 secs (33.33%) for 2 ops (500,000.0 uSec/op)"},
+      // The destructor reports what was not reported.
+      {"S 10 s 90 D", "", "0.010 of 0.1 secs (10.00%) for 1 ops (10,000.0 uSec/op)"},
+      // A stop without a start asserts and goes back to depth 0.
+      {"s S S 10 s R", "timer-303", "0.010 of 0.0 secs (100.00%) for 2 ops (5,000.0 uSec/op)"},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.calls);
+    ClearRecords();
+    auto p = std::make_unique<TProfiler>("p", 0);
+    std::istringstream in(r.calls);
+    for (std::string w; in >> w;) {
+      if (w == "S") {
+        p->Start();
+      } else if (w == "s") {
+        p->Stop();
+      } else if (w == "R") {
+        p->Report(1);
+      } else if (w == "D") {
+        p.reset();
+      } else {
+        Advance(std::stoll(w));
+      }
+    }
+    EXPECT_EQ(Asserted(), r.asserted);
+    EXPECT_EQ(Logged(), std::string("513 p: ") + r.line + "\n");
+  }
 }
 
 // Each row after a Reset, which clears the counters and restarts the span.
@@ -285,7 +309,7 @@ TEST_F(ProfilerTest, ReportFiguresByRow) {
   EXPECT_TRUE(Lines().empty());
 }
 
-TEST_F(ProfilerTest, OnceOnlyReportsAndTheDestructor) {
+TEST_F(ProfilerTest, OnceOnlyReports) {
   {
     TProfiler p("once", 0);
     p.Report(1);
@@ -295,28 +319,6 @@ TEST_F(ProfilerTest, OnceOnlyReportsAndTheDestructor) {
     p.Report(1);
   }
   EXPECT_EQ(Lines().size(), 2u);
-  ClearRecords();
-  {
-    TProfiler q("dtor", 0);
-    q.Start();
-    Advance(10);
-    q.Stop();
-    Advance(90);
-  }
-  EXPECT_EQ(Logged(), "513 dtor: 0.010 of 0.1 secs (10.00%) for 1 ops (10,000.0 uSec/op)\n");
-}
-
-TEST_F(ProfilerTest, StopWithoutStartAsserts) {
-  TProfiler p("neg", 0);
-  p.Stop();
-  EXPECT_EQ(Asserted(), "timer-303");
-  p.Start();  // back to depth 0 without a busy span
-  p.Start();
-  Advance(10);
-  p.Stop();
-  EXPECT_EQ(Asserted(), "timer-303");
-  p.Report(1);
-  EXPECT_EQ(Logged(), "513 neg: 0.010 of 0.0 secs (100.00%) for 2 ops (5,000.0 uSec/op)\n");
 }
 
 TEST_F(ProfilerTest, ReportAllReportsNewestFirstAndEmptiesTheRegistry) {
