@@ -57,11 +57,7 @@ TEST_F(DateStepTest, StepsFollowTheCalendarAsWorkedByHand) {
     EXPECT_EQ(moved.GetTimezone() + moved.GetGMTOffset(), 0);
     // The assigning forms agree.
     TDate in = start;
-    if (forward) {
-      in += step;
-    } else {
-      in -= step;
-    }
+    EXPECT_EQ(Of(forward ? in += step : in -= step), Parse(r[4]));
     EXPECT_EQ(Of(in), Parse(r[4]));
   }
 }
@@ -251,11 +247,7 @@ TEST_F(DateStepTest, IntervalsMoveDatesExactly) {
     SCOPED_TRACE(::testing::Message() << r.want);
     EXPECT_EQ(Of(r.sign > 0 ? start + r.iv : start - r.iv), r.want);
     TDate in = start;
-    if (r.sign > 0) {
-      in += r.iv;
-    } else {
-      in -= r.iv;
-    }
+    EXPECT_EQ(Of(r.sign > 0 ? in += r.iv : in -= r.iv), r.want);
     EXPECT_EQ(Of(in), r.want);
   }
   EXPECT_EQ(Asserted(), "");
