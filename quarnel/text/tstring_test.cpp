@@ -654,8 +654,13 @@ TEST_F(TStringTest, RandomOperationsMatchAStdU16StringModel) {
       case 11: {
         TString copy(s);
         EXPECT_TRUE(copy.Identical(s));
-        s = u"<" + copy + TString(u">");
-        m = u"<" + m + u">";
+        if (pick(2)) {
+          s = u"<" + copy + u">";
+          m = u"<" + m + u">";
+        } else {
+          s = copy + TString(u"!");
+          m += u"!";
+        }
         break;
       }
       case 12: {
