@@ -89,7 +89,6 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
   }
   const std::string store = ReadHost(Host(u"C:\\store.chk"));
   WriteHost(Host(u"C:\\work.chk"), store);
-  WriteHost(Host(u"C:\\short.chk"), store.substr(0, 300));
   std::string huge = store;  // the header claims a map far beyond the file
   huge[16 + 5] = 0x7F;
   WriteHost(Host(u"C:\\huge.chk"), huge);
@@ -222,12 +221,11 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
       {"verify store.chk", 0,
        "map: sound, 4 chunks, 0 free extents\nchunks: 4 checked, 0 damaged\nsound\n", ""},
       {"cat store.chk Text 1", 0, "Dear reader,", ""},
-      {"cat store.chk Pict 1 | wc -c", 0, "20000\n", ""},
       {"cat store.chk 0x50696374 1 --raw | wc -c", 0, "262\n", ""},
       {"cat store.chk Text 7", 2, "", "qn: store.chk: Text 7: No such chunk (-647)"},
       {"cat store.chk Tx 1", 3, "", "not a chunk type: Tx"},
-      {"put work.chk Text 9 nine.txt", 0, "stored Text 9: 9 bytes\n", ""},
-      {"cat work.chk Text 9", 0, "123456789", ""},
+      {"put work.chk Text 9 nine.txt && qn cat work.chk Text 9", 0,
+       "stored Text 9: 9 bytes\n123456789", ""},
       {"rm work.chk Text 1", 0, "removed Text 1\n", ""},
       {"ls work.chk | grep Text", 0,
        "Text                 2         13       1032 plain\n"
@@ -246,11 +244,8 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
        "hash\nchunks: 4 checked, 1 damaged\ndamaged\n",
        ""},
       {"verify empty.bin", 1, "file: Invalid or short chunk file (-643)\ndamaged\n", ""},
-      {"verify short.chk", 1, "~file: Invalid or short chunk file (-643)\n", ""},
-      {"verify random.bin", 1, "~file: Invalid or short chunk file (-643)\n", ""},
       {"verify huge.chk", 1, "~file: the header claims a map of 139637976727952 bytes\ndamaged\n",
        ""},
-      {"ls random.bin", 1, "", "qn: random.bin: Invalid or short chunk file (-643)"},
       {"verify missing.chk", 2, "", "qn: missing.chk: "},
       {"verify marked.chk", 1, "~file: Chunk file was not fully saved (-645)\n", ""},
       {"salvage marked.chk out.chk && qn verify out.chk | tail -1", 0,
@@ -268,7 +263,6 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
        "~recovered 1 chunks into out.chk\nold data", ""},
       {"salvage store.chk ./store.chk", 3, "", "OUT must be another file than FILE"},
       {"salvage empty.bin out.chk", 1, "~recovered 0 chunks", ""},
-      {"salvage random.bin out.chk", 1, "~recovered 0 chunks", ""},
       {"salvage huge.chk out.chk", 1, "~recovered 4 chunks", ""},
       {"salvage flipped.chk out.chk", 1, "~lost Text 2\n", ""},
       {"tour tour >/dev/null && ls tour", 0, "crash\ndamaged.chk\nsalvaged.chk\nstore\n", ""},
