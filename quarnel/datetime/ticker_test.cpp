@@ -235,12 +235,14 @@ void RunProfile(TProfiler& p, unsigned ops, unsigned busy, unsigned elapsed) {
 }
 
 // Calls on a profiler: a number moves the clock by that many ms, S starts,
-// s stops, R reports once, D destroys it; then the assertions and the line.
+// s stops, R reports once, r reports always, X resets, D destroys it; then
+// the assertions and the line, written `times` times.
 TEST_F(ProfilerTest, CallSequences) {
   const struct {
     const char* calls;
     const char* asserted;
     const char* line;
+    int times = 1;
   } rows[] = {
       // A nested start counts as an operation; the busy span is the outer one.
       {"1000 S 200 S 300 s 500 s 1000 R", "",
@@ -249,6 +251,8 @@ TEST_F(ProfilerTest, CallSequences) {
       {"S 10 s 90 D", "", "0.010 of 0.1 secs (10.00%) for 1 ops (10,000.0 uSec/op)"},
       // A stop without a start asserts and goes back to depth 0.
       {"s S S 10 s R", "timer-303", "0.010 of 0.0 secs (100.00%) for 2 ops (5,000.0 uSec/op)"},
+      // Once only: neither a Reset nor the destructor brings the report back.
+      {"S 10 s 90 R R r X R D", "", "0.010 of 0.1 secs (10.00%) for 1 ops (10,000.0 uSec/op)", 2},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.calls);
@@ -260,8 +264,10 @@ TEST_F(ProfilerTest, CallSequences) {
         p->Start();
       } else if (w == "s") {
         p->Stop();
-      } else if (w == "R") {
-        p->Report(1);
+      } else if (w == "R" || w == "r") {
+        p->Report(w == "R");
+      } else if (w == "X") {
+        p->Reset();
       } else if (w == "D") {
         p.reset();
       } else {
@@ -269,7 +275,9 @@ TEST_F(ProfilerTest, CallSequences) {
       }
     }
     EXPECT_EQ(Asserted(), r.asserted);
-    EXPECT_EQ(Logged(), std::string("513 p: ") + r.line + "\n");
+    std::string lines;
+    for (int i = 0; i < r.times; ++i) lines += std::string("513 p: ") + r.line + "\n";
+    EXPECT_EQ(Logged(), lines);
   }
 }
 
@@ -288,18 +296,6 @@ TEST_F(ProfilerTest, ReportFiguresByRow) {
     ClearRecords();
   }
   EXPECT_TRUE(Lines().empty());
-}
-
-TEST_F(ProfilerTest, OnceOnlyReports) {
-  {
-    TProfiler p("once", 0);
-    p.Report(1);
-    p.Report(1);
-    p.Report(0);  // not once-only: always writes
-    p.Reset();    // keeps the reported flag
-    p.Report(1);
-  }
-  EXPECT_EQ(Lines().size(), 2u);
 }
 
 TEST_F(ProfilerTest, ReportAllReportsNewestFirstAndEmptiesTheRegistry) {
