@@ -288,22 +288,16 @@ TEST_F(DateStepTest, StepAndIntervalRecordsHaveTheirExactBytes) {
   EXPECT_EQ(in.RawMilliseconds(), 86399999);
 }
 
-TEST_F(DateStepTest, ImportsRefuseShortForeignAndSwappedRecords) {
+TEST_F(DateStepTest, ImportsRefuseShortAndForeignRecords) {
   const Bytes step = {0x2E, 0x53, 0x74, 0x44, 0x00, 0x01, 0x00, 0x01, 1, 0, 2, 0,
                       3,    0,    4,    0,    5,    0,    6,    0,    7, 0, 8, 0};
   const Bytes iv = {0x2E, 0x76, 0x74, 0x49, 0x00, 0x01, 0x00, 0x01, 1, 0, 0, 0, 2, 0, 0, 0};
-  auto swapped = [](Bytes b) {
-    std::reverse(b.begin(), b.begin() + 4);
-    std::swap(b[4], b[5]);
-    std::swap(b[6], b[7]);
-    return b;
-  };
   auto retagged = [](Bytes b) {
     b[0] = 0x2E, b[1] = 0x65;  // another record's tag
     return b;
   };
-  // Each record's import refuses it short, retagged and swapped, and keeps
-  // the value it had.
+  // Each record's import refuses it short and retagged, and keeps the value
+  // it had (the record header's own checks answer for the rest).
   const auto refuses = [&](const auto& keep, const Bytes& good) {
     const int size = static_cast<int>(good.size());
     const struct {
@@ -311,8 +305,7 @@ TEST_F(DateStepTest, ImportsRefuseShortForeignAndSwappedRecords) {
       Bytes bytes;
       int size, code;
     } rows[] = {{"short", good, size - 1, kErrImportDataTooShort},
-                {"date record", retagged(good), size, kErrPersistWrongSignature},
-                {"other byte order", swapped(good), size, kErrPersistOtherByteOrder}};
+                {"date record", retagged(good), size, kErrPersistWrongSignature}};
     for (const auto& r : rows) {
       SCOPED_TRACE(r.name);
       auto v = keep;
