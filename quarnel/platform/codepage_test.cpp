@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -303,45 +302,6 @@ TEST_F(CodePageTest, Utf8OfTheCaseFile) {
                 valid ? static_cast<int>(r[2].size() / 2) : 0);
     }
     EXPECT_EQ(UGetLastError(), valid ? 0u : 1113u);
-  }
-}
-
-// Model test: random valid text (all planes, surrogate pairs included) goes
-// to UTF-8 and back unchanged, and the UTF-8 matches an independent encoder.
-TEST_F(CodePageTest, Utf8RoundTripsRandomText) {
-  std::mt19937 rng(20240611);
-  for (int trial = 0; trial < 2000; ++trial) {
-    std::u16string text;
-    const int len = 1 + static_cast<int>(rng() % 40);
-    for (int i = 0; i < len; ++i) {
-      // One, two, three and four bytes of UTF-8 alike.
-      static constexpr char32_t kFrom[] = {0, 0x80, 0x800, 0x10000, 0x110000};
-      const unsigned band = rng() % 4;
-      char32_t c = kFrom[band] + rng() % (kFrom[band + 1] - kFrom[band]);
-      if (c >= 0xD800 && c <= 0xDFFF) c = 0xE000;
-      if (c >= 0x10000) {
-        text += static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10));
-        text += static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF));
-      } else {
-        text += static_cast<char16_t>(c);
-      }
-    }
-    SCOPED_TRACE("trial " + std::to_string(trial) + ": " + Hex16(text));
-    const int n = static_cast<int>(text.size());
-    const int bytes =
-        UWideCharToMultiByte(kCpUtf8, 0, text.data(), n, nullptr, 0, nullptr, nullptr);
-    std::string utf8(static_cast<std::size_t>(bytes), '\0');
-    ASSERT_EQ(
-        UWideCharToMultiByte(kCpUtf8, 0, text.data(), n, utf8.data(), bytes, nullptr, nullptr),
-        bytes);
-    ASSERT_EQ(utf8, Utf8(text));
-    const int units =
-        UMultiByteToWideChar(kCpUtf8, kMbErrInvalidChars, utf8.data(), bytes, nullptr, 0);
-    std::u16string back(static_cast<std::size_t>(units), u'\0');
-    ASSERT_EQ(
-        UMultiByteToWideChar(kCpUtf8, kMbErrInvalidChars, utf8.data(), bytes, back.data(), units),
-        units);
-    ASSERT_EQ(back, text);
   }
 }
 
