@@ -178,28 +178,6 @@ TEST(ResBlob, RefusesMalformedContainers) {
   EXPECT_EQ(e.bytes[0], 1);
 }
 
-// Random byte changes never lead the reader outside the bytes: whatever it
-// accepts, every entry lies within the buffer.
-TEST(ResBlob, AcceptedEntriesAlwaysLieWithinTheBytes) {
-  const Bytes good = Assemble(kSample);
-  std::mt19937 rng(7);
-  for (int round = 0; round < 20000; ++round) {
-    Bytes b = good;
-    const int changes = 1 + static_cast<int>(rng() % 4);
-    for (int k = 0; k < changes; ++k) b[rng() % b.size()] = static_cast<unsigned char>(rng());
-    UResBlob blob;
-    if (UResBlobOpen(b.data(), b.size(), &blob) != 0) continue;
-    for (unsigned i = 0; i < blob.count; ++i) {
-      const UResEntry e = UResBlobEntry(blob, i);
-      ASSERT_GE(e.bytes, b.data());
-      ASSERT_LE(e.bytes + e.size, b.data() + b.size());
-      if (e.name != nullptr) {
-        ASSERT_LE(e.name + 2 * e.nameLength, b.data() + b.size());
-      }
-    }
-  }
-}
-
 // ELF files are the Linux build's modules.
 #if defined(QUARNEL_TEST_MODULE_DIR) && !defined(_WIN32)
 Bytes ReadFile(const std::string& path) {
