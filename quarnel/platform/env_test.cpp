@@ -102,18 +102,16 @@ TEST_F(EnvTest, DefaultsDescribeThisProcess) {
   EXPECT_LE(env.availPhysMemory, env.totalPhysMemory);
 }
 
+// The code page is read from the live record; setting the record from
+// itself changes nothing.
 TEST_F(EnvTest, HostSetsTheRecord) {
   QuarnelEnvType env = *QuarnelEnv();
   env.appName = "Vellomarch";
-  env.appVersion = "4.2.1";
   env.acp = 932;
   QuarnelSetEnv(env);
-  EXPECT_EQ(QuarnelEnv()->appName + QuarnelEnv()->appVersion, "Vellomarch4.2.1");
   EXPECT_EQ(UGetACP(), 932u);
-  // Direct assignment through the live record works the same way.
   QuarnelEnv()->acp = 65001;
   EXPECT_EQ(UGetACP(), 65001u);
-  // Setting the record from itself changes nothing.
   QuarnelSetEnv(*QuarnelEnv());
   EXPECT_EQ(QuarnelEnv()->appName, "Vellomarch");
 }
