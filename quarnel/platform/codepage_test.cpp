@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -47,14 +46,6 @@ std::string ToBytes(unsigned cp, const std::u16string& units, int* used = nullpt
   const int n = UWideCharToMultiByte(cp, flags, units.data(), static_cast<int>(units.size()), buf,
                                      128, defaultChar, used);
   return std::string(buf, static_cast<std::size_t>(n));
-}
-
-// The UTF-16 units of "0061 30FB".
-std::u16string Units(const std::string& hex16) {
-  std::u16string units;
-  std::istringstream in(hex16);
-  for (unsigned u; in >> std::hex >> u;) units.push_back(static_cast<char16_t>(u));
-  return units;
 }
 
 class CodePageTest : public RecordingTest {
@@ -295,7 +286,7 @@ TEST_F(CodePageTest, Utf8OfTheCaseFile) {
       EXPECT_EQ(UMultiByteToWideChar(kCpUtf8, kMbErrInvalidChars, bytes.data(), len, nullptr, 0),
                 valid ? static_cast<int>(units.size()) : 0);
     } else {
-      const std::u16string units = Units(r[1]);
+      const std::u16string units = Unhex16(r[1]);
       EXPECT_EQ(Hex(ToBytes(kCpUtf8, units)), r[2]);
       EXPECT_EQ(UWideCharToMultiByte(kCpUtf8, kWcErrInvalidChars, units.data(),
                                      static_cast<int>(units.size()), nullptr, 0, nullptr, nullptr),
@@ -318,7 +309,7 @@ TEST_F(CodePageTest, Cp932InvalidInput) {
     USetLastError(0);
     const int n = UMultiByteToWideChar(kCp932, kMbErrInvalidChars, bytes.data(),
                                        static_cast<int>(bytes.size()), nullptr, 0);
-    EXPECT_EQ(n, valid ? static_cast<int>(Units(r[2]).size()) : 0);
+    EXPECT_EQ(n, valid ? static_cast<int>(Unhex16(r[2]).size()) : 0);
     EXPECT_EQ(UGetLastError(), valid ? 0u : 1113u);
   }
 }
@@ -330,7 +321,7 @@ TEST_F(CodePageTest, DefaultCharacterAndBestFit) {
     const unsigned cp = std::stoul(r[1]), flags = std::stoul(r[2]);
     const std::string defaultChar = Unhex(r[3]);
     const char* def = r[3] == "-" ? nullptr : defaultChar.c_str();
-    const std::u16string units = Units(r[4]);
+    const std::u16string units = Unhex16(r[4]);
     int used = -1;
     EXPECT_EQ(Hex(ToBytes(cp, units, &used, flags, def)), r[5]);
     EXPECT_EQ(used, std::stoi(r[6]));

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <iterator>
 #include <random>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,14 +19,6 @@
 #include "tests/support/tsv_kind.h"
 
 namespace {
-
-std::vector<unsigned> Hex(const std::string& text) {
-  std::vector<unsigned> values;
-  std::stringstream in(text);
-  std::string word;
-  while (in >> word) values.push_back(static_cast<unsigned>(std::stoul(word, nullptr, 16)));
-  return values;
-}
 
 // One recorded GetLocaleInfoW/A answer.
 struct InfoRow {
@@ -47,8 +38,8 @@ std::vector<InfoRow> LoadInfoRows() {
                 static_cast<unsigned>(std::stoul(f[3], nullptr, 16)),
                 {},
                 {}};
-    for (unsigned u : Hex(f[7])) row.wide.push_back(static_cast<char16_t>(u));
-    for (unsigned b : Hex(f[10])) row.ansi.push_back(static_cast<char>(b));
+    row.wide = Unhex16(f[7]);
+    for (char16_t b : Unhex16(f[10])) row.ansi.push_back(static_cast<char>(b));
     rows.push_back(row);
   }
   return rows;
@@ -217,10 +208,8 @@ CollateData LoadCollateData() {
   CollateData data;
   for (const auto& f : ReadTsv("collate_pairs.tsv")) {
     if (f[0] == "S") {
-      std::u16string s;
-      for (unsigned u : Hex(f.size() > 2 ? f[2] : "")) s.push_back(static_cast<char16_t>(u));
       EXPECT_EQ(std::stoul(f[1]), data.strings.size());
-      data.strings.push_back(s);
+      data.strings.push_back(Unhex16(f.size() > 2 ? f[2] : ""));
     } else if (f[0] == "R") {
       data.rows.push_back(
           {static_cast<unsigned>(std::stoul(f[1], nullptr, 16)), std::stoi(f[2]), f[3]});

@@ -105,5 +105,8 @@ std::vector<std::vector<std::string>> ReadTsv(const std::string& name);
 std::string Hex(const std::string& bytes);
 std::string Unhex(const std::string& hex);
 std::string Hex16(const std::u16string& units);
+// Units written as blank-separated groups of hex digits ("0061 30FB"), as Hex16
+// writes them.
+std::u16string Unhex16(const std::string& hex);
 
 #endif  // QUARNEL_TESTS_SUPPORT_HELPERS_H_
