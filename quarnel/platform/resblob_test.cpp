@@ -3,17 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "quarnel/platform/internal/elffile.h"
+#include "tests/support/helpers.h"
 
 namespace {
-
-using Bytes = std::vector<unsigned char>;
 
 void Put16(Bytes* b, unsigned v) {
   b->push_back(static_cast<unsigned char>(v));
@@ -180,16 +177,11 @@ TEST(ResBlob, RefusesMalformedContainers) {
 
 // ELF files are the Linux build's modules.
 #if defined(QUARNEL_TEST_MODULE_DIR) && !defined(_WIN32)
-Bytes ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // The blob of a module built by the tree, found in its file by the ELF
 // reader, is byte for byte the container qnrc wrote for the same script.
 TEST(ElfFile, FindsTheModulesBlob) {
-  const Bytes so = ReadFile(QUARNEL_TEST_MODULE_DIR "/libqnt_full.so");
-  const Bytes plain = ReadFile(QUARNEL_TEST_MODULE_DIR "/qnt_full.qnrb");
+  const Bytes so = ReadBytes(QUARNEL_TEST_MODULE_DIR "/libqnt_full.so");
+  const Bytes plain = ReadBytes(QUARNEL_TEST_MODULE_DIR "/qnt_full.qnrb");
   ASSERT_GT(so.size(), 1000u);
   ASSERT_GT(plain.size(), 16u);
   const quarnel_internal::ElfMemorySource source(so.data(), so.size());
@@ -203,7 +195,7 @@ TEST(ElfFile, FindsTheModulesBlob) {
   EXPECT_EQ(quarnel_internal::ElfFindSymbolBytes(source, "no_such_symbol", &offset, &size),
             quarnel_internal::kElfNoSymbol);
   // Not an ELF file at all.
-  const Bytes text = ReadFile(QUARNEL_TEST_DATA_DIR "/resources/not_a_module.txt");
+  const Bytes text = ReadBytes(QUARNEL_TEST_DATA_DIR "/resources/not_a_module.txt");
   const quarnel_internal::ElfMemorySource textSource(text.data(), text.size());
   EXPECT_EQ(quarnel_internal::ElfFindSymbolBytes(textSource, "quarnel_resources", &offset, &size),
             quarnel_internal::kElfBadFormat);
@@ -212,7 +204,7 @@ TEST(ElfFile, FindsTheModulesBlob) {
 // Cut at every length and with random bytes changed, the reader answers
 // without reading outside the file; what it finds lies within it.
 TEST(ElfFile, TruncatedAndDamagedFilesAreRefusedSafely) {
-  const Bytes so = ReadFile(QUARNEL_TEST_MODULE_DIR "/libqnt_full.so");
+  const Bytes so = ReadBytes(QUARNEL_TEST_MODULE_DIR "/libqnt_full.so");
   ASSERT_FALSE(so.empty());
   std::uint64_t offset = 0;
   std::uint64_t size = 0;

@@ -18,12 +18,10 @@
 
 #include "quarnel/platform/internal/crashmodule.h"
 #include "quarnel/platform/threadid.h"
+#include "tests/support/helpers.h"
 #include "tests/support/platform_cases.h"
 
 #if defined(_WIN32)
-#include <fstream>
-#include <iterator>
-
 #include "quarnel/platform/internal/pefile.h"
 #include "quarnel/platform/win32/winapi.h"
 #else
@@ -209,12 +207,6 @@ TEST(CrashModule, MemoryMapTellsWhatMayBeRead) {
 }
 
 #if defined(_WIN32)
-std::vector<unsigned char> FileBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<unsigned char>(std::istreambuf_iterator<char>(in),
-                                    std::istreambuf_iterator<char>());
-}
-
 // Modules, sections and symbols agree with the loader and with the
 // program's own file.
 TEST(CrashModule, SymbolsAndModulesAgreeWithTheLoader) {
@@ -251,7 +243,7 @@ TEST(CrashModule, SymbolsAndModulesAgreeWithTheLoader) {
   EXPECT_STREQ(name, "_Z15UCaptureThreadsPKjiP14UThreadContextPji");
   EXPECT_EQ(start, capture);
   std::vector<quarnel_internal::ElfFunction> functions;
-  const std::vector<unsigned char> bytes = FileBytes(self->path);
+  const Bytes bytes = ReadBytes(self->path);
   const quarnel_internal::ElfMemorySource source(bytes.data(), bytes.size());
   ASSERT_EQ(quarnel_internal::PeFunctionSymbols(source, &functions), quarnel_internal::kPeFound);
   const auto it = std::find_if(functions.begin(), functions.end(), [](const auto& f) {

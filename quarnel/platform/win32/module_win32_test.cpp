@@ -3,8 +3,6 @@
 // they were built from (the container qnrc wrote beside them).
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -12,13 +10,9 @@
 #include "quarnel/platform/faults.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/module.h"
+#include "tests/support/helpers.h"
 
 namespace {
-
-std::vector<unsigned char> ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), {});
-}
 
 std::string FileName(HMODULE m) {
   char16_t buf[512];
@@ -34,7 +28,7 @@ std::string BytesOf(HMODULE m, HRSRC r) {
 
 // Every resource of the container is found in the module with the same bytes.
 void ExpectSameResources(HMODULE m, const std::string& container) {
-  const std::vector<unsigned char> bytes = ReadFile(container);
+  const Bytes bytes = ReadBytes(container);
   UResBlob blob;
   ASSERT_EQ(UResBlobOpen(bytes.data(), bytes.size(), &blob), 0u) << container;
   ASSERT_GT(blob.count, 0u);
