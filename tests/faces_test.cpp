@@ -232,14 +232,24 @@ TEST(Faces, RangeForAgreesWithTheOldWalks) {
   EXPECT_EQ(list.EntryCount(), 0);
 
   RNList numbers;
+  TUint8Buffer bytes;
+  TDateBuffer dates;
   TDataBuffer records(3);
   for (int i = 0; i < 50; ++i) {
     numbers.Add(i * 7 % 50);
+    bytes.Add(static_cast<std::uint8_t>(i));
     records.Append("ab", 1);
   }
+  dates.SetCount(4);
   std::vector<int> enumerated;
   for (int i = 0; i < numbers.Count(); ++i) enumerated.push_back(numbers.Enum(i));
   EXPECT_EQ(Collect(numbers), enumerated);
+  const TUint8Buffer& constBytes = bytes;
+  EXPECT_EQ(Collect(constBytes).size(), 50u);
+  EXPECT_EQ(*(constBytes.end() - 1), 49);
+  for (std::uint8_t& b : bytes) b = 7;
+  EXPECT_EQ(bytes[49], 7);
+  for (TDate& d : dates) EXPECT_EQ(&d, dates[static_cast<unsigned>(&d - dates.begin())]);
   std::vector<const void*> addresses;
   for (const void* r : records) addresses.push_back(r);
   ASSERT_EQ(addresses.size(), 50u);

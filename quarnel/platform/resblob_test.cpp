@@ -146,7 +146,7 @@ TEST(ResBlob, RefusesMalformedContainers) {
   }
   // Names of 0 units, of more than 255, or running past the end.
   const std::size_t nameAt = good[e3 + 8] | (std::size_t{good[e3 + 9]} << 8);
-  for (unsigned n : {0u, 256u, 0xFFFFu}) {
+  for (unsigned n : {0u, 200u, 256u, 0xFFFFu}) {
     Bytes b = good;
     b[nameAt] = static_cast<unsigned char>(n);
     b[nameAt + 1] = static_cast<unsigned char>(n >> 8);
