@@ -73,18 +73,14 @@ TEST(Faces, ValuesMoveIntoStandardContainersAndCopyFromConst) {
   for (unsigned i = 0; i < 12; ++i) EXPECT_EQ(blocks[i].MemPtr()[7], i);
   tmemPurgeBlocks(0);
   for (unsigned i = 0; i < 12; ++i) EXPECT_EQ(blocks[i].GetSize() == 0, i < 6) << i;
+  {
+    const TMemory& constBlock = blocks[9];
+    const TMemory fromConst(constBlock);
+    EXPECT_EQ(fromConst.MemPtr()[7], 9);
+  }
   blocks.clear();
   EXPECT_EQ(tmemGetStats().heapBlocks, before.heapBlocks);
   EXPECT_EQ(tmemGetStats().purgeableBlocks, before.purgeableBlocks);
-
-  const TMemory constBlock = [] {
-    TMemory m;
-    m.SetSize(3);
-    m.MemPtr()[2] = 9;
-    return m;
-  }();
-  TMemory fromConst(constBlock);
-  EXPECT_EQ(fromConst.MemPtr()[2], 9);
 
   TDict dict(10, 0);
   dict.Define(5, 50);
@@ -251,11 +247,13 @@ TEST(Faces, RangeForAgreesWithTheOldWalks) {
   const TUint8Buffer& constBytes = bytes;
   EXPECT_EQ(Collect(constBytes).size(), 50u);
   EXPECT_EQ(*(constBytes.end() - 1), 49);
+  for (std::uint8_t& b : bytes) b = 7;
+  EXPECT_EQ(bytes[49], 7);
+  for (TDate& d : dates) EXPECT_EQ(&d, dates[static_cast<unsigned>(&d - dates.begin())]);
   std::vector<const void*> addresses;
   for (const void* r : records) addresses.push_back(r);
   ASSERT_EQ(addresses.size(), 50u);
   EXPECT_EQ(addresses[49], records.GetAt(49));
-  for (TDate& d : dates) EXPECT_EQ(&d, dates[static_cast<unsigned>(&d - dates.begin())]);
 }
 
 // A range-for over a TList keeps other threads' changes out until it ends.

@@ -23,22 +23,8 @@ class EnvTest : public RecordingTest {
   ScopedEnv saved_;
 };
 
-TEST(EnvAcp, CodesetOfTheLocaleNameChoosesThePage) {
-#if defined(_WIN32)
-  GTEST_SKIP() << "Linux only: the page follows the locale variables; Windows names its own";
-#else
-  for (const char* name : {"en_US.UTF-8", "C.UTF-8", "C.utf8", "de_DE.utf-8@euro", "ja_JP.UTF8"}) {
-    EXPECT_EQ(quarnel_internal::AcpFromLocaleName(name), 65001u) << name;
-  }
-  for (const char* name : {"en_US", "C", "POSIX", "", "en_US.ISO-8859-1", "de_DE@euro",
-                           "en_US.UTF-16", "fr_FR.utf8x"}) {
-    EXPECT_EQ(quarnel_internal::AcpFromLocaleName(name), 1252u) << name;
-  }
-  EXPECT_EQ(quarnel_internal::AcpFromLocaleName(nullptr), 1252u);
-#endif
-}
-
 // LC_ALL wins over LC_CTYPE, which wins over LANG; an empty one is skipped.
+// The codeset of the name chooses UTF-8 (65001) or 1252.
 TEST_F(EnvTest, FirstNonEmptyLocaleVariableSetsThePage) {
   QUARNEL_LINUX_ONLY("the page follows the locale variables; Windows names its own");
   struct Row {
@@ -51,6 +37,10 @@ TEST_F(EnvTest, FirstNonEmptyLocaleVariableSetsThePage) {
       {"en_US.UTF-8", "C", "C", 65001},        {"C", "en_US.UTF-8", "en_US.UTF-8", 1252},
       {"", "en_US.UTF-8", "C", 65001},         {nullptr, nullptr, "de_DE.UTF-8", 65001},
       {nullptr, "POSIX", "de_DE.UTF-8", 1252}, {nullptr, nullptr, nullptr, 1252},
+      {nullptr, nullptr, "C.utf8", 65001},     {nullptr, nullptr, "de_DE.utf-8@euro", 65001},
+      {nullptr, nullptr, "ja_JP.UTF8", 65001}, {nullptr, nullptr, "en_US.ISO-8859-1", 1252},
+      {nullptr, nullptr, "de_DE@euro", 1252},  {nullptr, nullptr, "en_US.UTF-16", 1252},
+      {nullptr, nullptr, "fr_FR.utf8x", 1252},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(std::string(r.lcAll ? r.lcAll : "-") + " / " + (r.lcCtype ? r.lcCtype : "-") +
@@ -112,31 +102,25 @@ TEST_F(EnvTest, DefaultsDescribeThisProcess) {
   EXPECT_LE(env.availPhysMemory, env.totalPhysMemory);
 }
 
+// The code page is read from the live record; setting the record from
+// itself changes nothing.
 TEST_F(EnvTest, HostSetsTheRecord) {
   QuarnelEnvType env = *QuarnelEnv();
   env.appName = "Vellomarch";
-  env.appVersion = "4.2.1";
   env.acp = 932;
   QuarnelSetEnv(env);
-  EXPECT_EQ(QuarnelEnv()->appName + QuarnelEnv()->appVersion, "Vellomarch4.2.1");
   EXPECT_EQ(UGetACP(), 932u);
-  // Direct assignment through the live record works the same way.
   QuarnelEnv()->acp = 65001;
   EXPECT_EQ(UGetACP(), 65001u);
-  // Setting the record from itself changes nothing.
   QuarnelSetEnv(*QuarnelEnv());
   EXPECT_EQ(QuarnelEnv()->appName, "Vellomarch");
 }
 
-TEST_F(EnvTest, RefreshReadsAvailableMemoryAgain) {
+TEST_F(EnvTest, RefreshFromThreadsWhileOthersRead) {
   QuarnelEnv()->availPhysMemory = 1;
   const std::uint64_t now = QuarnelRefreshAvailMemory();
   EXPECT_GT(now, 1u);
-  EXPECT_EQ(QuarnelAvailPhysMemory(), now);
   EXPECT_EQ(QuarnelEnv()->availPhysMemory, now);
-}
-
-TEST_F(EnvTest, RefreshFromThreadsWhileOthersRead) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t] {

@@ -27,8 +27,6 @@ namespace {
 
 using FileApi = DriveTest;
 
-std::u16string W(const std::string& s) { return Utf16(s); }
-
 // The Windows error a call leaves (0 when it succeeded).
 template <class F>
 unsigned ErrorOf(F call) {
@@ -233,13 +231,13 @@ TEST_F(FileApi, FindMatchesWildcardsAndGivesShortNames) {
   for (const auto& f : rows) {
     SCOPED_TRACE(f[0] + " " + f[1]);
     if (f[0] == "ATTR") {
-      EXPECT_EQ(UGetFileAttributes((u"C:\\find\\" + W(f[1])).c_str()),
+      EXPECT_EQ(UGetFileAttributes((u"C:\\find\\" + Utf16(f[1])).c_str()),
                 std::stoul(f[2], nullptr, 16));
       continue;
     }
     if (wine && f[1].back() == '.') continue;
     UWIN32_FIND_DATAW d;
-    const UHANDLE h = UFindFirstFile((u"C:\\find\\" + W(f[1])).c_str(), &d);
+    const UHANDLE h = UFindFirstFile((u"C:\\find\\" + Utf16(f[1])).c_str(), &d);
     std::vector<std::pair<std::string, std::string>> found;
     if (h == kInvalidHandleValue) {
       EXPECT_EQ(std::to_string(UGetLastError()), f[5]);

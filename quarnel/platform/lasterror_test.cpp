@@ -8,7 +8,6 @@
 #include <map>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/support/helpers.h"
 #include "tests/support/platform_cases.h"
@@ -43,23 +42,6 @@ TEST(LastError, IsPerThread) {
   EXPECT_EQ(UGetLastError(), 0xFFFFFFFFu);
   USetLastError(0);
   EXPECT_EQ(UGetLastError(), 0u);
-}
-
-TEST(LastError, ManyThreadsKeepTheirOwn) {
-  std::vector<std::thread> threads;
-  std::vector<int> wrong(8, 0);
-  for (int t = 0; t < 8; ++t) {
-    threads.emplace_back([t, &wrong] {
-      for (unsigned i = 0; i < 10000; ++i) {
-        const unsigned mine = static_cast<unsigned>(t) * 100000 + i;
-        USetLastError(mine);
-        std::this_thread::yield();
-        if (UGetLastError() != mine) ++wrong[t];
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
-  for (int t = 0; t < 8; ++t) EXPECT_EQ(wrong[t], 0) << "thread " << t;
 }
 
 // errno -> the Windows number a Windows program sees for the same failure.

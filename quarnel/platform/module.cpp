@@ -539,10 +539,23 @@ int UGetModuleFileName(HMODULE module, char16_t* buffer, int size) {
   return n;
 }
 
+namespace {
+
+// The error of a failed find: 1813 when the module holds no resource of the
+// type at all, as Windows answers, else 1814.
+unsigned NotFound(const UResBlob& blob, unsigned type) {
+  for (unsigned i = 0; i < blob.count; ++i) {
+    if (UResBlobEntry(blob, i).type == type) return kErrorResourceNameNotFound;
+  }
+  return kErrorResourceTypeNotFound;
+}
+
+}  // namespace
+
 HRSRC UFindResource(HMODULE module, int id, unsigned type) {
   UModule* m = module == nullptr ? &Host() : module;
   const unsigned char* entry = UResBlobFind(m->blob, type, id, nullptr);
-  if (entry == nullptr) Fail(kErrorResourceNameNotFound);
+  if (entry == nullptr) Fail(NotFound(m->blob, type));
   return entry;
 }
 
@@ -554,7 +567,7 @@ HRSRC UFindResourceNamed(HMODULE module, const char16_t* name, int length, unsig
   }
   const unsigned char* entry =
       UResBlobFindNamed(m->blob, type, name, static_cast<unsigned>(length), nullptr);
-  if (entry == nullptr) Fail(kErrorResourceNameNotFound);
+  if (entry == nullptr) Fail(NotFound(m->blob, type));
   return entry;
 }
 

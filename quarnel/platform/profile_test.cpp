@@ -5,10 +5,8 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <random>
-#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -18,6 +16,7 @@
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/testchild.h"
 #include "tests/support/drive_fixture.h"
+#include "tests/support/helpers.h"
 
 namespace {
 
@@ -71,14 +70,6 @@ std::string Unescape(const std::string& s) {
   return out;
 }
 
-std::vector<std::string> Fields(const std::string& line) {
-  std::vector<std::string> f;
-  std::stringstream in(line);
-  for (std::string x; std::getline(in, x, '\t');) f.push_back(x);
-  if (!line.empty() && line.back() == '\t') f.push_back("");
-  return f;
-}
-
 // Where Windows edits only the changed line and the recording rewrote the
 // whole file (dropping blank lines, turning every line end into CR LF) or
 // kept blanks of new names, the file as the library leaves it.
@@ -91,13 +82,9 @@ const std::map<int, std::string> kWindowsAfter = {
 };
 
 TEST_F(ProfileTest, RecordedCasesReadAsWindowsAndEditOnlyTheChangedLine) {
-  std::ifstream in(QUARNEL_TEST_DATA_DIR "/profile.tsv");
-  ASSERT_TRUE(in);
   int steps = 0;
-  for (std::string row; std::getline(in, row);) {
-    const std::vector<std::string> f = Fields(row);
-    if (f.empty() || f[0][0] == '#') continue;
-    SCOPED_TRACE(row.substr(0, 160));
+  for (const std::vector<std::string>& f : ReadTsv("profile.tsv")) {
+    SCOPED_TRACE(f[0] + " " + f[1] + " " + (f.size() > 4 ? f[4] : ""));
     const int id = std::stoi(f[1]);
     if (f[0] == "CASE") {
       UDeleteFile(kFile);

@@ -15,17 +15,6 @@ class TickTest : public ::testing::Test {
   }
 };
 
-TEST_F(TickTest, ShortCountIsLowBitsOfLongCount) {
-  UFreezeTickCount(1);
-  const std::int64_t offsets[] = {
-      0, 1, 0xFFFFFFFFll, 0x100000000ll, 0x1FFFFFFFFll, -5, 49ll * 86400000};
-  for (std::int64_t offset : offsets) {
-    SCOPED_TRACE(offset);
-    USetTickOffset(offset);
-    EXPECT_EQ(UGetTickCount(), static_cast<unsigned>(UGetTickCount64()));
-  }
-}
-
 TEST_F(TickTest, OffsetMovesBothCountsAndWraps) {
   UFreezeTickCount(1);
   const std::uint64_t base = UGetTickCount64();

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <random>
@@ -44,26 +45,31 @@ using Bytes = std::vector<unsigned char>;
 
 struct Row {
   const char* file;
-  Bytes (*make)();
+  std::function<Bytes()> make;
   // "" when the bytes read back to the row's content, else what differs.
-  std::string (*read)(const Bytes& bytes);
+  std::function<std::string(const Bytes&)> read;
 };
 
-template <class T>
-Bytes Exported(const T& value, int size) {
-  Bytes out(static_cast<std::size_t>(size));
-  const int n = const_cast<T&>(value).Export(out.data(), size);
-  if (n < 0) return {};
-  out.resize(static_cast<std::size_t>(n));
-  return out;
-}
+bool Equal(const auto& a, const auto& b) { return a == b; }
+bool SamePath(const auto& a, const auto& b) { return a.Path().Identical(b.Path()) != 0; }
 
+// A value stored by its Export and read back by Import: `same` compares what
+// Import gave with the value.
 template <class T>
-std::string ImportedEquals(const Bytes& bytes, const T& expected) {
-  T got;
-  const int err = got.Import(bytes.data(), static_cast<int>(bytes.size()));
-  if (err < 0) return "Import failed with " + std::to_string(err);
-  return got == expected ? "" : "Import gave another value";
+Row ValueRow(const char* file, const T& value, bool (*same)(const T&, const T&) = Equal) {
+  return {file,
+          [stored = value]() mutable {
+            Bytes out(static_cast<std::size_t>(stored.StoreSize()));
+            const int n = stored.Export(out.data(), static_cast<int>(out.size()));
+            out.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+            return out;
+          },
+          [value, same](const Bytes& bytes) -> std::string {
+            T got;
+            const int err = got.Import(bytes.data(), static_cast<int>(bytes.size()));
+            if (err < 0) return "Import failed with " + std::to_string(err);
+            return same(got, value) ? "" : "Import gave another value";
+          }};
 }
 
 // ---- persistence header ----
@@ -85,32 +91,6 @@ std::string ReadHeader(const Bytes& bytes) {
   return err == 0 ? "" : "_checkpersist gave " + std::to_string(err);
 }
 
-// ---- strings ----
-const char16_t kAsciiText[] = u"Vellomarch 4.2";
-const char16_t kWideText[] = u"Gr\u00FC\u00DFe \u65E5\u672C \U0001F600 \u20AC";
-
-Bytes MakeString(const char16_t* text) {
-  const TString s(text);
-  Bytes out(s.StoreSize());
-  const int n = s.Export(out.data(), static_cast<int>(out.size()));
-  if (n < 0) return {};
-  out.resize(static_cast<std::size_t>(n));
-  return out;
-}
-
-std::string ReadString(const Bytes& bytes, const char16_t* text) {
-  TString got;
-  const int err = got.Import(bytes.data(), static_cast<int>(bytes.size()));
-  if (err < 0) return "Import failed with " + std::to_string(err);
-  return got.Identical(text) ? "" : "Import gave \"" + got.ToUtf8() + "\"";
-}
-
-// ---- dates, steps and intervals ----
-const TDate kDate(2024, 3, 5, 14, 7, 9, 123);
-const TDate kEarliestDate(1601, 1, 1, 0, 0, 0, 0);
-const TDateStep kStep(1, 2, 3, 4, 5, 6, 7, 890);
-const TInterval kInterval(3, 4, 5, 6, 789);
-
 // ---- locations and volumes (their paths as written, nothing resolved) ----
 template <class T>
 T At(const char16_t* path) {
@@ -123,26 +103,6 @@ T At(const char16_t* path) {
   }
   return value;
 }
-
-template <class T>
-Bytes Stored(const char16_t* path) {
-  const T value = At<T>(path);
-  return Exported(value, static_cast<int>(value.StoreSize()));
-}
-
-template <class T>
-std::string ReadStored(const Bytes& bytes, const char16_t* path) {
-  T got;
-  const int err = got.Import(bytes.data(), static_cast<int>(bytes.size()));
-  if (err < 0) return "Import failed with " + std::to_string(err);
-  return got.Path().Identical(path) ? "" : "Import gave another path";
-}
-
-const char16_t kFolderPath[] = u"C:\\Vellomarch\\Dokumente f\u00FCr 2024";
-const char16_t kSharePath[] = u"\\\\srv\\share\\Projekte";
-const char16_t kFilePath[] = u"D:\\Notes\\\u65E5\u672C.vmd";
-const char16_t kVolPath[] = u"C:\\";
-const char16_t kShareVolPath[] = u"\\\\srv\\share\\";
 
 // ---- element spaces ----
 Bytes MakeSpace() {
@@ -205,29 +165,17 @@ std::string Unpacked(const Bytes& packed, const Bytes& plain) {
 
 const Row kRows[] = {
     {"persist_header.bin", MakeHeader, ReadHeader},
-    {"tstring_ascii.bin", [] { return MakeString(kAsciiText); },
-     [](const Bytes& b) { return ReadString(b, kAsciiText); }},
-    {"tstring_wide.bin", [] { return MakeString(kWideText); },
-     [](const Bytes& b) { return ReadString(b, kWideText); }},
-    {"tdate.bin", [] { return Exported(kDate, kDate.StoreSize()); },
-     [](const Bytes& b) { return ImportedEquals(b, kDate); }},
-    {"tdate_earliest.bin", [] { return Exported(kEarliestDate, kEarliestDate.StoreSize()); },
-     [](const Bytes& b) { return ImportedEquals(b, kEarliestDate); }},
-    {"tdatestep.bin", [] { return Exported(kStep, kStep.StoreSize()); },
-     [](const Bytes& b) { return ImportedEquals(b, kStep); }},
-    {"tinterval.bin",
-     [] { return Exported(kInterval, const_cast<TInterval&>(kInterval).StoreSize()); },
-     [](const Bytes& b) { return ImportedEquals(b, kInterval); }},
-    {"folderloc.bin", [] { return Stored<TFolderLoc>(kFolderPath); },
-     [](const Bytes& b) { return ReadStored<TFolderLoc>(b, kFolderPath); }},
-    {"folderloc_share.bin", [] { return Stored<TFolderLoc>(kSharePath); },
-     [](const Bytes& b) { return ReadStored<TFolderLoc>(b, kSharePath); }},
-    {"fileloc.bin", [] { return Stored<TFileLoc>(kFilePath); },
-     [](const Bytes& b) { return ReadStored<TFileLoc>(b, kFilePath); }},
-    {"tvol.bin", [] { return Stored<TVol>(kVolPath); },
-     [](const Bytes& b) { return ReadStored<TVol>(b, kVolPath); }},
-    {"tvol_share.bin", [] { return Stored<TVol>(kShareVolPath); },
-     [](const Bytes& b) { return ReadStored<TVol>(b, kShareVolPath); }},
+    ValueRow("tstring_ascii.bin", TString(u"Vellomarch 4.2")),
+    ValueRow("tstring_wide.bin", TString(u"Gr\u00FC\u00DFe \u65E5\u672C \U0001F600 \u20AC")),
+    ValueRow("tdate.bin", TDate(2024, 3, 5, 14, 7, 9, 123)),
+    ValueRow("tdate_earliest.bin", TDate(1601, 1, 1, 0, 0, 0, 0)),
+    ValueRow("tdatestep.bin", TDateStep(1, 2, 3, 4, 5, 6, 7, 890)),
+    ValueRow("tinterval.bin", TInterval(3, 4, 5, 6, 789)),
+    ValueRow("folderloc.bin", At<TFolderLoc>(u"C:\\Vellomarch\\Dokumente f\u00FCr 2024"), SamePath),
+    ValueRow("folderloc_share.bin", At<TFolderLoc>(u"\\\\srv\\share\\Projekte"), SamePath),
+    ValueRow("fileloc.bin", At<TFileLoc>(u"D:\\Notes\\\u65E5\u672C.vmd"), SamePath),
+    ValueRow("tvol.bin", At<TVol>(u"C:\\"), SamePath),
+    ValueRow("tvol_share.bin", At<TVol>(u"\\\\srv\\share\\"), SamePath),
     {"elementspace.bin", MakeSpace, ReadSpace},
     {"memcomp_text.bin", [] { return Packed(Text()); },
      [](const Bytes& b) { return Unpacked(b, Text()); }},

@@ -88,3 +88,10 @@ std::string Hex16(const std::u16string& units) {
   }
   return out;
 }
+
+std::u16string Unhex16(const std::string& hex) {
+  std::u16string units;
+  std::istringstream in(hex);
+  for (unsigned u; in >> std::hex >> u;) units.push_back(static_cast<char16_t>(u));
+  return units;
+}

@@ -4,6 +4,8 @@
 #ifndef QUARNEL_TESTS_SUPPORT_HELPERS_H_
 #define QUARNEL_TESTS_SUPPORT_HELPERS_H_
 
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -100,10 +102,19 @@ std::string Grouped(long long v);
 // Rows of a tab-separated file under tests/data/, comment (#) and blank lines
 // skipped. A trailing tab gives a trailing empty field.
 std::vector<std::vector<std::string>> ReadTsv(const std::string& name);
+// The bytes of a file (none when it cannot be read). Inline: a program that
+// uses nothing else of this file links none of it.
+inline Bytes ReadBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 // Bytes written as hex pairs ("0A1B") and back; Hex16 writes UTF-16 units as
 // space-separated groups of four digits.
 std::string Hex(const std::string& bytes);
 std::string Unhex(const std::string& hex);
 std::string Hex16(const std::u16string& units);
+// Units written as blank-separated groups of hex digits ("0061 30FB"), as Hex16
+// writes them.
+std::u16string Unhex16(const std::string& hex);
 
 #endif  // QUARNEL_TESTS_SUPPORT_HELPERS_H_
