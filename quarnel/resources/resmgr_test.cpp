@@ -542,7 +542,7 @@ TEST_F(ResmgrTest, IconSizesFollowTheDisplayScale) {
 
 // An image's kind, width, height, hot spot, size, the first byte of its
 // header and the first byte past it.
-std::vector<long> Fields(const RMImage* i) {
+std::vector<long long> Fields(const RMImage* i) {
   if (i == nullptr) return {};
   return {i->kind, i->width, i->height, i->hotX, i->hotY, i->size, i->bytes[0], i->bytes[40]};
 }
@@ -572,8 +572,9 @@ TEST_F(ResmgrTest, IconsCursorsAndBitmaps) {
     EXPECT_EQ(size.x * 1000 + size.y * 10 + shared, row.size * 1010);
     // The header's width is the image's; the fill byte reads as its size
     // written in hexadecimal digits (0x16 for 16).
-    EXPECT_EQ(Fields(icon), (std::vector<long>{kRMImageIcon, row.size, row.size, 0, 0, 48, 40,
-                                               std::stoi(std::to_string(row.image), nullptr, 16)}));
+    EXPECT_EQ(Fields(icon),
+              (std::vector<long long>{kRMImageIcon, row.size, row.size, 0, 0, 48, 40,
+                                      std::stoi(std::to_string(row.image), nullptr, 16)}));
     EXPECT_EQ(icon->bytes[4], row.image);
     RMDestroyImage(icon);
   }
@@ -590,22 +591,22 @@ TEST_F(ResmgrTest, IconsCursorsAndBitmaps) {
     TPoint size{0, 0};
     const RMImage* s = RMGetIcon(id, 0, 0, 0, &size, &shared);
     ASSERT_NE(s, nullptr);
-    EXPECT_EQ(std::vector<long>({s->id, shared, size.x, s->bytes == nullptr}),
-              std::vector<long>({system, 1, 32, 1}));
+    EXPECT_EQ(std::vector<long long>({s->id, shared, size.x, s->bytes == nullptr}),
+              std::vector<long long>({system, 1, 32, 1}));
   }
   TString name(u"appicon"), nobody(u"nobody"), logo(u"LOGO");
   const RMImage* named = RMGetNamedIcon(&name, 0);
-  EXPECT_EQ(Fields(named), (std::vector<long>{kRMImageIcon, 16, 16, 0, 0, 48, 40, 0x16}));
+  EXPECT_EQ(Fields(named), (std::vector<long long>{kRMImageIcon, 16, 16, 0, 0, 48, 40, 0x16}));
   RMDestroyImage(named);
   EXPECT_EQ(RMGetNamedIcon(&nobody, 0), nullptr);
 
   const RMImage* bitmap = RMGetBitmap(20030);
-  EXPECT_EQ(Fields(bitmap), (std::vector<long>{kRMImageBitmap, 3, 2, 0, 0, 64, 40, 0}));
+  EXPECT_EQ(Fields(bitmap), (std::vector<long long>{kRMImageBitmap, 3, 2, 0, 0, 64, 40, 0}));
   EXPECT_EQ(RMGetBitmap(20030), bitmap);
   EXPECT_EQ(Fields(RMGetNamedBitmap(&logo)), Fields(bitmap));
   EXPECT_EQ(RMGetBitmap(20031), nullptr);
   EXPECT_EQ(Fields(RMGetCursor(20040)),
-            (std::vector<long>{kRMImageCursor, 32, 32, 5, 7, 48, 40, 0xC2}));
+            (std::vector<long long>{kRMImageCursor, 32, 32, 5, 7, 48, 40, 0xC2}));
   EXPECT_EQ(RMGetCursor(20041), nullptr);
 
   // Unloading the module takes its shared images with it.
