@@ -317,7 +317,6 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
          Refused(entry(1, 24, 1000, 8), -642, badMap);  // slack beyond the extent
          Refused(entry(0, 0, 0, 4), -644, "chMapCheck: invalid type sequence");  // type 0
          Refused(entry(3, 8, 2, 8), -644, "chMapCheck: invalid map termination");
-         Refused(entry(0, 8, 1, 8), -644, "chMapCheck: invalid type sequence");
          Refused(patched(16, 40, 8, false), -642, badMap);    // smaller than a chunk header
          Refused(patched(8, 1500, 8, false), -642, badMap);   // the map runs past the file
          Refused(patched(8, -1216, 8, false), -642, badMap);  // before the first chunk
@@ -537,7 +536,7 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
     bool quick;
     int failAt;  // the WriteFile that fails, 0 for none
   };
-  int points = 0, images = 0, journals[3] = {};
+  int journals[3] = {};
   for (const Mode& mode : {Mode{"CHSave", false, 0}, Mode{"CHQuickSave", true, 0},
                            Mode{"a failing CHSave", false, 14}}) {
     SCOPED_TRACE(mode.name);
@@ -554,10 +553,8 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
     const int count = UDiskIoCount();
     bool sawNew = false;
     for (int io = 0; io <= count; ++io) {
-      ++points;
       for (int image = 0; image < UDiskCrashImages(io); ++image) {
         SCOPED_TRACE(testing::Message() << "io " << io << " image " << image);
-        ++images;
         ASSERT_EQ(UDiskBuildCrash(io, image, u"D:\\"), 1);
         CHJournalInfo journal;
         const TFileLoc crashed = FileAt(u"D:\\store.chk");
@@ -577,10 +574,6 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
   UDiskReset();
   EXPECT_GT(journals[1], 0);  // rolled back
   EXPECT_GT(journals[2], 0);  // torn, ignored
-  std::printf("crash points %d, images %d; journals complete %d, incomplete %d\n", points, images,
-              journals[1], journals[2]);
-  RecordProperty("crash_points", points);
-  RecordProperty("crash_images", images);
 }
 
 // CHTruncate writes the store compacted into another file, every chunk with

@@ -192,7 +192,7 @@ bool SlowForReference(DataKind kind) {
 // The library's coder and the plain chain walk agree byte for byte, budget
 // failures included, on 100,000 generated segments of every kind and of all
 // lengths, most of them short (the reference's cost grows with the square of
-// the length); every coded segment passes the checker and decodes to itself.
+// the length).
 TEST(SegmentCoder, MatchesReferenceOnGeneratedSegments) {
   const OwnedCoder coder;
   std::mt19937 rng(20240607);
@@ -201,7 +201,6 @@ TEST(SegmentCoder, MatchesReferenceOnGeneratedSegments) {
   int full = 0;
   Bytes mine;
   Bytes ref;
-  std::uint8_t decoded[kDecodeAreaSize];
   for (int round = 0; round < 100000 / kSample; ++round) {
     auto kind = static_cast<DataKind>(rng() % quarnel_testdata::kDataKinds);
     const unsigned pick = rng() % 100;
@@ -229,11 +228,6 @@ TEST(SegmentCoder, MatchesReferenceOnGeneratedSegments) {
     }
     ++coded;
     ASSERT_EQ(mine, ref) << "round " << round << " kind " << static_cast<int>(kind) << " n " << n;
-    ASSERT_TRUE(Check(mine, n));
-    const auto padded = WithTail(mine, mine.size());
-    DecodeSegment(padded.get(), static_cast<int>(mine.size()), padded.get() + mine.size() + 2,
-                  decoded, n, decoded + kDecodeAreaSize);
-    ASSERT_TRUE(std::equal(seg.begin(), seg.end(), decoded)) << "round " << round;
   }
   // The generator reaches both sides of the budget and whole segments.
   EXPECT_GT(overBudget, 200 / kSample);
