@@ -398,9 +398,9 @@ TEST_F(Chunks, DamagedHeadersAreRefusedAtOpen) {
   }
 }
 
-// Every bit of the header sector and of the map flipped, and random bytes:
-// open and verify answer with codes, fetching gives the data or a code,
-// never a crash or a read outside the buffers.
+// Every bit of the header sector and of the map flipped (arbitrary bytes
+// are the fuzz target's): open and verify answer with codes, fetching gives
+// the data or a code, never a crash or a read outside the buffers.
 TEST_F(Chunks, CorruptFilesGiveCodes) {
   const Content a = {{{kA, 1}, "one"}, {{kA, 2}, std::string(300, 't')}, {{kB, 3}, "three"}};
   {
@@ -430,7 +430,7 @@ TEST_F(Chunks, CorruptFilesGiveCodes) {
       } else if (at >= 32 && at < 36) {
         EXPECT_EQ(rc, kErrChunkNotSaved) << bit;
       }
-    } else if (bit != SIZE_MAX && bit >= (good.size() - 3 * 48 - 64 + 48) * 8 &&
+    } else if (bit >= (good.size() - 3 * 48 - 64 + 48) * 8 &&
                bit < (good.size() - 3 * 48 - 64 + 52) * 8) {
       EXPECT_EQ(rc, kErrChunkHash) << bit;  // the map's own hash
     }
@@ -479,15 +479,6 @@ TEST_F(Chunks, CorruptFilesGiveCodes) {
         EXPECT_EQ(h ? Plain(h) : "", r == 0 ? want : "");
       }
     }
-  }
-  std::mt19937 rng(5);
-  for (int i = 0; i < 300; ++i) {
-    std::string s(rng() % 2000, '\0');
-    for (char& c : s) c = static_cast<char>(rng());
-    if (i % 2) s.replace(0, std::min<std::size_t>(s.size(), 48), good, 0, 48);
-    std::remove(badHost.c_str());
-    WriteHost(badHost, s);
-    attempt(SIZE_MAX);
   }
 }
 
