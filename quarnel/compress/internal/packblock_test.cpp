@@ -311,9 +311,6 @@ TEST(SegmentDecoder, AgreesWithByteByByteCopyOnRandomTokens) {
     if (n > 1) {
       EXPECT_FALSE(Check(code, n - 1));
     }
-    // So is every stream cut short inside or after a token.
-    const int cut = static_cast<int>(rng() % code.size());
-    EXPECT_FALSE(Check(code, n, static_cast<std::size_t>(cut)));
   }
 }
 
