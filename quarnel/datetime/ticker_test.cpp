@@ -94,7 +94,6 @@ TEST_F(TickerTest, SpanAcrossTheWrapOfTheTickCount) {
   AdvanceTo32(0xFFFFFFFFu - 500);
   TTicker t(Key("wrap"));
   Advance(1500);
-  EXPECT_LT(UGetTickCount(), 1500u);
   EXPECT_EQ(t.GetMS(), 1500u);
   // SetMS reaching back over the wrap.
   t.SetMS(2000);
