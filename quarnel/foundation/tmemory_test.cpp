@@ -32,35 +32,18 @@ unsigned char PatternByte(unsigned seed, unsigned i) {
 }
 
 // Blocks are filled with a pattern that repeats every 4,093 bytes (a prime,
-// so that bytes moved by whole pages do not read the same), written and
-// checked a period at a time.
+// so that bytes moved by whole pages do not read the same).
 constexpr unsigned kPeriod = 4093;
 
-std::vector<unsigned char> PatternRow(unsigned seed, bool zero = false) {
-  std::vector<unsigned char> row(2 * kPeriod, 0);
-  for (unsigned k = 0; k < row.size() && !zero; ++k) row[k] = PatternByte(seed, k % kPeriod);
-  return row;
-}
-
 void Fill(TMemory& m, unsigned seed) {
-  const std::vector<unsigned char> row = PatternRow(seed);
-  for (unsigned i = 0; i < m.GetSize(); i += kPeriod)
-    std::memcpy(m.MemPtr() + i, row.data(), std::min(kPeriod, m.GetSize() - i));
+  for (unsigned i = 0; i < m.GetSize(); ++i) m.MemPtr()[i] = PatternByte(seed, i % kPeriod);
 }
 
 // Index of the first byte in [from, to) that differs from the pattern (or
 // from zero when `zero`), or -1.
 long FirstMismatch(const TMemory& m, unsigned seed, unsigned from, unsigned to, bool zero = false) {
-  const std::vector<unsigned char> row = PatternRow(seed, zero);
-  for (unsigned i = from; i < to;) {
-    const unsigned n = std::min(to - i, kPeriod - i % kPeriod);
-    const unsigned char* want = row.data() + i % kPeriod;
-    if (std::memcmp(m.MemPtr() + i, want, n) != 0) {
-      for (unsigned k = 0; k < n; ++k) {
-        if (m.MemPtr()[i + k] != want[k]) return static_cast<long>(i + k);
-      }
-    }
-    i += n;
+  for (unsigned i = from; i < to; ++i) {
+    if (m.MemPtr()[i] != (zero ? 0 : PatternByte(seed, i % kPeriod))) return static_cast<long>(i);
   }
   return -1;
 }
