@@ -199,9 +199,7 @@ TEST_F(DataBufferTest, Uint8AddressesAndRefusedAdd) {
   TUint8Buffer b;
   for (int i = 0; i < 1100; ++i) b.Add(static_cast<std::uint8_t>(i));  // past the inline area
   EXPECT_EQ(b.GetAt(1099), b.MemPtr() + 1099);
-  EXPECT_EQ(*b.GetAt(1099), static_cast<std::uint8_t>(1099));
   EXPECT_EQ(b.GetAt(1100), nullptr);
-  EXPECT_EQ(b.PointAt(1100), b.MemPtr() + 1100);
   RefuseVirtualMemory();
   TUint8Buffer full;
   full.SetSize(kHeapLimit);

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <deque>
 #include <random>
 #include <thread>
@@ -27,7 +26,6 @@ Bytes Take(TQueue& q, unsigned n) {
 // pin shrinking, Reset and a queue without storage.
 TEST_F(TQueueTest, ShrinkResetAndNoStorage) {
   TQueue q(12);
-  EXPECT_EQ(q.GetPriority(), 2);
   const Bytes four = {1, 2, 3, 4};
   ASSERT_EQ(q.AddToEnd(four.data(), 4), 0);
   EXPECT_EQ(q.ItemCount(2), 2u);

@@ -5,7 +5,6 @@
 #include <set>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/errors.h"

@@ -146,7 +146,6 @@ TEST_F(TMemoryTest, StorageFollowsTheSize) {
         {8 * kMiB, kVirtual, 8 * kMiB, 8 * kMiB, true},
         {8 * kMiB + 1, kVirtual, 24 * kMiB, 8704 * kKiB}}},
       {2, {{4 * kMiB + 1, kVirtual, 16 * kMiB, 4608 * kKiB}}},
-      {1, {{12 * kMiB, kVirtual, 24 * kMiB, 12 * kMiB}}},
       // Priority 0 is virtual whatever the size.
       {0, {{10, kVirtual, 8 * kMiB, 512 * kKiB}, {1024, kVirtual, 8 * kMiB, 512 * kKiB, true}}},
       // Shrunk, then grown past the reservation: what it held past the small
