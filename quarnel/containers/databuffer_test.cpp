@@ -145,7 +145,6 @@ TEST_F(DataBufferTest, MisuseAndRefusedGrowthChangeNothing) {
 
 TEST_F(DataBufferTest, DateBufferIndexesLoosely) {
   TDateBuffer d;
-  EXPECT_EQ(d.ElementSize(), 16u);
   const TDate dates[2] = {TDate(2024, 2, 29, 23, 59, 58, 7), TDate(1999, 12, 31, 0, 0, 1, 0)};
   ASSERT_NE(d.Append(dates, 2), nullptr);
   ASSERT_NE(d.Insert(dates + 1, 1, 0), nullptr);

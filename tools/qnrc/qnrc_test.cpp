@@ -228,7 +228,6 @@ TEST(Qnrc, ReportsBadScriptsWithTheirLine) {
        "resource type 10 id 10001 is defined twice (first on line 1)"},
       {"stringtable { 70000 \"x\" }", 1, "a string id 70000 is out of range (0..65535)"},
       {"stringtable { 3 \"x\"\n3 \"y\" }", 2, "string 3 is defined twice (first on line 1)"},
-      {"icon 1 \"x.ico\"", 1, "cannot read file \"/scripts/x.ico\""},
       {"data 1 { 1 } @", 1, "unexpected character '@'"},
       {"# only a comment\n{", 2, "expected a statement"},
   };
