@@ -187,11 +187,10 @@ TYPED_TEST(IntegerBufferTest, AddIndexSetAtAndOutOfRange) {
 
   const auto before = Contents(b);
   EXPECT_EQ(b[300], T(0));
-  b[300] = T(5);                    // lost
-  EXPECT_EQ(b[0xFFFFFFFFu], T(0));  // and reads 0 again
+  b[300] = T(5);  // lost
   b.SetAt(300, T(6));
   EXPECT_EQ(Contents(b), before);
-  EXPECT_EQ(this->Asserted(), kIndex + " " + kIndex + " " + kIndex + " " + kSetAt);
+  EXPECT_EQ(this->Asserted(), kIndex + " " + kIndex + " " + kSetAt);
 }
 
 TEST_F(DataBufferTest, Uint8AddressesAndRefusedAdd) {

@@ -187,7 +187,6 @@ TEST_F(DictTest, CopiesAreIndependent) {
   EXPECT_EQ(TDict(TDict(0, 1)).IsOrdered(), 1);
   EXPECT_EQ(Walk(c), Walk(d));
   EXPECT_EQ(Layout(c), Layout(d));
-  EXPECT_EQ(c.Shape().deleted, d.Shape().deleted);
   c.Define(62, 0);
   EXPECT_EQ(c.Lookup(62) * 10 + d.Lookup(62), 2);
 

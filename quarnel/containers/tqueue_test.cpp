@@ -74,8 +74,6 @@ TEST_F(TQueueTest, MisuseAssertsAndGoesOn) {
          return item == q.MemPtr() + 2 ? r : 1;
        },
        0},
-      {"count of items of size 0", 160, [](TQueue& q) { return static_cast<int>(q.ItemCount(0)); },
-       0},
       {"add from a null pointer", 88, [](TQueue& q) { return q.AddToEnd(nullptr, 2); },
        kErrQueueNoRoom},
       {"take into a null pointer", 121, [](TQueue& q) { return q.GetFromFront(nullptr, 2); },

@@ -71,10 +71,6 @@ class ResmgrTest : public RecordingTest {
     TString n = T(name);
     DLUnloadLib(&n);
   }
-  int Check(const std::string& name) {
-    TString n = T(name);
-    return DLCheckLib(&n);
-  }
   static bool IsLoaded(const std::string& name) {
     return UGetModuleHandle(T(name).Text()) != nullptr;
   }
@@ -241,7 +237,8 @@ TEST_F(ResmgrTest, RefusesUnusableModules) {
       SCOPED_TRACE(function + " " + row.name);
       ClearRecords();
       if (row.lines.starts_with("514")) UFailCall(UCall::kLoadResource, 1, 1812);
-      EXPECT_EQ(load ? DL(row.name) : Check(row.name), row.err);
+      TString name = T(row.name);
+      EXPECT_EQ(load ? DL(row.name) : DLCheckLib(&name), row.err);
       std::string lines = row.lines;
       for (std::size_t at; (at = lines.find('@')) != std::string::npos;)
         lines.replace(at, 1, function);
