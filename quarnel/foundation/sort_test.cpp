@@ -32,12 +32,9 @@ struct Layout {
   }
 };
 
-struct Counter {
-  int calls = 0;
-};
-
+// Counts its calls in the int `context` points at.
 int CompareKeys(void* context, const void* a, const void* b) {
-  ++static_cast<Counter*>(context)->calls;
+  ++*static_cast<int*>(context);
   return static_cast<int>(*static_cast<const unsigned char*>(a)) -
          static_cast<int>(*static_cast<const unsigned char*>(b));
 }
@@ -63,11 +60,11 @@ class SortTest : public RecordingTest {
       std::memcpy(&expected[i * size], &original[order[i] * size], size);
     }
 
-    Counter counter;
-    proc(records.data(), count, size, &counter, CompareKeys);
+    int calls = 0;
+    proc(records.data(), count, size, &calls, CompareKeys);
     ASSERT_EQ(records, expected);
     if (count < 2) {
-      EXPECT_EQ(counter.calls, 0);
+      EXPECT_EQ(calls, 0);
     }
   }
 };
@@ -113,12 +110,12 @@ TEST_F(SortTest, RefusedBufferFallsBackToMergingInPlace) {
 TEST_F(SortTest, MisuseAssertsAndSortsNothing) {
   int v[3] = {3, 1, 2};
   Sort(v, 3, sizeof(int), nullptr, nullptr);
-  Counter counter;
-  Sort(nullptr, 5, sizeof(int), &counter, CompareKeys);
-  Sort(nullptr, 1, sizeof(int), &counter, CompareKeys);  // nothing to sort: no assertion
-  Sort(v, 3, 0, &counter, CompareKeys);
+  int calls = 0;
+  Sort(nullptr, 5, sizeof(int), &calls, CompareKeys);
+  Sort(nullptr, 1, sizeof(int), &calls, CompareKeys);  // nothing to sort: no assertion
+  Sort(v, 3, 0, &calls, CompareKeys);
   EXPECT_EQ(Assertions(), (std::vector<AssertionSeen>{{"sort", 40, ""}, {"sort", 41, ""}}));
-  EXPECT_EQ(counter.calls, 0);
+  EXPECT_EQ(calls, 0);
   EXPECT_EQ(v[0], 3);
 }
 
