@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -45,24 +44,17 @@ std::string Resource(const std::vector<unsigned char>& bytes, bool mapped, unsig
 
 TEST(PeFile, ReadsTheSectionsResourcesAndFunctionsOfAModule) {
   const std::vector<unsigned char> file = TinyModule();
-  ASSERT_EQ(file.size(), 6570u);
   const ElfMemorySource source(file.data(), file.size());
   PeHeaders h;
   ASSERT_EQ(PeReadHeaders(source, false, &h), kPeFound);
-  ASSERT_EQ(h.sectionCount, 7);
-  EXPECT_STREQ(h.sections[0].name, ".text");
-  EXPECT_STREQ(h.sections[6].name, ".rsrc");
-  EXPECT_EQ(h.sections[6].rva, 0x7000u);
-  EXPECT_EQ(h.sections[6].fileOffset, 0x1000u);
-  EXPECT_EQ(h.imageBase, 0x2616b0000u);
+  std::string sections;
+  for (int i = 0; i < h.sectionCount; ++i) sections += std::string(h.sections[i].name) + " ";
+  EXPECT_EQ(sections, ".text .rdata .pdata .xdata .edata .idata .rsrc ");
   EXPECT_EQ(h.resourceRva, 0x7000u);
-  EXPECT_NE(h.symbolTable, 0u);
-
   unsigned section = 0;
   std::uint32_t offset = 0;
   ASSERT_TRUE(PeSectionOf(h, 0x1006, &section, &offset));
-  EXPECT_EQ(section, 1u);
-  EXPECT_EQ(offset, 6u);
+  EXPECT_EQ(section * 100 + offset, 106u);  // section 1, offset 6
   EXPECT_FALSE(PeSectionOf(h, 0x9000, &section, &offset));
 
   const std::vector<unsigned char> image = Mapped(file, h);
@@ -76,27 +68,19 @@ TEST(PeFile, ReadsTheSectionsResourcesAndFunctionsOfAModule) {
 
   std::vector<ElfFunction> functions;
   ASSERT_EQ(PeFunctionSymbols(source, &functions), kPeFound);
-  std::vector<std::string> names;
-  for (const ElfFunction& f : functions) names.push_back(f.name + "@" + std::to_string(f.value));
-  EXPECT_NE(std::find(names.begin(), names.end(), "first@4096"), names.end());
-  EXPECT_NE(std::find(names.begin(), names.end(), "second@4100"), names.end());
+  std::string listed;
+  for (const ElfFunction& f : functions) listed += f.name + "@" + std::to_string(f.value) + " ";
+  EXPECT_NE(listed.find("first@4096 "), std::string::npos) << listed;
+  EXPECT_NE(listed.find("second@4100 "), std::string::npos) << listed;
 
-  struct Nearest {
-    std::uint64_t rva;
-    const char* name;  // nullptr: none
-    std::uint64_t start;
-  };
-  for (const Nearest& n : std::vector<Nearest>{{0x1000, "first", 0x1000},
-                                               {0x1006, "second", 0x1004},
-                                               {0x100c, "DllMainCRTStartup", 0x1009},
-                                               {0x2004, nullptr, 0}}) {
-    SCOPED_TRACE(n.rva);
-    char name[8];  // cut to fit
+  // The nearest function at or below an address, its name cut to fit.
+  const std::pair<std::uint64_t, std::string> nearest[] = {
+      {0x1000, "first@4096"}, {0x1006, "second@4100"}, {0x100c, "DllMain@4105"}, {0x2004, ""}};
+  for (const auto& [rva, expected] : nearest) {
+    char name[8];
     std::uint64_t start = 0;
-    ASSERT_EQ(PeNearestFunction(source, h, n.rva, name, sizeof name, &start), n.name != nullptr);
-    if (n.name == nullptr) continue;
-    EXPECT_EQ(std::string(name), std::string(n.name).substr(0, sizeof name - 1));
-    EXPECT_EQ(start, n.start);
+    const bool found = PeNearestFunction(source, h, rva, name, sizeof name, &start);
+    EXPECT_EQ(found ? std::string(name) + "@" + std::to_string(start) : "", expected) << rva;
   }
 }
 
