@@ -41,7 +41,7 @@ count() {
   ' "$@"
 }
 
-mapfile -t tests < <(git ls-files -co --exclude-standard -- 'quarnel/*_test.cpp' 'tests/*.cpp' 'tests/*.h' | sort)
+mapfile -t tests < <(git ls-files -co --exclude-standard -- '*_test.cpp' 'tests/*.cpp' 'tests/*.h' | sort)
 mapfile -t lib < <(git ls-files -co --exclude-standard -- 'quarnel/*.cpp' 'quarnel/*.h' |
   grep -v '_test\.cpp$' | sort)
 

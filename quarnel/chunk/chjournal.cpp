@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "quarnel/compress/hashblock.h"
+#include "quarnel/fileio/internal/fileat.h"
 #include "quarnel/fileio/location.h"
 #include "quarnel/fileio/tfile.h"
 #include "quarnel/foundation/debuglog.h"
@@ -16,15 +17,13 @@ namespace {
 
 // Reads exactly `count` bytes at `offset`; a short read is the end of file.
 int ReadAt(TFile* f, std::int64_t offset, unsigned char* into, unsigned count) {
-  if (const int err = f->SetPosFromBegin(static_cast<std::uint64_t>(offset))) return err;
-  unsigned got = count;
-  if (const int err = f->Read(&got, into)) return err;
-  return got == count ? 0 : kErrEndOfFile;
+  const UFileSpan span{into, count};
+  return FileReadAt(f, offset, &span, 1);
 }
 
 int WriteAt(TFile* f, std::int64_t offset, const unsigned char* from, unsigned count) {
-  if (const int err = f->SetPosFromBegin(static_cast<std::uint64_t>(offset))) return err;
-  return f->Write(&count, from);
+  const UFileSpan span{const_cast<unsigned char*>(from), count};
+  return FileWriteAt(f, offset, &span, 1);
 }
 
 unsigned Buffer(TMemory* block, std::int64_t granule = 512) {

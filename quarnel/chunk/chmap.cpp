@@ -1,4 +1,5 @@
 // The map held in memory, its address index, and extent allocation.
+#include <algorithm>
 #include <cstring>
 
 #include "quarnel/chunk/internal/chimpl.h"
@@ -38,16 +39,13 @@ int ChunkStore::InsertAt(int at, const CHMapEntry& e) {
   slots.insert(slots.begin() + at, 0);
   for (int j = at + 1; j < mapCount; ++j)
     if (slots[static_cast<std::size_t>(j)]) handles[static_cast<std::size_t>(slots[j])].index = j;
-  if (Indexed(e)) ++addresses[e.address];
+  if (Indexed(e)) AddAddress(e.address);
   return 0;
 }
 
 void ChunkStore::EraseAt(int at) {
   CHMapEntry* m = Map();
-  if (Indexed(m[at])) {
-    auto it = addresses.find(m[at].address);
-    if (it != addresses.end() && --it->second == 0) addresses.erase(it);
-  }
+  if (Indexed(m[at])) DropAddress(m[at].address);
   std::memmove(m + at, m + at + 1,
                static_cast<std::size_t>(mapCount - at - 1) * sizeof(CHMapEntry));
   --mapCount;
@@ -58,18 +56,31 @@ void ChunkStore::EraseAt(int at) {
 
 void ChunkStore::SetAddress(int i, std::int64_t address) {
   CHMapEntry& e = At(i);
-  if (Indexed(e)) {
-    auto it = addresses.find(e.address);
-    if (it != addresses.end() && --it->second == 0) addresses.erase(it);
-  }
+  if (Indexed(e)) DropAddress(e.address);
   e.address = address;
-  if (Indexed(e)) ++addresses[address];
+  if (Indexed(e)) AddAddress(address);
+}
+
+void ChunkStore::AddAddress(std::int64_t address) {
+  // New extents mostly lie at the end of data: the append is the common case.
+  if (addresses.empty() || addresses.back() <= address) {
+    addresses.push_back(address);
+  } else {
+    addresses.insert(std::upper_bound(addresses.begin(), addresses.end(), address), address);
+  }
+}
+
+void ChunkStore::DropAddress(std::int64_t address) {
+  const auto it = std::lower_bound(addresses.begin(), addresses.end(), address);
+  if (it != addresses.end() && *it == address) addresses.erase(it);
 }
 
 void ChunkStore::IndexAddresses() {
   addresses.clear();
   for (int i = 0; i < mapCount; ++i)
-    if (Indexed(At(i))) ++addresses[At(i).address];
+    if (Indexed(At(i))) addresses.push_back(At(i).address);
+  if (!std::is_sorted(addresses.begin(), addresses.end()))
+    std::sort(addresses.begin(), addresses.end());
 }
 
 int ChunkStore::SetMap(const CHMapEntry* entries, int count) {
@@ -92,8 +103,26 @@ void ChunkStore::ClearMap() {
 }
 
 std::int64_t ChunkStore::ExtentAt(std::int64_t address) const {
-  const auto next = addresses.lower_bound(address + header.granule);
-  return (next == addresses.end() ? header.endOfData : next->first) - address;
+  // Extents are mostly asked for in address order: the answer usually lies
+  // a step or two after the last one; else it is searched for.
+  const std::int64_t limit = address + header.granule;
+  const std::size_t n = addresses.size();
+  std::size_t at = extentHint;
+  bool found = false;
+  if (at >= 1 && at <= n && addresses[at - 1] < limit) {
+    for (int step = 0; step < 4 && !found; ++step) {
+      if (at == n || addresses[at] >= limit) {
+        found = true;
+      } else {
+        ++at;
+      }
+    }
+  }
+  if (!found)
+    at = static_cast<std::size_t>(std::lower_bound(addresses.begin(), addresses.end(), limit) -
+                                  addresses.begin());
+  extentHint = at;
+  return (at == n ? header.endOfData : addresses[at]) - address;
 }
 
 std::int64_t ChunkStore::Extent(int i) const {

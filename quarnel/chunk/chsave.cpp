@@ -8,6 +8,7 @@
 #include "quarnel/chunk/internal/chimpl.h"
 #include "quarnel/chunk/internal/chjournal.h"
 #include "quarnel/compress/hashblock.h"
+#include "quarnel/fileio/internal/fileat.h"
 #include "quarnel/fileio/location.h"
 #include "quarnel/fileio/tfile.h"
 #include "quarnel/foundation/debuglog.h"
@@ -65,7 +66,37 @@ int MapImage(const CHMapEntry* entries, int count, int oldFormat, TMemory* image
   return 0;
 }
 
+// Blocks of the map compared with what the file holds at their place.
+constexpr std::int64_t kMapCompareBlock = 4096;
+
 }  // namespace
+
+// The ranges of the map image, to be written at `at`, whose bytes differ
+// from those the file holds there (read below `compareEnd`; beyond it every
+// byte counts as changed), in blocks of kMapCompareBlock, merged. A map that
+// changed in a few entries rewrites, and journals, only those blocks.
+int ChunkStore::MapChanges(const TMemory& image, std::int64_t at, std::int64_t compareEnd,
+                           TMemory* buffer, unsigned piece, std::vector<FileRange>* out) {
+  const std::int64_t end = at + image.GetSize();
+  const std::int64_t window = piece / kMapCompareBlock * kMapCompareBlock;
+  std::vector<FileRange> changed;
+  std::int64_t pos = at;
+  for (; pos < std::min(end, compareEnd) && window > 0;) {
+    const auto n = static_cast<unsigned>(std::min(window, std::min(end, compareEnd) - pos));
+    const UFileSpan span{buffer->MemPtr(), n};
+    if (const int err = FileReadAt(file, pos, &span, 1)) return err;
+    for (std::int64_t b = 0; b < n; b += kMapCompareBlock) {
+      const std::int64_t length = std::min<std::int64_t>(kMapCompareBlock, n - b);
+      if (std::memcmp(buffer->MemPtr() + b, image.MemPtr() + (pos + b - at),
+                      static_cast<std::size_t>(length)) != 0)
+        changed.push_back(FileRange{pos + b, length});
+    }
+    pos += n;
+  }
+  if (pos < end) changed.push_back(FileRange{pos, end - pos});
+  *out = Merged(std::move(changed));
+  return 0;
+}
 
 int ChunkStore::Save(bool quick, const char* member) {
   if (file == nullptr) return kErrChunkInvalidFile;
@@ -141,7 +172,19 @@ int ChunkStore::Save(bool quick, const char* member) {
   std::uint64_t length = 0;
   if (const int err = file->GetEOF(&length)) return err;
   const auto fileLength = static_cast<std::int64_t>(length);
-  std::vector<FileRange> written{{0, kChunkHeaderSector}, {end, done.mapSize}};
+  TMemory buffer(1);
+  const unsigned piece = MoveBuffer(&buffer);
+  if (piece == 0) return buffer.CheckError();
+  std::vector<FileRange> mapWrites;
+  // Only a map written over the last saved one is worth comparing.
+  const std::int64_t compareEnd =
+      end == header.mapAddress ? std::min(committedEOF, fileLength) : end;
+  if (const int err = MapChanges(image, end, compareEnd, &buffer, piece, &mapWrites)) {
+    DebugLogf(kLogInternalData, "%s: can't write journal, %E", member, err);
+    return err;
+  }
+  std::vector<FileRange> written(mapWrites);
+  written.push_back(FileRange{0, kChunkHeaderSector});
   for (const SaveStep& s : steps) written.push_back(FileRange{s.to, s.length});
   if (newLength < fileLength) written.push_back(FileRange{newLength, fileLength - newLength});
   std::vector<FileRange> needed{{0, std::min(committedEOF, fileLength)}};
@@ -152,9 +195,6 @@ int ChunkStore::Save(bool quick, const char* member) {
     if (from < to) needed.push_back(FileRange{from, to - from});
   }
   const std::vector<FileRange> ranges = Common(Merged(written), Merged(needed));
-  TMemory buffer(1);
-  const unsigned piece = MoveBuffer(&buffer);
-  if (piece == 0) return buffer.CheckError();
   TFileLoc chunkLoc, journalLoc;
   file->GetFileLoc(&chunkLoc);
   JournalLocation(chunkLoc, &journalLoc);
@@ -177,10 +217,10 @@ int ChunkStore::Save(bool quick, const char* member) {
               ? WriteChunk(s.entry, s.to, Extent(s.entry), held[s.entry])
               : MoveBytes(s.from, s.to, s.length, &buffer, piece);
   }
-  if (err == 0 && done.mapSize > 0) err = file->SetPosFromBegin(static_cast<std::uint64_t>(end));
-  if (err == 0 && done.mapSize > 0) {
-    unsigned count = image.GetSize();
-    err = file->Write(&count, image.MemPtr());
+  for (std::size_t k = 0; err == 0 && k < mapWrites.size(); ++k) {
+    const FileRange& r = mapWrites[k];
+    const UFileSpan span{image.MemPtr() + (r.offset - end), static_cast<unsigned>(r.length)};
+    err = FileWriteAt(file, r.offset, &span, 1);
   }
   if (err == 0) err = file->SetEOF(static_cast<std::uint64_t>(newLength));
   if (err == 0) err = WriteHeader(done);

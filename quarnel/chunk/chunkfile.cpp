@@ -175,7 +175,17 @@ int CheckWalk(CHMapEntry* map, int count, const CHFileHeader& h, int chunkHeader
   byAddress.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i)
     if (!heads[static_cast<std::size_t>(i)]) byAddress.emplace_back(map[i].address, i);
-  std::sort(byAddress.begin(), byAddress.end());
+  // A map is mostly in address order already.
+  if (!std::is_sorted(byAddress.begin(), byAddress.end()))
+    std::sort(byAddress.begin(), byAddress.end());
+  using Pos = std::vector<std::pair<std::int64_t, int>>::iterator;
+  // The first element from `first` on that is not below `key`: the walk's
+  // answers mostly lie a step or two ahead, else they are searched for.
+  const auto seek = [&](Pos first, std::pair<std::int64_t, int> key) {
+    for (int step = 0; step < 4; ++step, ++first)
+      if (first == byAddress.end() || !(*first < key)) return first;
+    return std::lower_bound(first, byAddress.end(), key);
+  };
   const auto firstAtOrAbove = [&](std::int64_t a) {
     return std::lower_bound(byAddress.begin(), byAddress.end(), std::make_pair(a, -1));
   };
@@ -187,7 +197,7 @@ int CheckWalk(CHMapEntry* map, int count, const CHFileHeader& h, int chunkHeader
     CHMapEntry& e = map[at->second];
     if (!(e.flags & kMapEntryScratch)) return 10045;
     e.flags &= ~kMapEntryScratch;
-    const auto next = firstAtOrAbove(e.address + granule);
+    const auto next = seek(at, std::make_pair(e.address + granule, -1));
     const std::int64_t extent = (next == byAddress.end() ? h.endOfData : next->first) - e.address;
     const bool chunk = e.type != kChunkFreeType;
     if (granule <= 0 || extent % granule != 0) return 10040;
@@ -202,7 +212,7 @@ int CheckWalk(CHMapEntry* map, int count, const CHFileHeader& h, int chunkHeader
     }
     if (!chunk && static_cast<std::int64_t>(e.id) != extent) return 10046;
     if (chunk) position += extent;
-    const auto following = std::upper_bound(at, byAddress.end(), std::make_pair(e.address, count));
+    const auto following = seek(at, std::make_pair(e.address, count));
     if (following == byAddress.end()) break;
     if (following->first < position) return 10047;
     at = following;

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "quarnel/chunk/chunkmanager.h"
-#include "quarnel/compress/hashblock.h"
 #include "quarnel/fileio/tfile.h"
 #include "quarnel/foundation/errors.h"
 #include "quarnel/foundation/tmemory.h"
+#include "tests/support/chunk_store.h"
 #include "tests/support/drive_fixture.h"
 
 namespace {
@@ -20,61 +20,19 @@ constexpr unsigned kText = 0x54455854;  // 'TEXT'
 constexpr unsigned kData = 0x44415441;  // 'DATA'
 constexpr unsigned kOld = 0x4F4C442E;   // 'OLD.'
 
-// A file assembled field by field from the documented layouts.
-struct Image {
-  std::string b;
-  explicit Image(std::size_t n) : b(n, '\0') {}
-  template <class T>
-  void Put(std::size_t at, T v) {
-    std::memcpy(&b[at], &v, sizeof v);
-  }
-  void Bytes(std::size_t at, const std::string& s) { b.replace(at, s.size(), s); }
-  void Header(short version, long long mapAt, long long mapSize, long long end) {
-    Put<unsigned>(0, 0x4366682E);
-    Put<short>(4, 0x0100);
-    Put<short>(6, version);
-    Put<long long>(8, mapAt);
-    Put<long long>(16, mapSize);
-    Put<long long>(24, end);
-    Put<int>(36, 4);
-    Put<long long>(40, 512);
-  }
-  // A chunk header in the current (64) or the 0x0100 (56) layout.
-  void Chunk(std::size_t at, bool old, unsigned type, long long id, long long size, long long slack,
-             const std::string& data) {
-    const unsigned hash = HashBlock(reinterpret_cast<const unsigned char*>(data.data()),
-                                    static_cast<int>(data.size()));
-    Put<unsigned>(at, type);
-    Put<long long>(at + (old ? 4 : 8), id);
-    Put<long long>(at + (old ? 12 : 16), size);
-    Put<long long>(at + (old ? 20 : 24), slack);
-    Put<unsigned>(at + (old ? 44 : 48), hash);
-    Bytes(at + (old ? 56 : 64), data);
-  }
-  // A map entry in the current (48) or the 0x0100 (44) layout.
-  void Entry(std::size_t at, bool old, unsigned type, long long id, long long address,
-             long long slack = 0) {
-    Put<unsigned>(at, type);
-    Put<long long>(at + (old ? 4 : 8), id);
-    Put<long long>(at + (old ? 12 : 16), address);
-    Put<long long>(at + (old ? 20 : 24), slack);
-  }
-};
+using Image = ChunkImage;
 
 class ChunkFormat : public DriveTest {
  protected:
   TFileLoc loc_ = FileAt(u"C:\\golden.chk");
   std::string OnDisk() { return ReadHost(Host(u"C:\\golden.chk")); }
   void Add(ChunkManager* m, unsigned type, int id, const std::string& bytes) {
-    auto* h = new TMemory(1);
-    h->SetSize(static_cast<unsigned>(bytes.size()));
-    if (!bytes.empty()) std::memcpy(h->MemPtr(), bytes.data(), bytes.size());
-    ASSERT_EQ(m->CHAddChunk(h, static_cast<int>(type), id), 0);
+    ASSERT_EQ(m->CHAddChunk(BlockOf(bytes), static_cast<int>(type), id), 0);
   }
   std::string Fetch(ChunkManager* m, unsigned type, int id) {
     TMemory* h = nullptr;
     EXPECT_EQ(m->CHGetChunk(static_cast<int>(type), id, &h), 0);
-    return h ? std::string(reinterpret_cast<char*>(h->MemPtr()), h->GetSize()) : "";
+    return h ? Plain(h) : "";
   }
 };
 
@@ -176,20 +134,6 @@ TEST_F(ChunkFormat, Version0100FilesKeepTheirLayout) {
   map2.Entry(88, true, kOld, 6, 572);
   now.Chunk(632, true, 0x43684D70, 0, 3 * 44, 0, map2.b);
   EXPECT_EQ(OnDisk(), now.b);
-}
-
-TEST(ChunkHash, ZeroBecomesOne) {
-  EXPECT_EQ(chHashBlock(nullptr, 0), 1u);
-  const unsigned char nine[] = "123456789";
-  EXPECT_EQ(chHashBlock(nine, 9), 0x89A1897Fu);
-  // Four bytes chosen so that the CRC is 0: the CRC of a message followed by
-  // its own CRC (most significant byte first) is 0.
-  unsigned char zero[13];
-  std::memcpy(zero, nine, 9);
-  const unsigned crc = quarnel_internal::BlockCrc(0, nine, 9);
-  for (int i = 0; i < 4; ++i) zero[9 + i] = static_cast<unsigned char>(crc >> (24 - 8 * i));
-  EXPECT_EQ(quarnel_internal::BlockCrc(0, zero, 13), 0u);
-  EXPECT_EQ(chHashBlock(zero, 13), 1u);
 }
 
 namespace {

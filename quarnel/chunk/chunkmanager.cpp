@@ -7,6 +7,7 @@
 #include "quarnel/chunk/internal/chimpl.h"
 #include "quarnel/chunk/internal/chjournal.h"
 #include "quarnel/compress/memcomp.h"
+#include "quarnel/fileio/internal/fileat.h"
 #include "quarnel/fileio/tfile.h"
 #include "quarnel/foundation/debuglog.h"
 #include "quarnel/foundation/errors.h"
@@ -28,8 +29,11 @@ int ChunkStore::SlotOf(const TMemory* h) const {
 
 int ChunkStore::Register(TMemory* h, int index) {
   try {
-    handles.reserve(handles.size() + 1);
-    slotOf.reserve(slotOf.size() + 1);
+    // Room for one more, growing geometrically: the insertions below cannot throw.
+    if (handles.size() == handles.capacity()) handles.reserve(handles.size() * 2);
+    if (static_cast<float>(slotOf.size() + 1) >
+        static_cast<float>(slotOf.bucket_count()) * slotOf.max_load_factor())
+      slotOf.reserve((slotOf.size() + 1) * 2);
   } catch (const std::bad_alloc&) {
     DebugLogf(kLogInternalData, "chAddHandle: not enough memory, %E", kErrMemNotObtained);
     return kErrMemNotObtained;
@@ -88,16 +92,14 @@ int ChunkStore::ReadChunk(std::int64_t address, std::int64_t bytes, TMemory* blo
     DebugLogf(kLogInternalData, "chReadChunk: extent outside the file, %E", kErrInvalidData);
     return kErrInvalidData;
   }
-  if (const int err = block->SetSize(static_cast<unsigned>(bytes))) return err;
-  if (const int err = file->SetPosFromBegin(static_cast<std::uint64_t>(address))) return err;
-  auto count = static_cast<unsigned>(bytes);
-  if (const int err = file->Read(&count, block->MemPtr())) return err;
-  if (count != bytes) return kErrEndOfFile;
-  CHChunkHeader h;
-  chGetChunkHeader(block->MemPtr(), oldFormat, &h);
+  // One read puts the header aside and the data straight into the block.
   const auto data = static_cast<unsigned>(bytes - hdrSize);
-  std::memmove(block->MemPtr(), block->MemPtr() + hdrSize, data);
-  block->SetSize(data);
+  if (const int err = block->SetSize(data)) return err;
+  unsigned char head[kChunkHeaderSize];
+  const UFileSpan spans[] = {{head, static_cast<unsigned>(hdrSize)}, {block->MemPtr(), data}};
+  if (const int err = FileReadAt(file, address, spans, 2)) return err;
+  CHChunkHeader h;
+  chGetChunkHeader(head, oldFormat, &h);
   if (out) *out = h;
   if (h.hash != 0 && h.hash != chHashBlock(block->MemPtr(), static_cast<int>(data)))
     return kErrChunkHash;
@@ -121,19 +123,16 @@ int ChunkStore::WriteChunk(int index, std::int64_t address, std::int64_t extent,
       e.word, e.reserved2, chHashBlock(data->MemPtr(), static_cast<int>(data->GetSize()))};
   unsigned char bytes[kChunkHeaderSize];
   chPutChunkHeader(&h, oldFormat, bytes);
-  if (const int err = file->SetPosFromBegin(static_cast<std::uint64_t>(address))) return err;
-  auto count = static_cast<unsigned>(hdrSize);
-  if (const int err = file->Write(&count, bytes)) return err;
-  count = data->GetSize();
-  return file->Write(&count, data->MemPtr());
+  const UFileSpan spans[] = {{bytes, static_cast<unsigned>(hdrSize)},
+                             {const_cast<unsigned char*>(data->MemPtr()), data->GetSize()}};
+  return FileWriteAt(file, address, spans, 2);
 }
 
 int ChunkStore::WriteHeader(const CHFileHeader& h) {
   unsigned char sector[kChunkHeaderSector] = {};
   std::memcpy(sector, &h, sizeof h);
-  if (const int err = file->SetPosFromBegin(0)) return err;
-  unsigned count = sizeof sector;
-  return file->Write(&count, sector);
+  const UFileSpan span{sector, sizeof sector};
+  return FileWriteAt(file, 0, &span, 1);
 }
 
 int ChunkStore::ReadMap() {

@@ -17,32 +17,14 @@
 #include "quarnel/foundation/errors.h"
 #include "quarnel/foundation/tmemory.h"
 #include "quarnel/platform/faults.h"
+#include "tests/support/chunk_store.h"
 #include "tests/support/drive_fixture.h"
 
 namespace {
 
-using Key = std::pair<int, int>;
-using Content = std::map<Key, std::string>;
+using Key = ChunkKey;
+using Content = ChunkContent;
 constexpr int kA = 0x41414141, kB = 0x42424242, kC = 0x43434343;
-
-TMemory* Block(const std::string& s) {
-  auto* h = new TMemory(1);
-  h->SetSize(static_cast<unsigned>(s.size()));
-  if (!s.empty()) std::memcpy(h->MemPtr(), s.data(), s.size());
-  return h;
-}
-
-void Set(TMemory* h, const std::string& s) {
-  h->SetSize(static_cast<unsigned>(s.size()));
-  if (!s.empty()) std::memcpy(h->MemPtr(), s.data(), s.size());
-}
-
-// The bytes a handle stands for: unpacked when the host packed them.
-std::string Plain(const TMemory* h) {
-  TMemory copy(*h);
-  MemUncomp(&copy);
-  return std::string(reinterpret_cast<const char*>(copy.MemPtr()), copy.GetSize());
-}
 
 // Random chunk contents: empty, random bytes, or repetitive text (packed
 // into the handle by Fill half of the time).
@@ -55,23 +37,8 @@ std::string Bytes(std::mt19937& rng) {
 }
 
 void Fill(std::mt19937& rng, TMemory* h, const std::string& s) {
-  Set(h, s);
+  SetBytes(h, s);
   if (s.size() > 1000 && rng() % 2) MemComp(h);
-}
-
-// Every chunk the manager lists, fetched (and so registered).
-Content Read(ChunkManager* m) {
-  Content c;
-  for (int t = 1; t <= m->CHCountTypes(); ++t) {
-    const int type = m->CHEnumType(t);
-    for (int n = 1; n <= m->CHCountChunks(type); ++n) {
-      const int id = m->CHEnumChunk(type, n);
-      TMemory* h = nullptr;
-      EXPECT_EQ(m->CHGetChunk(type, id, &h), 0) << type << " " << id;
-      if (h) c[{type, id}] = Plain(h);
-    }
-  }
-  return c;
 }
 
 class Chunks : public DriveTest {
@@ -91,10 +58,48 @@ class Chunks : public DriveTest {
     if (rc) *rc = err;
     EXPECT_EQ(err, 0);
     EXPECT_EQ(r.CHVerify(), 0);
-    return Read(&r);
+    return ReadChunks(&r);
+  }
+  // A new store holding `c`, saved; `m` stays open on it.
+  void SaveNew(ChunkManager* m, const Content& c) {
+    ASSERT_EQ(m->CHOpen(&loc_, 3), 0);
+    for (const auto& [k, bytes] : c) ASSERT_EQ(m->CHAddChunk(BlockOf(bytes), k.first, k.second), 0);
+    ASSERT_EQ(m->CHSave(), 0);
+  }
+  // `bytes` as a file: refused at open with `code` and `line` at 517 (no
+  // line at all when empty), and left as they were.
+  void Refused(const std::string& bytes, int code, const std::string& line) {
+    WriteHost(Host(u"C:\\bad.chk"), bytes);
+    ClearRecords();
+    {
+      ChunkManager bad;
+      TFileLoc at = FileAt(u"C:\\bad.chk");
+      EXPECT_EQ(bad.CHOpen(&at, 3), code) << line;
+    }
+    if (line.empty()) {
+      EXPECT_TRUE(LoggedLines().empty());
+    } else {
+      EXPECT_TRUE(Logged(517, line)) << line;
+    }
+    EXPECT_EQ(ReadHost(Host(u"C:\\bad.chk")), bytes) << line;
+  }
+  // `s` with `n` bytes of `v` at `at`; with `fixHash`, the map's hash made
+  // right again.
+  static std::string Patched(std::string s, std::size_t at, long long v, int n,
+                             bool fixHash = false) {
+    std::memcpy(&s[at], &v, static_cast<std::size_t>(n));
+    if (fixHash) {
+      long long map = 0, size = 0;
+      std::memcpy(&map, &s[8], 8);
+      std::memcpy(&size, &s[16], 8);
+      const unsigned h = chHashBlock(reinterpret_cast<const unsigned char*>(&s[map + 64]),
+                                     static_cast<int>(size - 64));
+      std::memcpy(&s[map + 48], &h, 4);
+    }
+    return s;
   }
   void Add(ChunkManager* m, Key k, const std::string& s, Content* model) {
-    ASSERT_EQ(m->CHAddChunk(Block(s), k.first, k.second), 0);
+    ASSERT_EQ(m->CHAddChunk(BlockOf(s), k.first, k.second), 0);
     (*model)[k] = s;
   }
   TMemory* Get(ChunkManager* m, Key k) {
@@ -113,7 +118,7 @@ class Chunks : public DriveTest {
       const Key k{i % 3 ? kA : kB, i};
       TMemory* h = Get(m, k);
       const std::string s = i % 2 ? std::string(h->GetSize(), 'c') : Bytes(rng);
-      Set(h, s);
+      SetBytes(h, s);
       ASSERT_EQ(m->CHChangedChunk(h), 0);
       (*b)[k] = s;
     }
@@ -125,7 +130,7 @@ class Chunks : public DriveTest {
     }
     for (int i = 0; i < 4; ++i) Add(m, {kC, i}, Bytes(rng), b);
     TMemory* now = Get(m, {kA, 16});
-    Set(now, "stored at once");
+    SetBytes(now, "stored at once");
     ASSERT_EQ(m->CHStoreChunk(now), 0);
     (*b)[{kA, 16}] = "stored at once";
     ASSERT_EQ(m->CHDuplicate(kA, 17, 99), 0);
@@ -186,7 +191,7 @@ TEST_F(Chunks, RandomOperationsAgreeWithAModel) {
     } else if (op < 50) {
       const Key k = pick();
       TMemory* h = Get(&m, k);
-      Set(h, Bytes(rng));
+      SetBytes(h, Bytes(rng));
       cur[k] = Plain(h);
       ASSERT_EQ(m.CHStoreChunk(h), 0);
     } else if (op < 54) {
@@ -234,11 +239,11 @@ TEST_F(Chunks, RandomOperationsAgreeWithAModel) {
       m.CHClose();
       ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
       cur = saved;
-      ASSERT_EQ(Read(&m), cur);
+      ASSERT_EQ(ReadChunks(&m), cur);
     }
     most = std::max(most, cur.size());
   }
-  EXPECT_EQ(Read(&m), cur);
+  EXPECT_EQ(ReadChunks(&m), cur);
   EXPECT_GT(most, 1500u);
   EXPECT_GT(saves, 100);
 }
@@ -251,30 +256,8 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
     const char* name;
     std::function<void(ChunkManager&, Content&)> run;
   };
-  // A damaged copy of the saved store is refused at open with its code and
-  // line, and left as it was.
-  const auto refused = [&](const std::string& bytes, int code, const std::string& line) {
-    WriteHost(Host(u"C:\\bad.chk"), bytes);
-    ClearRecords();
-    ChunkManager bad;
-    TFileLoc at = FileAt(u"C:\\bad.chk");
-    EXPECT_EQ(bad.CHOpen(&at, 3), code) << line;
-    EXPECT_TRUE(Logged(517, line)) << line;
-    bad.CHClose();
-    EXPECT_EQ(ReadHost(Host(u"C:\\bad.chk")), bytes) << line;
-  };
   const auto patched = [&](std::size_t at, long long v, int n, bool fixHash) {
-    std::string s = ReadHost(Host(u"C:\\store.chk"));
-    std::memcpy(&s[at], &v, static_cast<std::size_t>(n));
-    if (fixHash) {  // the map's hash made right again
-      long long map = 0, size = 0;
-      std::memcpy(&map, &s[8], 8);
-      std::memcpy(&size, &s[16], 8);
-      const unsigned h = chHashBlock(reinterpret_cast<const unsigned char*>(&s[map + 64]),
-                                     static_cast<int>(size - 64));
-      std::memcpy(&s[map + 48], &h, 4);
-    }
-    return s;
+    return Patched(ReadHost(Host(u"C:\\store.chk")), at, v, n, fixHash);
   };
   // Map entry e's field at `field`, in the saved store whose map is at 1216
   // (chunks at 512, 580 and 1144).
@@ -286,7 +269,7 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
       {"duplicate of a dirty chunk",
        [&](ChunkManager& m, Content& c) {
          TMemory* h = Get(&m, {kA, 1});
-         Set(h, "changed in memory");
+         SetBytes(h, "changed in memory");
          ASSERT_EQ(m.CHChangedChunk(h), 0);
          EXPECT_EQ(m.CHDuplicate(kA, 1, 9), 0);
          EXPECT_TRUE(Logged(519, "CHDuplicateChunk: source is dirty, copying its handle"));
@@ -304,7 +287,7 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
       {"detaching a dirty chunk",
        [&](ChunkManager& m, Content& c) {
          TMemory* h = Get(&m, {kA, 2});
-         Set(h, "TWO");
+         SetBytes(h, "TWO");
          ASSERT_EQ(m.CHChangedChunk(h), 0);
          EXPECT_EQ(m.CHDetachChunk(h), 0);
          delete h;
@@ -327,17 +310,17 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
        }},
       {"a granule that does not divide 512, of 0, or beyond the move buffer",
        [&](ChunkManager&, Content&) {
-         for (const int g : {3, 0, 1024, -4}) refused(patched(36, g, 4, false), -643, invalid);
+         for (const int g : {3, 0, 1024, -4}) Refused(patched(36, g, 4, false), -643, invalid);
        }},
       {"a map whose hash is right and whose entries are not",
        [&](ChunkManager&, Content&) {
-         refused(entry(1, 24, 1000, 8), -642, badMap);  // slack beyond the extent
-         refused(entry(0, 0, 0, 4), -644, "chMapCheck: invalid type sequence");  // type 0
-         refused(entry(3, 8, 2, 8), -644, "chMapCheck: invalid map termination");
-         refused(entry(0, 8, 1, 8), -644, "chMapCheck: invalid type sequence");
-         refused(patched(16, 40, 8, false), -642, badMap);    // smaller than a chunk header
-         refused(patched(8, 1500, 8, false), -642, badMap);   // the map runs past the file
-         refused(patched(8, -1216, 8, false), -642, badMap);  // before the first chunk
+         Refused(entry(1, 24, 1000, 8), -642, badMap);  // slack beyond the extent
+         Refused(entry(0, 0, 0, 4), -644, "chMapCheck: invalid type sequence");  // type 0
+         Refused(entry(3, 8, 2, 8), -644, "chMapCheck: invalid map termination");
+         Refused(entry(0, 8, 1, 8), -644, "chMapCheck: invalid type sequence");
+         Refused(patched(16, 40, 8, false), -642, badMap);    // smaller than a chunk header
+         Refused(patched(8, 1500, 8, false), -642, badMap);   // the map runs past the file
+         Refused(patched(8, -1216, 8, false), -642, badMap);  // before the first chunk
        }},
       {"free space is not a chunk",
        [&](ChunkManager& m, Content& c) {
@@ -371,14 +354,10 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     WriteHost(Host(u"C:\\store.chk"), "");
-    Content c;
+    Content c = {{{kA, 1}, "one"}, {{kA, 2}, std::string(500, '2')}, {{kB, 7}, "seven"}};
     {
       ChunkManager m;
-      ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
-      Add(&m, {kA, 1}, "one", &c);
-      Add(&m, {kA, 2}, std::string(500, '2'), &c);
-      Add(&m, {kB, 7}, "seven", &c);
-      ASSERT_EQ(m.CHSave(), 0);
+      SaveNew(&m, c);
       ClearRecords();
       row.run(m, c);
       EXPECT_EQ(m.CHSave(), 0);
@@ -391,48 +370,30 @@ TEST_F(Chunks, UnsafePathsKeepEveryDocumentWhole) {
 // Headers that are not a saved chunk file's, and a map chunk that is not a
 // map or not the map that was written: refused at open with their lines.
 TEST_F(Chunks, DamagedHeadersAreRefusedAtOpen) {
-  Content a;
   {
     ChunkManager m;
-    ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
-    Add(&m, {kA, 1}, "one", &a);
-    Add(&m, {kA, 2}, "two", &a);
-    ASSERT_EQ(m.CHSave(), 0);  // chunks at 512 and 580, the map at 648
+    SaveNew(&m, {{{kA, 1}, "one"}, {{kA, 2}, "two"}});  // chunks at 512 and 580, the map at 648
   }
   const std::string good = ReadHost(Host(u"C:\\store.chk"));
-  const auto patched = [&](int at, long long v, int n) {
-    std::string s = good;
-    std::memcpy(&s[static_cast<std::size_t>(at)], &v, static_cast<std::size_t>(n));
-    return s;
-  };
   const std::string invalid = "chDoOpen: invalid file, ";
   struct Case {
     std::string bytes;
     int code;
-    std::string line;  // empty: none at 515 or 517
+    std::string line;  // empty: none at all
   };
   const std::vector<Case> cases = {
-      {patched(0, 0x2E666843, 4), kErrChunkInvalidFile, invalid},  // only byte-swapped
-      {patched(4, 0x0111, 2), kErrChunkInvalidFile, invalid},      // needs a newer reader
-      {patched(6, 0x00FF, 2), kErrChunkInvalidFile, invalid},
-      {patched(32, 0x42616421, 4), kErrChunkNotSaved, "chDoOpen: file was not fully saved"},
-      {patched(16, 0x80000000LL, 8), kErrChunkBadMap, "chReadMap: bad map"},
-      {patched(648, 0x43684D71, 4), kErrChunkBadMap, "chReadMap: bad map"},
-      {patched(713, 0x55, 1), kErrChunkHash, ""},
+      {Patched(good, 0, 0x2E666843, 4), kErrChunkInvalidFile, invalid},  // only byte-swapped
+      {Patched(good, 4, 0x0111, 2), kErrChunkInvalidFile, invalid},      // needs a newer reader
+      {Patched(good, 6, 0x00FF, 2), kErrChunkInvalidFile, invalid},
+      {Patched(good, 32, 0x42616421, 4), kErrChunkNotSaved, "chDoOpen: file was not fully saved"},
+      {Patched(good, 16, 0x80000000LL, 8), kErrChunkBadMap, "chReadMap: bad map"},
+      {Patched(good, 648, 0x43684D71, 4), kErrChunkBadMap, "chReadMap: bad map"},
+      {Patched(good, 713, 0x55, 1), kErrChunkHash, ""},
       {good.substr(0, 100), kErrChunkInvalidFile, invalid},
   };
   for (std::size_t k = 0; k < cases.size(); ++k) {
     SCOPED_TRACE(k);
-    WriteHost(Host(u"C:\\bad.chk"), cases[k].bytes);
-    ClearRecords();
-    ChunkManager m;
-    TFileLoc bad = FileAt(u"C:\\bad.chk");
-    EXPECT_EQ(m.CHOpen(&bad, 3), cases[k].code);
-    if (cases[k].line.empty()) {
-      EXPECT_TRUE(LoggedLines().empty());
-    } else {
-      EXPECT_TRUE(Logged(517, cases[k].line));
-    }
+    Refused(cases[k].bytes, cases[k].code, cases[k].line);
     const std::vector<AssertionSeen> none, map = {{"chunk", 1087, ""}};
     EXPECT_EQ(Assertions(), k == 4 ? map : none);
   }
@@ -442,14 +403,10 @@ TEST_F(Chunks, DamagedHeadersAreRefusedAtOpen) {
 // open and verify answer with codes, fetching gives the data or a code,
 // never a crash or a read outside the buffers.
 TEST_F(Chunks, CorruptFilesGiveCodes) {
-  Content a;
+  const Content a = {{{kA, 1}, "one"}, {{kA, 2}, std::string(300, 't')}, {{kB, 3}, "three"}};
   {
     ChunkManager m;
-    ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
-    Add(&m, {kA, 1}, "one", &a);
-    Add(&m, {kA, 2}, std::string(300, 't'), &a);
-    Add(&m, {kB, 3}, "three", &a);
-    ASSERT_EQ(m.CHSave(), 0);
+    SaveNew(&m, a);
   }
   const std::string good = ReadHost(Host(u"C:\\store.chk"));
   // Bit flips are made in place: rewriting a whole file each time is slow.
@@ -575,7 +532,6 @@ TEST_F(Chunks, FaultsDuringASaveLeaveTheLastSavedState) {
 // part-way (and rolls back): every file a crash can leave there opens in
 // exactly the old saved state or exactly the new one.
 TEST_F(Chunks, CrashAtEveryIoLeavesTheOldOrTheNewState) {
-  QUARNEL_LINUX_ONLY("the simulated disk records the Linux build's file layer");
   struct Mode {
     const char* name;
     bool quick;
@@ -697,13 +653,10 @@ TEST_F(Chunks, TruncateAndAppendCopyTheStore) {
 // Misuse by the caller: each call refused with its code and its line at 515,
 // the store unchanged.
 TEST_F(Chunks, MisuseGetsItsCodeAndLine) {
-  Content c;
+  Content c = {{{kA, 0x31313131}, "one"}, {{kA, 0x32323232}, "two"}};
   ChunkManager m;
-  ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
-  Add(&m, {kA, 0x31313131}, "one", &c);
-  Add(&m, {kA, 0x32323232}, "two", &c);
-  ASSERT_EQ(m.CHSave(), 0);
-  TMemory* dirty = Block("new");
+  SaveNew(&m, c);
+  TMemory* dirty = BlockOf("new");
   ASSERT_EQ(m.CHAddChunk(dirty, kB, 0x33333333), 0);
   c[{kB, 0x33333333}] = "new";
   TMemory stray(1);

@@ -41,20 +41,16 @@ class DataBufferTest : public RecordingTest {
 
 Bytes Contents(const TMemory& m) { return Bytes(m.MemPtr(), m.MemPtr() + m.GetSize()); }
 
+// The model test below checks the addresses of what it adds; these pin the
+// count around partial records and the unchecked PointAt.
 TEST_F(DataBufferTest, CountAndAddressesFollowTheSize) {
   TDataBuffer b(12);
-  EXPECT_EQ(b.ElementSize(), 12u);
-  ASSERT_EQ(b.SetSize(36), 0);
+  ASSERT_EQ(b.SetSize(40), 0);  // a partial record does not count
   EXPECT_EQ(b.Count(), 3u);
-  auto* base = b.MemPtr();
-  EXPECT_EQ(b.GetAt(0), base);
-  EXPECT_EQ(b.GetAt(2), base + 24);
-  EXPECT_EQ(b.Enum(2), base + 24);
+  EXPECT_EQ(b.Enum(2), b.MemPtr() + 24);
   EXPECT_EQ(b.GetAt(3), nullptr);
   EXPECT_EQ(b.Enum(3), nullptr);
-  EXPECT_EQ(b.PointAt(5), base + 60);  // unchecked
-  ASSERT_EQ(b.SetSize(40), 0);         // a partial record does not count
-  EXPECT_EQ(b.Count(), 3u);
+  EXPECT_EQ(b.PointAt(5), b.MemPtr() + 60);  // unchecked
   ASSERT_EQ(b.SetCount(5), 0);
   EXPECT_EQ(b.GetSize(), 60u);
   EXPECT_EQ(Asserted(), "");
@@ -220,23 +216,14 @@ TEST_F(DataBufferTest, Sint16AppendsBytesStringsAndLoads) {
   const unsigned char three[3] = {0x34, 0x12, 0x7F};
   b.Append(three, 3);  // a byte count: one whole unit and a half
   EXPECT_EQ(b.GetSize(), 3u);
-  EXPECT_EQ(b[0], 0x1234);
   b.Append(nullptr, 1);
-  EXPECT_EQ(b.GetSize(), 4u);
-  EXPECT_EQ(b[1], 0x007F);
-
   TString text(u"h\u00e9!");
   b.Append(&text);
   b.Append(static_cast<const TString*>(nullptr));
-  ASSERT_EQ(b.GetSize(), 10u);
-  EXPECT_EQ(b[2], 'h');
-  EXPECT_EQ(b[3], 0xE9);
-  EXPECT_EQ(b[4], '!');
-
+  EXPECT_EQ(Contents(b), (Bytes{0x34, 0x12, 0x7F, 0, 'h', 0, 0xE9, 0, '!', 0}));
   const std::int16_t units[2] = {-1, -2};
   b.Load(units, 2, 3);
-  EXPECT_EQ(b[3], -1);
-  EXPECT_EQ(b[4], -2);
+  EXPECT_EQ(std::vector<int>({b[0], b[3], b[4]}), std::vector<int>({0x1234, -1, -2}));
   EXPECT_EQ(Asserted(), "");
   const auto before = Contents(b);
   b.Load(units, 2, 4);  // one unit beyond the end

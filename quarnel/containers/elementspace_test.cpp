@@ -43,6 +43,17 @@ void SetWord(ElementSpace& es, int offset, int value) {
 
 int Slot(ElementSpace& es, int r) { return Word(es, 76 + 4 * r); }
 
+// The area's size, floor, start and end of the records, growth unit and free
+// room.
+std::vector<int> Room(ElementSpace& es) {
+  return {static_cast<int>(es.GetSize()),
+          Word(es, kFloor),
+          Word(es, kStart),
+          Word(es, kEnd),
+          Word(es, kUnit),
+          es.LmAvail()};
+}
+
 Bytes At(ElementSpace& es, int from, int n) {
   return Bytes(es.MemPtr() + from, es.MemPtr() + from + n);
 }
@@ -136,11 +147,7 @@ TEST_F(SpaceTest, GrowthMakesRoomForTheRequestAndOneUnit) {
   // 2,004 + 1 KiB are free, and the growth unit doubles.
   std::string data(2000, 'g');
   EXPECT_EQ(es.LmAdd(data.data(), 2000), 1);
-  EXPECT_EQ(es.GetSize(), 3112u);
-  EXPECT_EQ(Word(es, kEnd), 3112);
-  EXPECT_EQ(Word(es, kStart), 1108);
-  EXPECT_EQ(es.LmAvail(), 1108 - 84 - 4);
-  EXPECT_EQ(Word(es, kUnit), 2);
+  EXPECT_EQ(Room(es), (std::vector<int>{3112, 0, 1108, 3112, 2, 1108 - 84 - 4}));
   EXPECT_EQ(std::string(es.LmGet(1), 2000), data);
   // The next growth adds 2 KiB beyond the request, then 4 KiB, ...
   EXPECT_EQ(es.LmAdd(nullptr, 1500), 2);
@@ -222,9 +229,7 @@ TEST_F(SpaceTest, RemovalCompressesOnceAFifthIsDead) {
 // Bad refnums and sizes: refused with their own error and log line (or
 // assertion) on a sound area, which stays sound.
 TEST_F(SpaceTest, BadArgumentsAreRefusedAndLogged) {
-  const auto rows = ReadTsv("elementspace_args.tsv");
-  ASSERT_EQ(rows.size(), 22u);
-  for (const auto& r : rows) {
+  for (const auto& r : ReadTsv("elementspace_args.tsv")) {
     SCOPED_TRACE(r[0] + " " + r[1]);
     ElementSpace es(0, 0);
     MakeSound(es);
@@ -258,9 +263,7 @@ TEST_F(SpaceTest, BadArgumentsAreRefusedAndLogged) {
 TEST_F(SpaceTest, ReserveKeepsRoomUntilCompressed) {
   ElementSpace es(0, 0);
   EXPECT_EQ(es.LmReserve(10000), 0);
-  EXPECT_EQ(es.GetSize(), 10084u);
-  EXPECT_EQ(Word(es, kFloor), 10084);
-  EXPECT_EQ(es.LmAvail(), 10000);
+  EXPECT_EQ(Room(es), (std::vector<int>{10084, 10084, 10084, 10084, 1, 10000}));
   // Removals compress but never shrink the area below the floor.
   for (int i = 0; i < 30; ++i) es.LmAdd(nullptr, 200);
   for (int r = 1; r <= 30; ++r) es.LmRemove(r);
@@ -268,18 +271,14 @@ TEST_F(SpaceTest, ReserveKeepsRoomUntilCompressed) {
   EXPECT_EQ(es.GetSize(), 10084u);
   // LmCompress clears the floor and shrinks to the content.
   EXPECT_EQ(es.LmCompress(), 0);
-  EXPECT_EQ(Word(es, kFloor), 0);
-  EXPECT_EQ(es.GetSize(), 84u);
-  EXPECT_EQ(es.LmAvail(), 0);
+  EXPECT_EQ(Room(es), (std::vector<int>{84, 0, 84, 84, 1, 0}));
 
   // Up to 1 MiB the request is cut so that the area stays within it.
   EXPECT_EQ(es.LmReserve(2 << 20), 0);
-  EXPECT_EQ(es.GetSize(), 1048576u);
-  EXPECT_EQ(es.LmAvail(), 1048576 - 84);
+  EXPECT_EQ(Room(es), (std::vector<int>{1048576, 1048576, 1048576, 1048576, 1, 1048576 - 84}));
   // From 1 MiB on the area is left as it is and the floor is the smaller.
   EXPECT_EQ(es.LmReserve(5000), 0);
-  EXPECT_EQ(Word(es, kFloor), 5000);
-  EXPECT_EQ(es.GetSize(), 1048576u);
+  EXPECT_EQ(Room(es), (std::vector<int>{1048576, 5000, 1048576, 1048576, 1, 1048576 - 84}));
   EXPECT_EQ(es.LmReserve(0), 0);
   EXPECT_EQ(Word(es, kFloor), 0);
 
@@ -349,9 +348,7 @@ TEST_F(SpaceTest, SmallQuestions) {
 
 // LmValid: each check in turn, on a sound area spoiled in one place.
 TEST_F(SpaceTest, ValidNamesTheFirstBrokenRule) {
-  const auto rows = ReadTsv("elementspace_valid.tsv");
-  ASSERT_EQ(rows.size(), 23u);
-  for (const auto& r : rows) {
+  for (const auto& r : ReadTsv("elementspace_valid.tsv")) {
     SCOPED_TRACE(r[1]);
     ElementSpace es(0, 0);
     MakeSound(es);
@@ -388,26 +385,28 @@ class Driver {
 
   std::vector<std::optional<Element>> model;
 
-  int LowestEmpty() const {
-    for (std::size_t i = 0; i < model.size(); ++i) {
-      if (!model[i]) return static_cast<int>(i) + 1;
-    }
-    return static_cast<int>(model.size()) + 1;
+  // Puts `bytes` where an addition goes, the lowest empty refnum, and
+  // returns that refnum.
+  int PlaceAtLowestEmpty(const std::string& bytes) {
+    std::size_t i = 0;
+    while (i < model.size() && model[i]) ++i;
+    if (i == model.size()) model.emplace_back();
+    model[i] = Element{bytes, false};
+    return static_cast<int>(i) + 1;
   }
   void DropTrailing() {
     while (!model.empty() && !model.back()) model.pop_back();
   }
-  int RandomLive() {
+  std::vector<int> Live() const {
     std::vector<int> live;
     for (std::size_t i = 0; i < model.size(); ++i) {
       if (model[i]) live.push_back(static_cast<int>(i) + 1);
     }
-    return live.empty() ? 0 : live[rng_() % live.size()];
+    return live;
   }
-  int LiveCount() const {
-    int n = 0;
-    for (auto& e : model) n += e ? 1 : 0;
-    return n;
+  int RandomLive() {
+    const std::vector<int> live = Live();
+    return live.empty() ? 0 : live[rng_() % live.size()];
   }
   int RandomSize() {
     const unsigned r = rng_() % 100;
@@ -423,21 +422,17 @@ class Driver {
 
   // One random operation; returns its name for failure messages.
   const char* Step() {
-    const unsigned what = rng_() % 1000;
-    const bool crowded = LiveCount() > 120;
+    const bool crowded = Live().size() > 120;
+    const int r = RandomLive();  // a live refnum; with none, the step adds one
+    const unsigned what = r == 0 ? 0 : rng_() % 1000;
     if (what < (crowded ? 150u : 300u)) {
       const int n = RandomSize();
       const bool null = rng_() % 4 == 0;
       const std::string bytes = null ? std::string(n, '\0') : RandomBytes(n);
-      const int expect = LowestEmpty();
-      EXPECT_EQ(es_->LmAdd(null ? nullptr : bytes.data(), n), expect);
-      if (expect > static_cast<int>(model.size())) model.resize(expect);
-      model[expect - 1] = Element{bytes, false};
+      EXPECT_EQ(es_->LmAdd(null ? nullptr : bytes.data(), n), PlaceAtLowestEmpty(bytes));
       return "add";
     }
     if (what < 420) {
-      const int r = RandomLive();
-      if (r == 0) return "set (none)";
       const int n = RandomSize();
       EXPECT_EQ(es_->LmSet(r, n), 0);
       model[r - 1]->bytes.resize(static_cast<std::size_t>(n), '\0');
@@ -452,34 +447,22 @@ class Driver {
       return "set beyond";
     }
     if (what < 500) {
-      const int r = RandomLive();
-      if (r == 0) return "dupe (none)";
-      const int expect = LowestEmpty();
-      EXPECT_EQ(es_->LmDupe(r), expect);
-      const std::string bytes = model[r - 1]->bytes;
-      if (expect > static_cast<int>(model.size())) model.resize(expect);
-      model[expect - 1] = Element{bytes, false};
+      EXPECT_EQ(es_->LmDupe(r), PlaceAtLowestEmpty(std::string(model[r - 1]->bytes)));
       return "dupe";
     }
     if (what < (crowded ? 850u : 700u)) {
-      const int r = RandomLive();
-      if (r == 0) return "remove (none)";
       EXPECT_EQ(es_->LmRemove(r), 0);
       model[r - 1].reset();
       DropTrailing();
       return "remove";
     }
     if (what < 880) {
-      const int a = RandomLive();
-      const int b = RandomLive();
-      if (a == 0) return "swap (none)";
-      EXPECT_EQ(es_->LmSwap(a, b), 0);
-      std::swap(model[a - 1], model[b - 1]);
+      const int other = RandomLive();
+      EXPECT_EQ(es_->LmSwap(r, other), 0);
+      std::swap(model[r - 1], model[other - 1]);
       return "swap";
     }
     if (what < 930) {
-      const int r = RandomLive();
-      if (r == 0) return "mark (none)";
       EXPECT_EQ(es_->LmMark(r), model[r - 1]->marked ? 0 : 1);
       model[r - 1]->marked = true;
       return "mark";
@@ -517,15 +500,12 @@ class Driver {
     }
     if (what < 995) {
       // Locked: reading and marking leave every address where it was.
-      const int r = RandomLive();
       es_->LmLock();
-      if (r != 0) {
-        const char* p = es_->LmGet(r);
-        es_->LmMark(r);
-        model[r - 1]->marked = true;
-        EXPECT_EQ(es_->LmSize(r), static_cast<int>(model[r - 1]->bytes.size()));
-        EXPECT_EQ(es_->LmGet(r), p);
-      }
+      const char* p = es_->LmGet(r);
+      es_->LmMark(r);
+      model[r - 1]->marked = true;
+      EXPECT_EQ(es_->LmSize(r), static_cast<int>(model[r - 1]->bytes.size()));
+      EXPECT_EQ(es_->LmGet(r), p);
       es_->LmUnlock();
       return "lock";
     }

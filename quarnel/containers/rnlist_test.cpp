@@ -40,11 +40,9 @@ void ModelRemove(const Model& from, Model& to) {
 }
 void ModelInsert(const Model& from, Model& to, int at) {
   at = std::clamp(at, 0, static_cast<int>(to.size()));
-  const Model head(to.begin(), to.begin() + at);
-  const Model tail(to.begin() + at, to.end());
-  Model result = head;
+  Model result(to.begin(), to.begin() + at);
   ModelAppend(from, result);
-  ModelAppend(tail, result);
+  ModelAppend(Model(to.begin() + at, to.end()), result);
   to = result;
 }
 

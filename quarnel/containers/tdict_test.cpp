@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <map>
 #include <random>
-#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>

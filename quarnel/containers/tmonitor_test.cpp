@@ -27,17 +27,6 @@ std::vector<TMonitor*> HeldList() {
 
 class MonitorTest : public RecordingTest {};
 
-TEST_F(MonitorTest, ReentersAndLeavesByCount) {
-  TMonitor m;
-  EXPECT_EQ(m.Enter(), 1);
-  EXPECT_EQ(m.Enter(), 2);
-  EXPECT_EQ(m.Exit(), 1);
-  EXPECT_EQ(HeldList(), std::vector<TMonitor*>{&m});
-  EXPECT_EQ(m.Exit(), 0);
-  EXPECT_TRUE(HeldList().empty());
-  EXPECT_TRUE(Assertions().empty());
-}
-
 TEST_F(MonitorTest, LeavingInAnyOrderKeepsTheHeldListLinked) {
   TMonitor a, b, c;
   a.Enter();

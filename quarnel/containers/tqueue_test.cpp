@@ -17,57 +17,35 @@ namespace {
 
 class TQueueTest : public RecordingTest {};
 
-Bytes Ring(TQueue& q) { return Bytes(q.MemPtr(), q.MemPtr() + q.GetSize()); }
-
 Bytes Take(TQueue& q, unsigned n) {
   Bytes out(n);
   EXPECT_EQ(q.GetFromFront(out.data(), n), 0);
   return out;
 }
 
-// Where the bytes sit: the model test checks the head through PeekAt; these
-// pin the ring itself across a wrap and a growth.
-TEST_F(TQueueTest, RingLayoutAcrossWrapAndGrowth) {
-  TQueue q(8);
+// The model test checks where the bytes sit, across wraps and growth; these
+// pin shrinking, Reset and a queue without storage.
+TEST_F(TQueueTest, ShrinkResetAndNoStorage) {
+  TQueue q(12);
   EXPECT_EQ(q.GetPriority(), 2);
-  const Bytes six = {1, 2, 3, 4, 5, 6};
-  ASSERT_EQ(q.AddToEnd(six.data(), 6), 0);
-  EXPECT_EQ(Take(q, 5), Bytes({1, 2, 3, 4, 5}));
-  const Bytes more = {7, 8, 9, 10, 11};
-  ASSERT_EQ(q.AddToEnd(more.data(), 5), 0);  // 6 7 8 at the end, 9 10 11 at the start
-  EXPECT_EQ(Ring(q), Bytes({9, 10, 11, 4, 5, 6, 7, 8}));
-  EXPECT_TRUE(q.IsFull() == false && q.SpaceAvail() == 2);
-
-  EXPECT_EQ(q.SetSize(16), 0);
-  // The part from the head to the old end moved to the new end.
-  EXPECT_EQ(Ring(q), Bytes({9, 10, 11, 4, 5, 6, 7, 8, 0, 0, 0, 0, 0, 6, 7, 8}));
-  const Bytes tail = {12, 13, 14, 15, 16, 17, 18, 19, 20, 21};
-  ASSERT_EQ(q.AddToEnd(tail.data(), 10), 0);
-  EXPECT_TRUE(q.IsFull());
-  EXPECT_EQ(Take(q, 16), Bytes({6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21}));
-
-  // A queue that did not wrap keeps its place.
-  TQueue flat(8);
-  ASSERT_EQ(flat.AddToEnd(six.data(), 4), 0);
-  EXPECT_EQ(Take(flat, 2), Bytes({1, 2}));
-  EXPECT_EQ(flat.SetSize(12), 0);
-  EXPECT_EQ(Ring(flat), Bytes({1, 2, 3, 4, 0, 0, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(flat.ItemCount(1), 2u);
-
+  const Bytes four = {1, 2, 3, 4};
+  ASSERT_EQ(q.AddToEnd(four.data(), 4), 0);
+  EXPECT_EQ(q.ItemCount(2), 2u);
   // Shrinking a queue that holds data asserts and changes nothing.
-  EXPECT_EQ(flat.SetSize(4), 0);
+  EXPECT_EQ(q.SetSize(2), 0);
   EXPECT_EQ(Asserted(), "queue-203");
-  EXPECT_EQ(flat.GetSize(), 12u);
-  EXPECT_EQ(Take(flat, 2), Bytes({3, 4}));
-  flat.Reset();
-  EXPECT_EQ(flat.GetSize(), 0u);
-  EXPECT_TRUE(flat.IsEmpty() && flat.IsInline());
+  EXPECT_EQ(q.GetSize(), 12u);
+  EXPECT_EQ(Take(q, 4), four);
+  q.Reset();
+  EXPECT_EQ(q.GetSize(), 0u);
+  EXPECT_TRUE(q.IsEmpty() && q.IsInline());
 
   // A queue without storage has no room and nothing to give.
   TQueue none;
-  unsigned char* item = q.MemPtr();
-  EXPECT_EQ(none.AddToEnd(six.data(), 1), kErrQueueNoRoom);
-  EXPECT_EQ(none.AddToEnd(six.data(), 0), 0);
+  unsigned char byte = 0;
+  unsigned char* item = &byte;
+  EXPECT_EQ(none.AddToEnd(four.data(), 1), kErrQueueNoRoom);
+  EXPECT_EQ(none.AddToEnd(four.data(), 0), 0);
   EXPECT_EQ(none.GetFromFront(item, 1), kErrQueueEmpty);
   EXPECT_EQ(none.PeekAt(0, &item, 4), kErrQueueNoData);
   EXPECT_EQ(item, nullptr);
@@ -123,34 +101,10 @@ TEST_F(TQueueTest, MisuseAssertsAndGoesOn) {
   EXPECT_EQ(negative.GetSize(), 0u);
 }
 
-TEST_F(TQueueTest, CopiesAreIndependent) {
-  TQueue q(8);
-  const Bytes six = {1, 2, 3, 4, 5, 6};
-  ASSERT_EQ(q.AddToEnd(six.data(), 6), 0);
-  EXPECT_EQ(Take(q, 4), Bytes({1, 2, 3, 4}));
-  const Bytes wrap = {7, 8, 9, 10};
-  ASSERT_EQ(q.AddToEnd(wrap.data(), 4), 0);  // head 4, 6 stored, wrapped
-
-  TQueue copy(q);
-  EXPECT_NE(&copy.Monitor(), &q.Monitor());
-  EXPECT_EQ(copy.GetSize(), 8u);
-  EXPECT_EQ(Take(copy, 6), Bytes({5, 6, 7, 8, 9, 10}));
-  EXPECT_EQ(q.DataSize(), 6u);
-
-  TQueue assigned(2);
-  TMonitor* own = &assigned.Monitor();
-  assigned = q;
-  EXPECT_EQ(&assigned.Monitor(), own);
-  EXPECT_EQ(Take(assigned, 6), Bytes({5, 6, 7, 8, 9, 10}));
-  assigned = assigned;
-  EXPECT_TRUE(assigned.IsEmpty());
-  EXPECT_EQ(Take(q, 6), Bytes({5, 6, 7, 8, 9, 10}));
-  EXPECT_EQ(Asserted(), "");
-}
-
 // Random operations against a std::deque of bytes and the ring's head: the
 // offset of the first byte, moved by reads, reset by a resize of an empty
-// queue and moved to the new end when a wrapped queue grows.
+// queue and moved to the new end when a wrapped queue grows. Copies and
+// assignments keep bytes and head and leave each queue its own monitor.
 TEST_F(TQueueTest, RandomOperationsMatchADeque) {
   std::mt19937 rng(777);
   TQueue q(7);
@@ -160,7 +114,7 @@ TEST_F(TQueueTest, RandomOperationsMatchADeque) {
   unsigned char counter = 0;
   for (int step = 0; step < 20000; ++step) {
     SCOPED_TRACE(step);
-    switch (rng() % 7) {
+    switch (rng() % 8) {
       case 0:
       case 1:
       case 2: {
@@ -205,6 +159,17 @@ TEST_F(TQueueTest, RandomOperationsMatchADeque) {
         }
         capacity = next;
         ASSERT_EQ(q.GetSize(), capacity);
+        break;
+      }
+      case 6: {  // the queue goes through a copy and back by assignment
+        TQueue copy(q);
+        ASSERT_NE(&copy.Monitor(), &q.Monitor());
+        TMonitor* own = &q.Monitor();
+        q.Reset();
+        q = copy;
+        q = q;
+        ASSERT_EQ(&q.Monitor(), own);
+        ASSERT_EQ(Take(copy, copy.DataSize()), Bytes(model.begin(), model.end()));
         break;
       }
       default: {

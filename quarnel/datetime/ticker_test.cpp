@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,25 +51,6 @@ class TickerTest : public RecordingTest {
   }
 };
 
-TEST_F(TickerTest, SetMSStartsTheSpanAlreadyMeasuring) {
-  TTicker t(Key("tick"));
-  EXPECT_EQ(t.GetID(), Key("tick"));
-  t.SetMS(7200000);
-  EXPECT_EQ(t.GetMS(), 7200000u);
-  EXPECT_EQ(t.GetMS(), 7200000u);
-  Advance(kHour);
-  EXPECT_EQ(t.GetMS(), 10800000u);
-  EXPECT_EQ(Logged(), HourNote("tick"));
-
-  // Reset starts a new span: the note may come once more.
-  t.SetID(Key("tock"));
-  t.Reset();
-  EXPECT_EQ(t.GetMS(), 0u);
-  Advance(kHour + 1);
-  EXPECT_EQ(t.GetMS(), kHour + 1);
-  EXPECT_EQ(Logged(), HourNote("tick") + HourNote("tock"));
-}
-
 // A second GetMS logs nothing more.
 TEST_F(TickerTest, GetMSRulesByRow) {
   const std::map<std::string, std::string> lines = {{"-", ""},
@@ -99,12 +81,14 @@ TEST_F(TickerTest, EachNoteOnceAndLaterStatesSilenceEarlierOnes) {
   EXPECT_EQ(t.GetMS(), 0xFFFFFFFFu);
   EXPECT_EQ(t.GetMS(), 0xFFFFFFFFu);
   EXPECT_EQ(Logged(), HourNote("life") + DaysWarning("life") + Overflowed("life"));
-  // An overflowed span starts again after Reset.
+  // An overflowed span starts again after Reset, its notes under the new id.
   ClearRecords();
+  t.SetID(Key("next"));
   t.Reset();
+  EXPECT_EQ(t.GetMS(), 0u);
   Advance(kHour + 1);
   EXPECT_EQ(t.GetMS(), kHour + 1);
-  EXPECT_EQ(Logged(), HourNote("life"));
+  EXPECT_EQ(Logged(), HourNote("next"));
 }
 
 TEST_F(TickerTest, SpanAcrossTheWrapOfTheTickCount) {
@@ -146,10 +130,7 @@ TEST_F(TickerTest, LastTickerKillsTheTimerAndTheNextStartsAnother) {
     TTicker a(Key("aaaa"));
     first = TTickerTimerActive();
     EXPECT_NE(first, 0u);
-    {
-      TTicker b(Key("bbbb"));
-      EXPECT_EQ(TTickerTimerActive(), first);
-    }
+    { TTicker b(Key("bbbb")); }
     EXPECT_EQ(TTickerTimerActive(), first);  // a is still alive
     Advance(59 * kMinute);
   }
@@ -253,30 +234,61 @@ void RunProfile(TProfiler& p, unsigned ops, unsigned busy, unsigned elapsed) {
   USetTickOffset(start + elapsed);
 }
 
-TEST_F(ProfilerTest, NestedStartsCountOperationsAndOneBusySpan) {
-  TProfiler p("load", 0);
-  Advance(1000);
-  p.Start();
-  Advance(200);
-  p.Start();
-  Advance(300);
-  p.Stop();
-  Advance(500);
-  p.Stop();
-  Advance(1000);
-  p.Report(0);
-  EXPECT_EQ(Logged(),
-            "513 "
-            "load: 1.000 of 3.0 secs (33.33%) for 2 ops (500,000.0 uSec/op)"
-            "\n");
-  EXPECT_EQ(Asserted(), "");
+// Calls on a profiler: a number moves the clock by that many ms, S starts,
+// s stops, R reports once, r reports always, X resets, D destroys it; then
+// the assertions and the line, written `times` times.
+TEST_F(ProfilerTest, CallSequences) {
+  const struct {
+    const char* calls;
+    const char* asserted;
+    const char* line;
+    int times = 1;
+  } rows[] = {
+      // A nested start counts as an operation; the busy span is the outer one.
+      {"1000 S 200 S 300 s 500 s 1000 R", "",
+       "1.000 of 3.0 secs (33.33%) for 2 ops (500,000.0 uSec/op)"},
+      // The destructor reports what was not reported.
+      {"S 10 s 90 D", "", "0.010 of 0.1 secs (10.00%) for 1 ops (10,000.0 uSec/op)"},
+      // A stop without a start asserts and goes back to depth 0.
+      {"s S S 10 s R", "timer-303", "0.010 of 0.0 secs (100.00%) for 2 ops (5,000.0 uSec/op)"},
+      // Once only: neither a Reset nor the destructor brings the report back.
+      {"S 10 s 90 R R r X R D", "", "0.010 of 0.1 secs (10.00%) for 1 ops (10,000.0 uSec/op)", 2},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.calls);
+    ClearRecords();
+    auto p = std::make_unique<TProfiler>("p", 0);
+    std::istringstream in(r.calls);
+    for (std::string w; in >> w;) {
+      if (w == "S") {
+        p->Start();
+      } else if (w == "s") {
+        p->Stop();
+      } else if (w == "R" || w == "r") {
+        p->Report(w == "R");
+      } else if (w == "X") {
+        p->Reset();
+      } else if (w == "D") {
+        p.reset();
+      } else {
+        Advance(std::stoll(w));
+      }
+    }
+    EXPECT_EQ(Asserted(), r.asserted);
+    std::string lines;
+    for (int i = 0; i < r.times; ++i) lines += std::string("513 p: ") + r.line + "\n";
+    EXPECT_EQ(Logged(), lines);
+  }
 }
 
+// Each row after a Reset, which clears the counters and restarts the span.
 TEST_F(ProfilerTest, ReportFiguresByRow) {
   for (const auto& r : ReadTsv("profiler_figures.tsv")) {
     SCOPED_TRACE(r[0]);
     ClearRecords();
     TProfiler p("p", 0);
+    RunProfile(p, 5, 100, 1000);
+    p.Reset();
     RunProfile(p, std::stoul(r[1]), std::stoul(r[2]), std::stoul(r[3]));
     p.Report(0);
     EXPECT_EQ(Logged(), "513 " + r[4] + "\n");
@@ -284,58 +296,6 @@ TEST_F(ProfilerTest, ReportFiguresByRow) {
     ClearRecords();
   }
   EXPECT_TRUE(Lines().empty());
-}
-
-TEST_F(ProfilerTest, OnceOnlyReportsAndTheDestructor) {
-  {
-    TProfiler p("once", 0);
-    p.Report(1);
-    p.Report(1);
-    p.Report(0);  // not once-only: always writes
-    p.Reset();    // keeps the reported flag
-    p.Report(1);
-  }
-  EXPECT_EQ(Lines().size(), 2u);
-  ClearRecords();
-  {
-    TProfiler q("dtor", 0);
-    q.Start();
-    Advance(10);
-    q.Stop();
-    Advance(90);
-  }
-  EXPECT_EQ(Logged(),
-            "513 "
-            "dtor: 0.010 of 0.1 secs (10.00%) for 1 ops (10,000.0 uSec/op)"
-            "\n");
-}
-
-TEST_F(ProfilerTest, ResetClearsTheCounters) {
-  TProfiler p("r", 0);
-  RunProfile(p, 5, 100, 1000);
-  p.Reset();
-  RunProfile(p, 1, 30, 300);
-  p.Report(0);
-  EXPECT_EQ(Logged(),
-            "513 "
-            "r: 0.030 of 0.3 secs (10.00%) for 1 ops (30,000.0 uSec/op)"
-            "\n");
-}
-
-TEST_F(ProfilerTest, StopWithoutStartAsserts) {
-  TProfiler p("neg", 0);
-  p.Stop();
-  EXPECT_EQ(Asserted(), "timer-303");
-  p.Start();  // back to depth 0 without a busy span
-  p.Start();
-  Advance(10);
-  p.Stop();
-  EXPECT_EQ(Asserted(), "timer-303");
-  p.Report(1);
-  EXPECT_EQ(Logged(),
-            "513 "
-            "neg: 0.010 of 0.0 secs (100.00%) for 2 ops (5,000.0 uSec/op)"
-            "\n");
 }
 
 TEST_F(ProfilerTest, ReportAllReportsNewestFirstAndEmptiesTheRegistry) {

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "quarnel/fileio/internal/fileat.h"
 #include "quarnel/fileio/internal/locpath.h"
 #include "quarnel/fileio/tlochandle.h"
 #include "quarnel/fileio/tvol.h"
@@ -93,6 +94,34 @@ int TFile::Read(unsigned* count, unsigned char* buffer) {
   *count = read;
   return read == 0 ? kErrEndOfFile : 0;
 }
+
+namespace quarnel_internal {
+
+int FileReadAt(TFile* file, std::int64_t offset, const UFileSpan* spans, int count) {
+  unsigned want = 0;
+  for (int i = 0; i < count; ++i) want += spans[i].count;
+  unsigned read = 0;
+  if (!UReadFileAt(file->Handle(), spans, count, static_cast<std::uint64_t>(offset), &read)) {
+    const unsigned winerr = UGetLastError();
+    TFileLoc loc;
+    file->GetFileLoc(&loc);
+    return MapAndLogErr(&loc.Path(), "TFile::Read: ReadFile failed", winerr);
+  }
+  return read == want ? 0 : kErrEndOfFile;
+}
+
+int FileWriteAt(TFile* file, std::int64_t offset, const UFileSpan* spans, int count) {
+  unsigned written = 0;
+  if (!UWriteFileAt(file->Handle(), spans, count, static_cast<std::uint64_t>(offset), &written)) {
+    const unsigned winerr = UGetLastError();
+    TFileLoc loc;
+    file->GetFileLoc(&loc);
+    return MapAndLogErr(&loc.Path(), "TFile::Write: WriteFile failed", winerr);
+  }
+  return 0;
+}
+
+}  // namespace quarnel_internal
 
 int TFile::Read(unsigned* count, TMemory* block) {
   if (count == nullptr || block == nullptr) return NullArgument("TFile::Read");

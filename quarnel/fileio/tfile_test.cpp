@@ -242,10 +242,7 @@ TEST_F(Files, LockAttributesInfoAndSameness) {
   EXPECT_EQ(info.GetSize(), 8u);
   EXPECT_EQ(info.linkCount, 1u);
   unsigned serial = 0;
-  TVol c;
-  TString root(u"C:\\");
-  c.Set(&root, 1);
-  ASSERT_EQ(c.GetSerialNo(&serial), 0);
+  ASSERT_EQ(VolAt(u"C:\\").GetSerialNo(&serial), 0);
   EXPECT_EQ(info.volumeSerial, serial);
   TString name;
   EXPECT_EQ(f.GetName(&name), 0);

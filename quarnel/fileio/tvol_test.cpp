@@ -55,15 +55,12 @@ TEST_F(Volumes, SetFollowsTheNameRulesQuirksIncluded) {
   EXPECT_EQ(Utf8(VolAt(u"", 0).Path()), "\\");
   // Locations: the volume path the platform gives, through Set(path, 1);
   // without one (a share that is not there) the location's own path.
-  TFolderLoc folder;
-  TString deep(u"c:\\Data\\x");
-  folder.SetPath(&deep);
+  TFolderLoc folder = FolderAt(u"c:\\Data\\x");
   TVol v;
   EXPECT_EQ(v.Set(&folder), 0);
   EXPECT_EQ(Utf8(v.Path()), "C:\\");
   EXPECT_TRUE(v == folder);
-  TString share(u"\\\\srv\\share\\x");
-  folder.SetPath(&share);
+  folder = FolderAt(u"\\\\srv\\share\\x");
   EXPECT_EQ(v.Set(&folder), 0);
   EXPECT_EQ(Utf8(v.Path()), "\\\\srv\\share\\");
 }
@@ -120,9 +117,7 @@ TEST_F(Volumes, InformationComesFromTheDriveFolder) {
   EXPECT_EQ(ci.maxComponentLength, 255u);
   // A folder refreshes the record of its volume only when asked or when it
   // describes another one.
-  TFolderLoc onD;
-  TString p(u"D:\\x");
-  onD.SetPath(&p);
+  TFolderLoc onD = FolderAt(u"D:\\x");
   NativVolInfo cached = ci;
   EXPECT_EQ(onD.SubInfoUpdate(&cached, 0), 0);
   EXPECT_EQ(Utf8(cached.name), "Renamed");
@@ -279,9 +274,7 @@ TEST_F(Volumes, LocalVolumesAndSharesOnTheMap) {
   unsigned flags = 0;
   EXPECT_EQ(share.GetFlags(&flags, 0), 0);
   EXPECT_EQ(flags, kVolRemote);
-  TFolderLoc dir;
-  TString p(u"\\\\SRV\\share\\DIR");
-  dir.SetPath(&p);
+  TFolderLoc dir = FolderAt(u"\\\\SRV\\share\\DIR");
   EXPECT_TRUE(dir.Exists());
   // The platform names the share's root "\\srv\share\", which Set(path, 1)
   // does not take: the location's volume stays as it was.

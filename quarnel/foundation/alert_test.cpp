@@ -60,6 +60,18 @@ std::string Calls() {
   return out;
 }
 
+// Hooks that record their call as slot `kSlot` and answer `kAnswer`.
+template <int kSlot>
+int Plain(const TString* format, const Args* args) {
+  g_calls.push_back({kSlot, -1, Text(format), Words(args)});
+  return 0;
+}
+template <int kSlot, int kAnswer>
+int Styled(int style, const TString* format, const Args* args) {
+  g_calls.push_back({kSlot, style, Text(format), Words(args)});
+  return kAnswer;
+}
+
 class AlertTest : public RecordingTest {
  protected:
   void SetUp() override {
@@ -88,7 +100,15 @@ class AlertTest : public RecordingTest {
   }
 };
 
-TEST_F(AlertTest, DefaultsWithoutHooks) {
+std::vector<std::intptr_t> g_settings;
+
+template <int kAnswer>
+int NoteSetting(std::intptr_t value) {
+  g_settings.push_back(value);
+  return kAnswer;
+}
+
+TEST_F(AlertTest, DefaultsWithoutHooksAndTheLogSettingHooks) {
   TString s(u"script");
   EXPECT_EQ(GetThreadCount(), 1);
   EXPECT_EQ(TriggerScript(&s, &s, &s, &s, 1, 2), 0);
@@ -109,31 +129,17 @@ TEST_F(AlertTest, DefaultsWithoutHooks) {
   EXPECT_EQ(DebugLogf(kLogPlatform, &wide, 3), 0);
   EXPECT_EQ(Logged() + Asserted(), "");
   EXPECT_TRUE(g_boxes.empty());
-}
 
-std::vector<std::intptr_t> g_settings;
-
-TEST_F(AlertTest, LogSettingHooksPassTheirArgumentThrough) {
-  HookDebugLogGet([](std::intptr_t v) {
-    g_settings.push_back(v);
-    return 11;
-  });
-  HookDebugLogSet([](std::intptr_t v) {
-    g_settings.push_back(v);
-    return 12;
-  });
-  HookDebugLogTest([](std::intptr_t v) {
-    g_settings.push_back(v);
-    return 13;
-  });
+  // The log setting hooks get their argument as it is.
+  HookDebugLogGet(NoteSetting<11>);
+  HookDebugLogSet(NoteSetting<12>);
+  HookDebugLogTest(NoteSetting<13>);
   g_settings.clear();
   const std::intptr_t big = static_cast<std::intptr_t>(0x123456789ABCLL);
   EXPECT_EQ(DebugLogGet(big), 11);
   DebugLogSet(-5);
   EXPECT_EQ(DebugLogTest(519), 13);
   EXPECT_EQ(g_settings, (std::vector<std::intptr_t>{big, -5, 519}));
-  HookDebugLogGet(nullptr);
-  EXPECT_EQ(DebugLogGet(big), 0);
 }
 
 TEST_F(AlertTest, PrefixesAndStyleWordsOfTheCaseFile) {
@@ -221,14 +227,8 @@ TEST_F(AlertTest, HeadlessBoxAnswersTheDefaultButton) {
 }
 
 TEST_F(AlertTest, AlertHooksReceiveFormatStyleAndArguments) {
-  HookAlertf(0, [](const TString* f, const Args* a) {
-    g_calls.push_back({0, -1, Text(f), Words(a)});
-    return 0;
-  });
-  HookAlertf(1, [](int style, const TString* f, const Args* a) {
-    g_calls.push_back({1, style, Text(f), Words(a)});
-    return 0;
-  });
+  HookAlertf(0, Plain<0>);
+  HookAlertf(1, Styled<1, 0>);
   const TString format(u"!%d of %d");
   Alertf(&format, 3, 4);
   Alertf(0x30, &format, 5);
@@ -242,61 +242,41 @@ TEST_F(AlertTest, AlertHooksReceiveFormatStyleAndArguments) {
 
   // A hook of the other kind is adapted to its slot.
   g_calls.clear();
-  HookAlertf(0, [](int style, const TString* f, const Args* a) {
-    g_calls.push_back({10, style, Text(f), Words(a)});
-    return 0;
-  });
-  HookAlertf(1, [](const TString* f, const Args* a) {
-    g_calls.push_back({11, -1, Text(f), Words(a)});
-    return 0;
-  });
+  HookAlertf(0, Styled<10, 0>);
+  HookAlertf(1, Plain<11>);
   Alertf(&format, 1);
   Alertf(0x200, &format, 2);
   EXPECT_EQ(Calls(), "10 0 !%d of %d 1; 11 -1 !%d of %d 2");
 
-  // Null restores the default box.
+  // Null restores the default box, which formats at most ten words: an
+  // eleventh conversion has no argument and prints as 0.
   HookAlertf(0, nullptr);
   HookAlertf(1, nullptr);
-  Alertf(&format, 1, 2);
+  const TString eleven(u"!%d %d %d %d %d %d %d %d %d %d %d");
+  Alertf(&eleven, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11);
   Alertf(0x202, &format, 1, 2);
   ASSERT_EQ(g_boxes.size(), 2u);
-  EXPECT_EQ(g_boxes[0].text, "1 of 2");
+  EXPECT_EQ(g_boxes[0].text, "1 2 3 4 5 6 7 8 9 10 0");
+  EXPECT_EQ(g_boxes[1].text, "1 of 2");
   EXPECT_EQ(g_boxes[0].style, 0x30u | 0x50000u);
   EXPECT_EQ(g_boxes[1].style, kMbYesNo | 0x30u | 0x50000u);
   EXPECT_TRUE(Assertions().empty());
 }
 
-TEST_F(AlertTest, DefaultBoxFormatsAtMostTenWords) {
-  const TString format(u"%d %d %d %d %d %d %d %d %d %d %d");
-  Alertf(&format, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11);
-  ASSERT_EQ(g_boxes.size(), 1u);
-  // The eleventh conversion has no argument and prints as 0.
-  EXPECT_EQ(g_boxes[0].text, "1 2 3 4 5 6 7 8 9 10 0");
-}
-
+// Two alert slots and four query slots; any other index asserts, once for
+// the hook and once for taking it away.
 TEST_F(AlertTest, HookIndexOutOfRangeAsserts) {
-  AlertfProc alert = [](const TString*, const Args*) { return 0; };
-  QueryfProc query = [](int, const TString*, const Args*) { return 0; };
-  struct Row {
-    bool isQuery;
-    int index;
-    int line;  // 0: no assertion
-  };
-  const Row rows[] = {{false, 0, 0},   {false, 1, 0},     {false, 2, 45},     {false, -1, 45},
-                      {false, 15, 45}, {false, 1000, 45}, {true, 0, 0},       {true, 3, 0},
-                      {true, 4, 58},   {true, -7, 58},    {true, 1 << 30, 58}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(testing::Message() << (row.isQuery ? "query " : "alert ") << row.index);
+  const std::string alert = "alert-45 alert-45", both = alert + " alert-58 alert-58";
+  const std::pair<int, std::string> rows[] = {{-1, both}, {0, ""},   {1, ""},        {2, alert},
+                                              {3, alert}, {4, both}, {1 << 30, both}};
+  for (const auto& [index, expected] : rows) {
+    SCOPED_TRACE(index);
     ClearRecords();
-    if (row.isQuery) {
-      HookQueryf(row.index, query);
-      HookQueryf(row.index, nullptr);
-    } else {
-      HookAlertf(row.index, alert);
-      HookAlertf(row.index, nullptr);
-    }
-    const std::string seen = row.line ? "alert-" + std::to_string(row.line) : "";
-    EXPECT_EQ(Asserted(), row.line ? seen + " " + seen : "");
+    HookAlertf(index, [](const TString*, const Args*) { return 0; });
+    HookAlertf(index, nullptr);
+    HookQueryf(index, [](int, const TString*, const Args*) { return 0; });
+    HookQueryf(index, nullptr);
+    EXPECT_EQ(Asserted(), expected);
   }
 }
 
@@ -339,10 +319,7 @@ TEST_F(AlertTest, InputQueryHooksGetTheirArguments) {
     g_calls.push_back({2, style, (date ? "date|" : "null|") + Text(f), Words(a)});
     return -1202;
   });
-  HookQueryf(3, [](int style, const TString* f, const Args* a) {
-    g_calls.push_back({3, style, Text(f), Words(a)});
-    return -1206;
-  });
+  HookQueryf(3, Styled<3, -1206>);
   unsigned choice = 0;
   TString choices(u"x|y|z");
   TString text;
@@ -388,7 +365,7 @@ TEST_F(AlertTest, ScriptAndThreadHooks) {
   EXPECT_EQ(GetThreadCount(), 1);
 }
 
-TEST_F(AlertTest, EnumThreadsDefaultDescribesTheCallingThread) {
+TEST_F(AlertTest, ThreadHooksDefaultToTheCallingThread) {
   TThdDescriptor mine;
   mine.name = u"stale";
   mine.threadId = 12345;
@@ -411,9 +388,8 @@ TEST_F(AlertTest, EnumThreadsDefaultDescribesTheCallingThread) {
   EXPECT_EQ(EnumThreads(4, &mine), 0);
   EXPECT_EQ(Utf8(mine.name), "worker");
   EXPECT_EQ(mine.threadId, 4u);
-}
 
-TEST_F(AlertTest, TextOutHookIsPerThread) {
+  // The text-out hook is the calling thread's own.
   UserTextOutWProc proc = [](void*, int, int, const char16_t*, int) { return 1; };
   HookUserTextOutW(proc);
   EXPECT_EQ(UserTextOutW(), proc);

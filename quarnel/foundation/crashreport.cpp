@@ -115,6 +115,7 @@ struct State {
   UThreadContext contexts[kMaxThreads];
   unsigned errors[kMaxThreads];
   quarnel_internal::WalkFrame frames[kMaxFrames];
+  std::uintptr_t unwoundIps[kMaxFrames], unwoundFps[kMaxFrames];  // UUnwindStack's answer
   char symbol[1024];
   char demangled[1024];
   // The symbol map of the module last asked for.
@@ -235,6 +236,18 @@ bool IsFourCharCode(std::uint32_t v) {
   return true;
 }
 
+// The thread's frames by the system's unwind tables where it has them, by
+// the frame-pointer chain otherwise.
+int WalkThread(const UThreadContext& c, quarnel_internal::WalkFrame* frames, int max) {
+  std::uintptr_t* ips = g_state.unwoundIps;
+  std::uintptr_t* fps = g_state.unwoundFps;
+  const int n = UUnwindStack(c, ips, fps, max < kMaxFrames ? max : kMaxFrames);
+  if (n < 0) return quarnel_internal::WalkStack(c.rip, c.rbp, frames, max);
+  for (int i = 0; i < n; ++i)
+    frames[i] = quarnel_internal::WalkFrame{ips[i], fps[i], UMemoryAccessible(fps[i], 48, true)};
+  return n;
+}
+
 void WriteFrames(const UThreadContext& c) {
   Break(2);
   Line("Module           Fn (symbol or seg:offset in DLL)   Args");
@@ -243,7 +256,7 @@ void WriteFrames(const UThreadContext& c) {
       "===============  =================================  "
       "=======================================================================");
   Break();
-  const int n = quarnel_internal::WalkStack(c.rip, c.rbp, g_state.frames, kMaxFrames);
+  const int n = WalkThread(c, g_state.frames, kMaxFrames);
   for (int i = 0; i < n; ++i) {
     const quarnel_internal::WalkFrame& f = g_state.frames[i];
     const UModuleInfo* module = UModuleOf(f.ip);

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <iterator>
 #include <set>
 #include <string>
 #include <thread>
@@ -39,7 +38,6 @@ class ErrorTest : public RecordingTest {
 // logs, and the line MapAndLogErr adds at the level of the class.
 TEST_F(ErrorTest, EveryNumberOfTheTable) {
   const auto rows = ReadTsv("error_map.tsv");
-  ASSERT_EQ(rows.size(), 185u);
   for (const auto& f : rows) {
     SCOPED_TRACE(f[0] + " " + f[1]);
     const std::string kind = f[0] == "W" ? "Windows" : "CDL";

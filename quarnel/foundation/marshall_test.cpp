@@ -72,6 +72,8 @@ TEST_F(MarshallTest, InitPersistAssertsOnMalformedHeaderAndStoresAnyway) {
   EXPECT_EQ(sig >> 24, static_cast<unsigned>('C'));
 }
 
+// The model test below covers valid headers in either byte order against
+// random limits; these pin the limits' edges and the malformed headers.
 TEST_F(MarshallTest, CheckPersistFollowsItsStepsInOrder) {
   struct Row {
     const char* name;
@@ -81,8 +83,6 @@ TEST_F(MarshallTest, CheckPersistFollowsItsStepsInOrder) {
     unsigned short current;
     int result;
   } rows[] = {
-      {"same header", Header(kStr, 256, 256), kStr, 256, 256, 0},
-      {"other byte order", Swapped(Header(kStr, 256, 256)), kStr, 256, 256, -690},
       {"version too old", Header(kStr, 255, 255), kStr, 256, 256, -693},
       {"version 255 compatible 1", Header(kStr, 1, 255), kStr, 256, 256, -693},
       {"needs newer reader", Header(kStr, 273, 273), kStr, 256, 272, -694},
@@ -92,9 +92,6 @@ TEST_F(MarshallTest, CheckPersistFollowsItsStepsInOrder) {
       {"compatible 0", Header(kStr, 0, 256), kStr, 1, 1000, -691},
       {"version negative", Header(kStr, 1, -5), kStr, 1, 1000, -691},
       {"other signature", Header(0x4466682Eu, 256, 256), kStr, 256, 256, -692},
-      {"too old wins over too new", Header(kStr, 300, 200), kStr, 256, 256, -693},
-      {"swapped and too old", Swapped(Header(kStr, 1, 16)), kStr, 256, 256, -693},
-      {"swapped and too new", Swapped(Header(kStr, 273, 300)), kStr, 256, 272, -694},
       {"swapped 1 reads as 256", Swapped(Header(kStr, 1, 1)), kStr, 256, 256, -693},
       // Versions are checked as stored before the swap: 255 swapped is
       // 0xFF00, negative as a signed 16-bit field.

@@ -462,9 +462,10 @@ bool TMemory::heapResize(unsigned newAligned, Change* change) {
         static_cast<long long>(newAligned) - static_cast<long long>(Aligned(size_));
   }
   data_ = static_cast<unsigned char*>(p);
-  // The heap may hand back bytes it held before beyond the old size: treat
-  // the whole block as possibly dirty, so that growth always clears.
-  dirty_ = 0xFFFFFFFFu;
+  // A new block comes zeroed beyond the bytes copied into it; a reallocated
+  // one may hand back bytes it held before beyond the old size: treat it as
+  // possibly dirty throughout, so that growth always clears.
+  dirty_ = fromInline ? std::min(newAligned, size_) : 0xFFFFFFFFu;
   return true;
 }
 

@@ -203,25 +203,8 @@ TEST_F(TMemoryTest, StorageFollowsTheSize) {
   EXPECT_EQ(Asserted(), "");
 }
 
-TEST_F(TMemoryTest, SameAlignedSizeKeepsBytes) {
-  // Inline: a size in the same 8-byte step only records the size; another
-  // step clears the bytes past the size.
-  TMemory a(1);
-  ASSERT_EQ(a.SetSize(7), 0);
-  std::memset(a.MemPtr(), 0xAA, 7);
-  ASSERT_EQ(a.SetSize(5), 0);
-  ASSERT_EQ(a.SetSize(7), 0);
-  EXPECT_EQ(a.MemPtr()[6], 0xAA);
-  ASSERT_EQ(a.SetSize(3), 0);
-  ASSERT_EQ(a.SetSize(9), 0);
-  EXPECT_EQ(a.MemPtr()[2], 0xAA);
-  EXPECT_EQ(FirstNonZero(a, 3, 9), -1);
-
-  // Heap and virtual storage alike: the model test resizes within a step at
-  // random, and the storage test gives up bytes by shrinking to another step.
-  EXPECT_EQ(Asserted(), "");
-}
-
+// The model test covers the purge order and its targets at random; this pins
+// the amount in the log line and the flags a purged block keeps.
 TEST_F(TMemoryTest, GrowthPastTheAllowancePurgesOldestFirst) {
   // MemAvail(1, 100) is then 100 MiB: a margin of 4 MiB over the 96 MiB kept
   // free.
@@ -230,7 +213,7 @@ TEST_F(TMemoryTest, GrowthPastTheAllowancePurgesOldestFirst) {
   for (TMemory* p : {&p1, &p2, &p3}) {
     ASSERT_EQ(p->SetSize(512 * kKiB), 0);
     Fill(*p, 22);
-    EXPECT_EQ(p->SetFlags(kTMemPurgeable, 0), kTMemPurgeable);
+    EXPECT_EQ(p->SetFlags(kTMemPurgeable | 0x40, 0), kTMemPurgeable | 0x40);
   }
   // need = requested + growth - purgeable; allowance = 60% of (margin -
   // need), here 786,420 bytes: the two oldest blocks go, the third stays.
@@ -238,47 +221,11 @@ TEST_F(TMemoryTest, GrowthPastTheAllowancePurgesOldestFirst) {
   EXPECT_EQ(Logged(), "517 tmemPurgeBlocks: purged 1 K (2 blocks)\n");
   EXPECT_EQ(p1.GetSize() + p2.GetSize(), 0u);
   EXPECT_TRUE(p1.IsInline());
-  EXPECT_EQ(p1.GetFlags(), kTMemPurgeable);  // purged blocks keep the flag
+  EXPECT_EQ(p1.GetFlags(), kTMemPurgeable | 0x40);  // purged blocks keep their flags
   EXPECT_EQ(FirstMismatch(p3, 22, 0, 512 * kKiB), -1);
   ExpectCounters({&p1, &p2, &p3, &x});
-  for (TMemory* p : {&p1, &p2, &p3}) EXPECT_EQ(p->SetFlags(0, kTMemPurgeable), 0u);
+  for (TMemory* p : {&p1, &p2, &p3}) EXPECT_EQ(p->SetFlags(0, ~0u), 0u);
   ExpectCounters({&p1, &p2, &p3, &x});
-}
-
-// The model test covers the order and the targets at random; this pins the
-// log lines, other flags kept, and a block made purgeable again going last.
-TEST_F(TMemoryTest, PurgeEmptiesOldestFirstUntilTheTarget) {
-  std::vector<std::unique_ptr<TMemory>> blocks;
-  std::vector<const TMemory*> all;
-  for (unsigned size : {3000u, 0u, 200u, 700 * kKiB, 2 * kMiB, 5000u}) {
-    blocks.push_back(std::make_unique<TMemory>(static_cast<short>(1)));
-    ASSERT_EQ(blocks.back()->SetSize(size), 0);
-    all.push_back(blocks.back().get());
-  }
-  for (int i : {4, 0, 1, 2, 5}) blocks[i]->SetFlags(kTMemPurgeable | 0x40, 0);
-  EXPECT_EQ(blocks[4]->GetFlags(), kTMemPurgeable | 0x40);
-
-  tmemPurgeBlocks(8200);  // 2 MiB + 8,200 purgeable: only the oldest goes
-  tmemPurgeBlocks(8200);  // a target already met purges nothing, and says so
-  tmemPurgeBlocks(5000);  // blocks 0 and 2 go, the empty block 1 is passed over
-  EXPECT_EQ(Logged(),
-            "517 tmemPurgeBlocks: purged 2 K (1 blocks)\n"
-            "517 tmemPurgeBlocks: purged Zero K (0 blocks)\n"
-            "517 tmemPurgeBlocks: purged 1 K (2 blocks)\n");
-  EXPECT_EQ(blocks[4]->GetSize() + blocks[0]->GetSize() + blocks[2]->GetSize(), 0u);
-  EXPECT_EQ(blocks[5]->GetSize(), 5000u);
-  ExpectCounters(all);
-
-  blocks[0]->SetFlags(0, kTMemPurgeable);
-  ASSERT_EQ(blocks[0]->SetSize(4000), 0);
-  blocks[0]->SetFlags(kTMemPurgeable, 0);
-  tmemPurgeBlocks(4000);  // 9,000 purgeable: block 5 is now older than block 0
-  EXPECT_EQ(blocks[5]->GetSize(), 0u);
-  EXPECT_EQ(blocks[0]->GetSize(), 4000u);
-  ExpectCounters(all);
-  for (auto& b : blocks) b->SetFlags(0, ~0u);
-  ExpectCounters(all);
-  EXPECT_EQ(Asserted(), "");
 }
 
 TEST_F(TMemoryTest, DenialLeavesTheBlockUntouched) {
@@ -426,50 +373,46 @@ TEST_F(TMemoryTest, FailedCallsLeaveTheBlockAsItWas) {
   }
 }
 
+// A platform call refused once or twice: the resize still succeeds, on the
+// heap or in virtual memory, with the bytes it held.
 TEST_F(TMemoryTest, FallbacksWhenThePlatformRefusesOnce) {
   const std::string noPurge = "517 tmemPurgeBlocks: purged Zero K (0 blocks)\n";
-  // The heap refuses twice: the block goes to virtual memory with its bytes.
-  TMemory m(1);
-  ASSERT_EQ(m.SetSize(500), 0);
-  Fill(m, 50);
-  UFailCall(UCall::kHeapAlloc, 1, 8, 2);
-  ASSERT_EQ(m.SetSize(5000), 0);
-  EXPECT_EQ(m.ReservedBytes(), 8 * kMiB);
-  EXPECT_EQ(m.CommittedBytes(), 512 * kKiB);
-  EXPECT_EQ(FirstMismatch(m, 50, 0, 500), -1);
-  EXPECT_EQ(FirstNonZero(m, 500, 5000), -1);
-  EXPECT_EQ(Logged(), noPurge + "516 TMemory::mhalloc: MemHeap[Re]Alloc(5,000) failed\n");
-
-  // Once: the retry gets it.
-  ClearRecords();
-  TMemory h(1);
-  ASSERT_EQ(h.SetSize(900), 0);
-  Fill(h, 51);
-  UFailCall(UCall::kHeapAlloc, 1, 8, 1);
-  ASSERT_EQ(h.SetSize(3000), 0);
-  EXPECT_FALSE(h.IsInline());
-  EXPECT_EQ(h.ReservedBytes(), 0u);
-  EXPECT_EQ(FirstMismatch(h, 51, 0, 900), -1);
-  EXPECT_EQ(Logged(), noPurge);
-
-  // A heap block whose reallocation fails moves to virtual memory.
-  Fill(h, 52);
-  UFailCall(UCall::kHeapReAlloc, 1, 8, 2);
-  ASSERT_EQ(h.SetSize(9000), 0);
-  EXPECT_EQ(h.ReservedBytes(), 8 * kMiB);
-  EXPECT_EQ(FirstMismatch(h, 52, 0, 3000), -1);
-  EXPECT_EQ(FirstNonZero(h, 3000, 9000), -1);
-
-  // The doubled reservation is refused, the bare commitment is not. (With
-  // the machine's ample address space MemAvail reserves nothing.)
-  ClearRecords();
-  TMemory v(1);
-  UFailCall(UCall::kVirtualReserve, 1, 8, 1);
-  ASSERT_EQ(v.SetSize(2 * kMiB), 0);
-  EXPECT_EQ(v.ReservedBytes(), 2 * kMiB);
-  EXPECT_EQ(v.CommittedBytes(), 2 * kMiB);
-  EXPECT_EQ(Logged(), noPurge);
-  ExpectCounters({&m, &h, &v});
+  const struct {
+    unsigned from, to;
+    UCall call;
+    int times;
+    unsigned reserved, committed;
+    std::string lines;
+  } rows[] = {
+      // The heap refuses twice: the block goes to virtual memory.
+      {500, 5000, UCall::kHeapAlloc, 2, 8 * kMiB, 512 * kKiB,
+       noPurge + "516 TMemory::mhalloc: MemHeap[Re]Alloc(5,000) failed\n"},
+      // Once: the retry gets it.
+      {900, 3000, UCall::kHeapAlloc, 1, 0, 0, noPurge},
+      // A heap block whose reallocation fails moves to virtual memory.
+      {3000, 9000, UCall::kHeapReAlloc, 2, 8 * kMiB, 512 * kKiB,
+       noPurge + "516 TMemory::mhalloc: MemHeap[Re]Alloc(9,000) failed\n"},
+      // The doubled reservation is refused, the bare commitment is not. (With
+      // the machine's ample address space MemAvail reserves nothing.)
+      {0, 2 * kMiB, UCall::kVirtualReserve, 1, 2 * kMiB, 2 * kMiB, noPurge},
+  };
+  unsigned seed = 50;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.to);
+    TMemory m(1);
+    ASSERT_EQ(m.SetSize(row.from), 0);
+    Fill(m, ++seed);
+    ClearRecords();
+    UFailCall(row.call, 1, 8, row.times);
+    ASSERT_EQ(m.SetSize(row.to), 0);
+    UClearFaults();
+    EXPECT_EQ(m.ReservedBytes(), row.reserved);
+    EXPECT_EQ(m.CommittedBytes(), row.committed);
+    EXPECT_EQ(FirstMismatch(m, seed, 0, row.from), -1);
+    EXPECT_EQ(FirstNonZero(m, row.from, row.to), -1);
+    EXPECT_EQ(Logged(), row.lines);
+    ExpectCounters({&m});
+  }
 }
 
 TEST_F(TMemoryTest, MisuseAssertsAndGoesOn) {
@@ -534,13 +477,16 @@ TEST_F(TMemoryTest, CopiesTakePriorityAndBytes) {
   ExpectCounters({&source, &target, &big, &small});
 }
 
-// Random operations on a few blocks, checked against a model of their bytes,
-// their purgeable order and the process-wide counters.
+// Random operations on a few blocks, checked against a model of their bytes
+// (a resize within the 8-byte step keeps the bytes past the size; one into
+// another step reads zero there), their purgeable order and the process-wide
+// counters.
 TEST_F(TMemoryTest, RandomOperationsMatchTheModel) {
   std::mt19937 rng(12345);
   constexpr int kBlocks = 6;
   struct Model {
     std::vector<unsigned char> bytes;
+    std::vector<unsigned char> past;  // known bytes past the size, within its 8-byte step
     bool purgeable = false;
   };
   std::vector<std::unique_ptr<TMemory>> blocks;
@@ -553,7 +499,7 @@ TEST_F(TMemoryTest, RandomOperationsMatchTheModel) {
   }
   const unsigned limits[] = {1, 1025, kMiB, 3 * kMiB, 64};
 
-  for (int step = 0; step < 400; ++step) {
+  for (int step = 0; step < 1500; ++step) {
     SCOPED_TRACE(step);
     const int i = static_cast<int>(rng() % kBlocks);
     TMemory& m = *blocks[i];
@@ -563,22 +509,31 @@ TEST_F(TMemoryTest, RandomOperationsMatchTheModel) {
       case 1: {  // resize and write
         if (mm.purgeable) break;
         unsigned size = rng() % limits[rng() % 5];
-        if (rng() % 4 == 0) size = m.GetSize() + (rng() % 16) - std::min(m.GetSize(), 8u);
+        if (rng() % 2 == 0 && m.GetSize() != 0) {  // within its 8-byte step
+          const unsigned back = static_cast<unsigned>(mm.past.size());
+          size = back != 0 ? m.GetSize() + 1 + rng() % back : Align8(m.GetSize()) - 7 + rng() % 8;
+        }
         const unsigned old = m.GetSize();
         ASSERT_EQ(m.SetSize(size), 0);
         const unsigned keep = std::min(old, size);
-        if (keep != 0) {
-          ASSERT_EQ(std::memcmp(m.MemPtr(), mm.bytes.data(), keep), 0);
+        ASSERT_TRUE(std::equal(mm.bytes.begin(), mm.bytes.begin() + keep, m.MemPtr()));
+        if (Align8(size) != Align8(old)) {
+          mm.past.clear();
+          if (size > old) {
+            ASSERT_EQ(FirstNonZero(m, old, size), -1);
+          }
+        } else if (size < old) {  // shrunk within its 8-byte step: the bytes stay
+          mm.past.insert(mm.past.begin(), mm.bytes.begin() + size, mm.bytes.end());
+        } else {  // grown within its step: the bytes it kept come back
+          const std::size_t known = std::min<std::size_t>(size - old, mm.past.size());
+          ASSERT_TRUE(std::equal(mm.past.begin(), mm.past.begin() + known, m.MemPtr() + old));
+          mm.bytes.insert(mm.bytes.end(), m.MemPtr() + old, m.MemPtr() + size);
+          mm.past.erase(mm.past.begin(), mm.past.begin() + known);
         }
         mm.bytes.resize(size);
-        if (size > old) {
-          if (Align8(size) != Align8(old)) {
-            ASSERT_EQ(FirstNonZero(m, old, size), -1);
-          } else {  // the same 8-byte step: the bytes past the old size are kept as they were
-            std::memcpy(mm.bytes.data() + old, m.MemPtr() + old, size - old);
-          }
-        }
-        for (unsigned k = 0; k < size; k += 1 + rng() % 4096) {
+        // Bytes here and there, and every one of the last eight.
+        for (unsigned k = 0; k < size;
+             k += k + 8 < size ? std::min<unsigned>(1 + rng() % 4096, size - 8 - k) : 1) {
           m.MemPtr()[k] = mm.bytes[k] = static_cast<unsigned char>(rng());
         }
         break;
@@ -617,12 +572,14 @@ TEST_F(TMemoryTest, RandomOperationsMatchTheModel) {
         if (mm.purgeable || model[j].purgeable) break;
         m = *blocks[j];
         mm.bytes = model[j].bytes;
+        mm.past.clear();
         break;
       }
       default:
         if (!mm.purgeable) {
           m.Zero();
           std::fill(mm.bytes.begin(), mm.bytes.end(), 0);
+          mm.past.clear();
         }
         break;
     }

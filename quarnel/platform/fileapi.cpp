@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <memory>
@@ -287,7 +288,103 @@ int Transfer(UFileObject* f, char* buffer, unsigned count, unsigned* done, bool 
   return 1;
 }
 
+constexpr int kMaxSpans = 16;
+
+// The spans as an I/O vector without empty pieces; false (87 or 998 set)
+// when they are too many, too long together, or a piece has no memory.
+bool SpanVector(const UFileSpan* spans, int count, iovec* out, int* pieces) {
+  if (count < 0 || count > kMaxSpans || (spans == nullptr && count > 0)) {
+    USetLastError(kWinInvalidParameter);
+    return false;
+  }
+  std::uint64_t total = 0;
+  *pieces = 0;
+  for (int i = 0; i < count; ++i) {
+    if (spans[i].count == 0) continue;
+    if (spans[i].data == nullptr) {
+      USetLastError(998);
+      return false;
+    }
+    total += spans[i].count;
+    out[(*pieces)++] = iovec{spans[i].data, spans[i].count};
+  }
+  if (total > 0xFFFFFFFFu) {
+    USetLastError(kWinInvalidParameter);
+    return false;
+  }
+  return true;
+}
+
+// Transfer at a position, through an I/O vector (advanced as it goes).
+int TransferAt(UFileObject* f, iovec* iov, int pieces, std::uint64_t offset, unsigned* done,
+               bool write) {
+  unsigned moved = 0;
+  int first = 0;
+  while (first < pieces) {
+    const auto at = static_cast<off_t>(offset + moved);
+    const ssize_t n = write ? ::pwritev(f->fd, iov + first, pieces - first, at)
+                            : ::preadv(f->fd, iov + first, pieces - first, at);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 || (n == 0 && write)) {
+      *done = moved;
+      USetLastError(n == 0 ? 112u : UWinErrorFromErrno(errno));
+      return 0;
+    }
+    if (n == 0) break;
+    moved += static_cast<unsigned>(n);
+    auto left = static_cast<std::size_t>(n);
+    while (first < pieces && left >= iov[first].iov_len) left -= iov[first++].iov_len;
+    if (first < pieces) {
+      iov[first].iov_base = static_cast<char*>(iov[first].iov_base) + left;
+      iov[first].iov_len -= left;
+    }
+  }
+  *done = moved;
+  return 1;
+}
+
 }  // namespace
+
+namespace {
+
+// A positioned call: the handle and the spans checked, then the transfer;
+// a write is recorded on the simulated disk as one write of all its bytes.
+int PositionedCall(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
+                   unsigned* done, bool write) {
+  if (done) *done = 0;
+  UFileObject* f = write ? DataFile(file, UCall::kWriteFile, kAccessWrite)
+                         : DataFile(file, UCall::kReadFile, kAccessRead);
+  iovec iov[kMaxSpans];
+  int pieces = 0;
+  if (f == nullptr || !SpanVector(spans, count, iov, &pieces)) return 0;
+  unsigned moved = 0;
+  int ok = 0;
+  if (!write || !DiskRecording()) {
+    ok = TransferAt(f, iov, pieces, offset, &moved, write);
+  } else {
+    DiskTouch(f->host);
+    std::string bytes;
+    for (int i = 0; i < pieces; ++i)
+      bytes.append(static_cast<const char*>(iov[i].iov_base), iov[i].iov_len);
+    iovec whole{bytes.data(), bytes.size()};
+    ok = TransferAt(f, &whole, bytes.empty() ? 0 : 1, offset, &moved, true);
+    DiskNoteWrite(f->host, offset, bytes.data(), moved);
+  }
+  if (done) *done = moved;
+  return ok;
+}
+
+}  // namespace
+
+int UReadFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
+                unsigned* read) {
+  return PositionedCall(file, spans, count, offset, read, false);
+}
+
+int UWriteFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
+                 unsigned* written) {
+  return PositionedCall(file, spans, count, offset, written, true);
+}
 
 int UReadFile(UHANDLE file, void* buffer, unsigned count, unsigned* read) {
   if (read) *read = 0;

@@ -134,6 +134,23 @@ QUARNEL_API UHANDLE UCreateFile(const char16_t* path, unsigned access, unsigned 
 QUARNEL_API int UReadFile(UHANDLE file, void* buffer, unsigned count, unsigned* read);
 // Writes `count` bytes at the position; *written is what reached the file.
 QUARNEL_API int UWriteFile(UHANDLE file, const void* buffer, unsigned count, unsigned* written);
+// A piece of memory for the positioned calls: `count` bytes at `data`.
+struct UFileSpan {
+  void* data;
+  unsigned count;
+};
+// ReadFile at a position: reads into the `spans` (at most 16) in order from
+// `offset`, fewer bytes only at the end of the file; *read is the total
+// (which must fit in 32 bits). The handle's position afterwards is
+// unspecified. The fault seam's kReadFile applies.
+QUARNEL_API int UReadFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
+                            unsigned* read);
+// WriteFile at a position: writes the `spans` (at most 16) in order from
+// `offset`; *written is what reached the file. The handle's position
+// afterwards is unspecified. The fault seam's kWriteFile applies; the
+// simulated disk records it as one write.
+QUARNEL_API int UWriteFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
+                             unsigned* written);
 // Moves by the 64-bit distance (`high` null: the sign-extended low half) from
 // the method's origin; returns the new position's low half and puts the high
 // half in *high. Failure: kInvalidSetFilePointer with the last error set (131

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <fstream>
 #include <map>
+#include <numeric>
 #include <random>
 #include <set>
 #include <sstream>
@@ -338,6 +339,50 @@ TEST_F(FileApi, PositionsAreSixtyFourBitsWide) {
   EXPECT_EQ(ErrorOf([] { return UCloseHandle(reinterpret_cast<UHANDLE>(0x12345)); }), 6u);
 }
 
+// Positioned reads and writes of scattered pieces against a model of the
+// file's bytes; a read past the end comes back short.
+TEST_F(FileApi, PositionedCallsScatterAndGatherPieces) {
+  const UHANDLE h = Open(u"C:\\at.bin", kGenericRead | kGenericWrite, 0, kCreateAlways);
+  ASSERT_NE(h, kInvalidHandleValue);
+  std::mt19937 rng(7);
+  std::string model;
+  for (int step = 0; step < 300; ++step) {
+    const std::uint64_t at = rng() % (model.size() + 40);
+    std::vector<std::string> pieces(1 + rng() % 4);
+    std::vector<UFileSpan> spans;
+    for (std::string& p : pieces) {
+      p.assign(rng() % 30, '\0');
+      for (char& c : p) c = static_cast<char>('a' + rng() % 26);
+      spans.push_back(UFileSpan{p.data(), static_cast<unsigned>(p.size())});
+    }
+    const auto count = static_cast<int>(spans.size());
+    unsigned done = 0;
+    if (rng() % 2) {
+      const std::string all = std::accumulate(pieces.begin(), pieces.end(), std::string());
+      ASSERT_TRUE(UWriteFileAt(h, spans.data(), count, at, &done));
+      ASSERT_EQ(done, all.size());
+      if (all.empty()) continue;
+      if (model.size() < at + all.size()) model.resize(at + all.size(), '\0');
+      model.replace(at, all.size(), all);
+    } else {
+      ASSERT_TRUE(UReadFileAt(h, spans.data(), count, at, &done));
+      std::string got;
+      for (const std::string& p : pieces) got += p;
+      ASSERT_EQ(done, at < model.size() ? std::min(got.size(), model.size() - at) : 0u);
+      if (done > 0) {
+        ASSERT_EQ(got.substr(0, done), model.substr(at, done));
+      }
+    }
+  }
+  UFileSpan many[17] = {};
+  unsigned done = 0;
+  EXPECT_EQ(ErrorOf([&] { return UReadFileAt(h, many, 17, 0, &done); }), 87u);
+  many[0].count = 1;
+  EXPECT_EQ(ErrorOf([&] { return UWriteFileAt(h, many, 1, 0, &done); }), 998u);
+  UCloseHandle(h);
+  EXPECT_EQ(ReadHost(Host(u"C:\\at.bin")), model);
+}
+
 TEST_F(FileApi, AccessOfAHandleLimitsWhatItDoes) {
   WriteHost(Host(u"C:\\r.txt"), "abc");
   const UHANDLE r = Open(u"C:\\r.txt", kModeRead, kFileShareRead, kOpenExisting);
@@ -479,6 +524,16 @@ TEST_F(FileApi, FaultSeamFailsEachCall) {
        }},
       {UCall::kReadFile, [&] { return UReadFile(h, buf, 4, &n) != 0; }},
       {UCall::kWriteFile, [&] { return UWriteFile(h, "abcd", 4, &n) != 0; }},
+      {UCall::kReadFile,
+       [&] {
+         const UFileSpan span{buf, 4};
+         return UReadFileAt(h, &span, 1, 0, &n) != 0;
+       }},
+      {UCall::kWriteFile,
+       [&] {
+         const UFileSpan span{const_cast<char*>("abcd"), 4};
+         return UWriteFileAt(h, &span, 1, 4, &n) != 0;
+       }},
       {UCall::kSetFilePointer, [&] { return USetFilePointer(h, 0, nullptr, kFileEnd) == 8; }},
       {UCall::kSetEndOfFile, [&] { return USetEndOfFile(h) != 0; }},
       {UCall::kFlushFileBuffers, [&] { return UFlushFileBuffers(h) != 0; }},

@@ -259,12 +259,25 @@ int MoveReplacing(const char16_t* from, const char16_t* to, bool copyAllowed) {
     target = dst.host;
   }
   if (!folder && DeleteDenied(src.host)) return Refuse(kWinSharingViolation);
-  if (::rename(src.host.c_str(), target.c_str()) == 0) return 1;
+  // As in UMoveFile: the simulated disk sees the source deleted and the
+  // target written whole.
+  const bool note = !folder && target != src.host;
+  if (note) {
+    DiskTouch(src.host);
+    DiskTouch(target);
+  }
+  const auto noteMove = [&] {
+    if (!note) return 1;
+    DiskNoteWhole(target);
+    DiskNoteDelete(src.host);
+    return 1;
+  };
+  if (::rename(src.host.c_str(), target.c_str()) == 0) return noteMove();
   if (errno != EXDEV) return Refuse(UWinErrorFromErrno(errno, true));
   if (folder || !copyAllowed) return Refuse(kWinNotSameDevice);
   if (const unsigned err = CopyResolved(from, to, src, 0)) return Refuse(err);
   if (::unlink(src.host.c_str()) != 0) return Refuse(UWinErrorFromErrno(errno));
-  return 1;
+  return noteMove();
 }
 
 }  // namespace

@@ -271,23 +271,29 @@ std::string CounterFile(int n) {
   return s;
 }
 
-int CountForever(void* start) {
-  for (int i = *static_cast<int*>(start);; ++i)
+// Counts on from the file's counter, forever.
+int CountForever(void*) {
+  char16_t now[32];
+  UGetPrivateProfileString(u"Main", u"counter", u"0", now, 32, kFile);
+  for (int i = std::stoi(Utf8(now)) + 1;; ++i)
     UWritePrivateProfileString(u"Main", u"counter", Utf16(std::to_string(i)).c_str(), kFile);
 }
 
 // A writer killed at random moments leaves the file whole, holding the
-// value it had or a later one.
+// value it had or a later one. On Windows the writer is the test started
+// again, which passes through the earlier rounds to its own; it takes a
+// while to start, so fewer rounds and later kills there.
 TEST_F(ProfileTest, KilledWriterLeavesTheOldOrTheNewFile) {
-  QUARNEL_LINUX_ONLY("the writer is a fork; on Windows the test started again rewrites the file");
-  Put(CounterFile(0));
+  if (!UTestChild::InChild()) Put(CounterFile(0));
+  const int rounds = kOnWindows ? 30 : 300;
+  const unsigned startUs = kOnWindows ? 200000 : 0;
   std::mt19937 rng(7);
   int last = 0, advanced = 0, tempsLeft = 0;
-  for (int round = 0; round < 300; ++round) {
-    int start = last + 1;
+  for (int round = 0; round < rounds; ++round) {
     UTestChild child;
-    ASSERT_EQ(child.Spawn(CountForever, &start), 0);
-    std::this_thread::sleep_for(std::chrono::microseconds(rng() % 20000));
+    ASSERT_EQ(child.Spawn(CountForever, nullptr), 0);
+    if (UTestChild::InChild()) continue;
+    std::this_thread::sleep_for(std::chrono::microseconds(startUs + rng() % 20000));
     child.Kill();
     tempsLeft += !NoTempLeft();
     const int now = std::stoi(Utf8(Get(u"Main", u"counter")));
@@ -296,7 +302,8 @@ TEST_F(ProfileTest, KilledWriterLeavesTheOldOrTheNewFile) {
     advanced += now > last;
     last = now;
   }
-  std::printf("[          ] 300 kills: %d after a new value, %d amid a write, %d writes\n",
+  EXPECT_GT(advanced, 0);
+  std::printf("[          ] %d kills: %d after a new value, %d amid a write, %d writes\n", rounds,
               advanced, tempsLeft, last);
 }
 

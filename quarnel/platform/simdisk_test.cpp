@@ -49,3 +49,28 @@ TEST_F(SimDisk, CrashImagesKeepFlushedChangesAndSomeOfTheRest) {
   EXPECT_EQ(UDiskBuildCrash(5, 4, u"D:\\"), 0);
   UDiskReset();
 }
+
+// A file written beside another and moved over it with replace: a crash
+// after the move leaves the old or the new bytes under the old name, and the
+// new ones once every change is kept.
+TEST_F(SimDisk, ReplacingMoveIsRecorded) {
+  WriteHost(Host(u"C:\\p"), "old");
+  ASSERT_EQ(UDiskRecord(u"C:\\"), 1);
+  const UHANDLE h = UCreateFile(u"C:\\t", kGenericWrite, 0, kCreateAlways, 0);
+  unsigned done = 0;
+  ASSERT_EQ(UWriteFile(h, "new", 3, &done), 1);
+  ASSERT_EQ(UFlushFileBuffers(h), 1);
+  UCloseHandle(h);
+  ASSERT_EQ(UMoveFileEx(u"C:\\t", u"C:\\p", kMoveFileReplaceExisting), 1);
+  ASSERT_EQ(UDiskRecord(nullptr), 1);
+  const int io = UDiskIoCount(), images = UDiskCrashImages(io);
+  for (int image = 0; image < images; ++image) {
+    ASSERT_EQ(UDiskBuildCrash(io, image, u"D:\\"), 1);
+    const std::string p = ReadHost(Host(u"D:\\p"));
+    EXPECT_TRUE(p == "old" || p == "new") << image;
+    if (image == images - 1) {
+      EXPECT_EQ(p, "new");  // every change kept
+    }
+  }
+  UDiskReset();
+}

@@ -6,7 +6,7 @@
 // On Linux the child is a fork of the caller. On Windows it is this program
 // started again with the rerun arguments added to its command line (the test
 // support makes them run the same test): it runs the test up to its own
-// Start with the same sequence number in the process, and there runs `work`
+// Start with the same sequence number in the test, and there runs `work`
 // instead of starting a child; its output goes nowhere.
 #ifndef QUARNEL_PLATFORM_TESTCHILD_H_
 #define QUARNEL_PLATFORM_TESTCHILD_H_
@@ -24,7 +24,8 @@ class UTestChild {
   // Lets the child end and waits for it. Nothing when none runs.
   void Release();
 
-  // The arguments a child on Windows gets (nothing on Linux).
+  // The arguments a child on Windows gets (nothing on Linux); the Starts and
+  // Spawns that follow are numbered afresh, as in the child that runs them.
   static void SetRerunArguments(const char* arguments);
   // True in a child started again on Windows (always false on Linux).
   static bool InChild();

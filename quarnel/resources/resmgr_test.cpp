@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <sstream>
 #include <string>
@@ -37,10 +34,7 @@ std::string Path(const std::string& module) {
   return kDir + "/libqnt_" + module + ".so";
 }
 
-TString T(const std::string& s) {
-  const std::u16string u(s.begin(), s.end());
-  return TString(u.c_str(), static_cast<short>(u.size()));
-}
+TString T(const std::string& s) { return TString(Utf16(s).c_str()); }
 
 std::string Load(int listId, unsigned key) {
   TString s;
@@ -56,17 +50,12 @@ unsigned KeyOf(const std::string& k) {
 
 class ResmgrTest : public RecordingTest {
  protected:
-  void SetUp() override {
-    RecordingTest::SetUp();
-    savedApp_ = QuarnelEnv()->appFolder;
-  }
   void TearDown() override {
     for (auto it = names_.rbegin(); it != names_.rend(); ++it) {
       TString name = T(*it);
       while (UGetModuleHandle(name.Text()) != nullptr) DLUnloadLib(&name);
     }
     SetGlobalScaleFactor(1000);
-    QuarnelEnv()->appFolder = savedApp_;
     RecordingTest::TearDown();
   }
 
@@ -113,7 +102,7 @@ class ResmgrTest : public RecordingTest {
   }
 
   std::vector<std::string> names_;
-  std::string savedApp_;
+  ScopedEnv env_;
 };
 
 // Loading and unloading a module enters and removes its ranges (ModulesAsBuilt
@@ -153,9 +142,7 @@ TEST_F(ResmgrTest, LoadsAModuleAndItsRanges) {
 TEST_F(ResmgrTest, RangeConflictsAreHalfOpen) {
   const std::string a = Path("noid");
   const std::string b = Path("noid2");
-  const auto rows = ReadTsv("range_conflicts.tsv");
-  ASSERT_EQ(rows.size(), 18u);
-  for (const auto& row : rows) {
+  for (const auto& row : ReadTsv("range_conflicts.tsv")) {
     SCOPED_TRACE(row[0] + " / " + row[1]);
     int o[4], n[4];
     std::istringstream(row[0]) >> o[0] >> o[1] >> o[2] >> o[3];
@@ -215,38 +202,67 @@ TEST_F(ResmgrTest, ModulesAsBuilt) {
             "badranges 500..400 -5..-3\n");
 }
 
-// Id resources that cannot be used: each load fails with its code and line,
-// and the module does not stay loaded.
-TEST_F(ResmgrTest, RefusesUnusableIdResources) {
+// Modules that cannot be used: loading and checking refuse them alike, each
+// naming itself where a line has "@", and neither leaves them loaded nor
+// changes the ranges.
+TEST_F(ResmgrTest, RefusesUnusableModules) {
+  const std::string text = QUARNEL_TEST_DATA_DIR "/resources/not_a_module.txt";
+  const std::string failed = "515 @: CheckPersist(\"", fallback = "\") failed, " + kHostFallback;
+  enum { kBoth, kLoad, kCheck };
   const struct {
-    const char* module;
+    int which;
+    std::string name;
     int err;
-    const char* line;  // after "DLLoadLib: "
+    std::string lines;
   } rows[] = {
-      {"small", kErrModuleUnusable, "id resource in \"%s\" too small"},
-      {"badsig", kErrPersistWrongSignature, "CheckPersist(\"%s\") failed, Host fallback message"},
-      {"swapped", kErrPersistOtherByteOrder, "CheckPersist(\"%s\") failed, Host fallback message"},
-      {"oldver", kErrPersistTooOld, "CheckPersist(\"%s\") failed, Host fallback message"},
+      {kCheck, Path("full"), kErrNone, ""},
+      {kCheck, Path("noid"), kErrNone, ""},
+      {kCheck, Path("nosyms"), kErrNone, ""},
+      {kCheck, Path("noid2"), kErrModuleUnusable,
+       "515 @: no resource 10002 in \"" + Path("noid2") + "\"\n"},
+      {kBoth, Path("small"), kErrModuleUnusable,
+       "515 @: id resource in \"" + Path("small") + "\" too small\n"},
+      {kBoth, Path("badsig"), kErrPersistWrongSignature, failed + Path("badsig") + fallback + "\n"},
+      {kBoth, Path("swapped"), kErrPersistOtherByteOrder,
+       failed + Path("swapped") + fallback + "\n"},
+      {kLoad, Path("oldver"), kErrPersistTooOld, failed + Path("oldver") + fallback + "\n"},
+      {kCheck, text, kErrModuleUnusable,
+       "516 @: ULoadLibraryEx(\"" + text + "\") failed, os error 193\n"},
+      {kCheck, Path("corrupt"), kErrModuleUnusable,
+       "516 @: ULoadLibraryEx(\"" + Path("corrupt") + "\") failed, os error 13\n"},
+      {kCheck, "qnt_nowhere.dll", kErrModuleUnusable,
+       "516 @: ULoadLibraryEx(\"qnt_nowhere.dll\") failed, os error 2\n"},
+      {kLoad, "qnt_no_such_module.dll", kErrModuleUnusable,
+       "516 @: ULoadLibrary(\"qnt_no_such_module.dll\") failed, os error 126 \n"},
+      {kLoad, text, kErrModuleUnusable,
+       "516 @: ULoadLibrary(\"" + text + "\") failed, os error 193 \n"},
+      {kLoad, Path("corrupt"), kErrModuleUnusable,
+       "516 @: ULoadLibrary(\"" + Path("corrupt") + "\") failed, os error 13 \n"},
+      // The id resource that cannot be read.
+      {kBoth, Path("full"), kErrModuleUnusable,
+       "514 @: Load/Lock id resource failed for \"" + Path("full") + "\", os error 1,812\n"},
   };
   const std::string rangesBefore = Ranges();
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.module);
-    ClearRecords();
-    EXPECT_EQ(DL(Path(row.module)), row.err);
-    char line[512];
-    std::snprintf(line, sizeof line, row.line, Path(row.module).c_str());
-    EXPECT_EQ(Logged(), std::string("515 DLLoadLib: ") + line + "\n");
-    EXPECT_FALSE(IsLoaded(Path(row.module)));
+  for (const std::string function : {"DLLoadLib", "DLCheckLib"}) {
+    const bool load = function == "DLLoadLib";
+    for (const auto& row : rows) {
+      if (row.which == (load ? kCheck : kLoad)) continue;
+      if (kOnWindows && row.name == Path("corrupt")) continue;  // the Linux build's own container
+      SCOPED_TRACE(function + " " + row.name);
+      ClearRecords();
+      if (row.lines.starts_with("514")) UFailCall(UCall::kLoadResource, 1, 1812);
+      EXPECT_EQ(load ? DL(row.name) : Check(row.name), row.err);
+      std::string lines = row.lines;
+      for (std::size_t at; (at = lines.find('@')) != std::string::npos;)
+        lines.replace(at, 1, function);
+      EXPECT_EQ(Logged(), lines);
+      EXPECT_FALSE(IsLoaded(row.name));
+    }
   }
   EXPECT_EQ(Ranges(), rangesBefore);
-
-  // The id resource that cannot be read.
   ClearRecords();
-  UFailCall(UCall::kLoadResource, 1, 1812);
-  EXPECT_EQ(DL(Path("full")), kErrModuleUnusable);
-  EXPECT_EQ(Logged(), "514 DLLoadLib: Load/Lock id resource failed for \"" + Path("full") +
-                          "\", os error 1,812\n");
-  EXPECT_FALSE(IsLoaded(Path("full")));
+  Unload("qnt_never_loaded.dll");
+  EXPECT_EQ(Logged(), "515 DLUnloadLib: \"qnt_never_loaded.dll\" wasn't loaded!\n");
 }
 
 TEST_F(ResmgrTest, LoadingAnEnteredModuleAgain) {
@@ -291,64 +307,6 @@ TEST_F(ResmgrTest, LoadingAnEnteredModuleAgain) {
   EXPECT_EQ(UFreeLibrary(still), 1);
 }
 
-TEST_F(ResmgrTest, ChecksModuleFilesWithoutEnteringThem) {
-  const std::string text = QUARNEL_TEST_DATA_DIR "/resources/not_a_module.txt";
-  const std::string rangesBefore = Ranges();
-  const std::string failed = "DLCheckLib: CheckPersist(\"";
-  const struct {
-    std::string name;
-    int err;
-    std::string lines;
-  } rows[] = {
-      {Path("full"), kErrNone, ""},
-      {Path("noid"), kErrNone, ""},
-      {Path("nosyms"), kErrNone, ""},
-      {Path("noid2"), kErrModuleUnusable,
-       "515 DLCheckLib: no resource 10002 in \"" + Path("noid2") + "\"\n"},
-      {Path("small"), kErrModuleUnusable,
-       "515 DLCheckLib: id resource in \"" + Path("small") + "\" too small\n"},
-      {Path("badsig"), kErrPersistWrongSignature,
-       "515 " + failed + Path("badsig") + "\") failed, " + kHostFallback + "\n"},
-      {Path("swapped"), kErrPersistOtherByteOrder,
-       "515 " + failed + Path("swapped") + "\") failed, " + kHostFallback + "\n"},
-      {text, kErrModuleUnusable,
-       "516 DLCheckLib: ULoadLibraryEx(\"" + text + "\") failed, os error 193\n"},
-      {Path("corrupt"), kErrModuleUnusable,
-       "516 DLCheckLib: ULoadLibraryEx(\"" + Path("corrupt") + "\") failed, os error 13\n"},
-      {"qnt_nowhere.dll", kErrModuleUnusable,
-       "516 DLCheckLib: ULoadLibraryEx(\"qnt_nowhere.dll\") failed, os error 2\n"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    if (kOnWindows && row.name == Path("corrupt")) continue;  // the Linux build's own container
-    ClearRecords();
-    EXPECT_EQ(Check(row.name), row.err);
-    EXPECT_EQ(Logged(), row.lines);
-    EXPECT_FALSE(IsLoaded(row.name));
-  }
-  EXPECT_EQ(Ranges(), rangesBefore);
-  // The id resource that cannot be read.
-  ClearRecords();
-  UFailCall(UCall::kLoadResource, 1, 1812);
-  EXPECT_EQ(Check(Path("full")), kErrModuleUnusable);
-  EXPECT_EQ(Logged(), "514 DLCheckLib: Load/Lock id resource failed for \"" + Path("full") +
-                          "\", os error 1,812\n");
-
-  // Loads the platform refuses, and an unload of what was never loaded.
-  for (auto [name, os] : {std::pair{std::string("qnt_no_such_module.dll"), 126},
-                          {text, 193},
-                          {Path("corrupt"), 13}}) {
-    if (kOnWindows && os == 13) continue;  // the Linux build's own container
-    ClearRecords();
-    EXPECT_EQ(DL(name), kErrModuleUnusable);
-    EXPECT_EQ(Logged(), "516 DLLoadLib: ULoadLibrary(\"" + name + "\") failed, os error " +
-                            std::to_string(os) + " \n");
-  }
-  ClearRecords();
-  Unload("qnt_never_loaded.dll");
-  EXPECT_EQ(Logged(), "515 DLUnloadLib: \"qnt_never_loaded.dll\" wasn't loaded!\n");
-}
-
 // RMGetKList: the default module, then the host (its registered lists, then
 // its own resources), then the loaded modules, newest first.
 TEST_F(ResmgrTest, StringListSearchOrder) {
@@ -370,7 +328,7 @@ TEST_F(ResmgrTest, StringListSearchOrder) {
   EXPECT_EQ(Load(21000, Key("Who?")), "host");
 
   // The default resource module comes before the host.
-  QuarnelEnv()->appFolder = QUARNEL_VELLORES_DIR;
+  env_->appFolder = QUARNEL_VELLORES_DIR;
   ASSERT_EQ(DL("vellores.dll"), kErrNone);
   EXPECT_EQ(Load(16000, Key("0000")), "Unidentified error");
   EXPECT_EQ(Load(16000, Key("Host")), "");
@@ -396,6 +354,8 @@ struct Walked {
 
 Walked Walk(const Bytes& l, unsigned key, int listId) {
   const int size = static_cast<int>(l.size());
+  const bool dump = key == 0xFFFF;  // every tag up to the end (only of lists without faults)
+  std::string dumped;
   char buf[160];
   // %Y prints each byte as the character of the same value.
   const auto keyText = [](unsigned k) {
@@ -403,35 +363,23 @@ Walked Walk(const Bytes& l, unsigned key, int listId) {
     for (int i = 24; i >= 0; i -= 8) t += static_cast<char16_t>((k >> i) & 0xFF);
     return Utf8(t);
   };
-  if (key == 0xFFFF) {  // the dump: every tag up to the end or a problem
-    std::string lines;
-    for (int pos = 0; pos + 2 <= size;) {
-      const int len = l[pos] | (l[pos + 1] << 8);
-      if (len == 0xFFFF) return {1, "", lines};
-      if (len < 4 || pos + 2 + len > size) break;
-      lines += "515 " + std::string(l.begin() + pos + 2, l.begin() + pos + 6) + "\n";
-      pos += 2 + len + (len & 1);
-    }
-    return {1, "", ""};  // not reached by the lists below
-  }
-  int pos = 0;
-  for (;;) {
-    if (pos + 2 > size) break;
+  for (int pos = 0; pos + 2 <= size;) {
     const int len = l[pos] | (l[pos + 1] << 8);
-    if (len == 0xFFFF) return {0, "", ""};
+    if (len == 0xFFFF) return {dump ? 1 : 0, "", dumped};
     if (len < 4 || pos + 2 + len > size) break;
-    const unsigned tag = KeyOf(std::string(l.begin() + pos + 2, l.begin() + pos + 6));
-    if ((tag & 0x80808080u) != 0 || (tag & 0x60606060u) == 0) {
+    const std::string tagText(l.begin() + pos + 2, l.begin() + pos + 6);
+    const unsigned tag = KeyOf(tagText);
+    if (dump) {
+      dumped += "515 " + tagText + "\n";
+    } else if ((tag & 0x80808080u) != 0 || (tag & 0x60606060u) == 0) {
       std::snprintf(buf, sizeof buf,
                     "517 LoadKString: Invalid signature (%s) looking for %s in ID %d\n",
                     keyText(tag).c_str(), keyText(key).c_str(), listId);
       return {0, "", buf};
-    }
-    if (tag == key) {
+    } else if (tag == key) {
       return {1, std::string(l.begin() + pos + 6, l.begin() + pos + 2 + len), ""};
     }
     pos += 2 + len + (len & 1);
-    if (pos >= size) break;
   }
   std::snprintf(buf, sizeof buf, "517 LoadKString: Bad resource looking for %s in ID %d\n",
                 keyText(key).c_str(), listId);
@@ -592,6 +540,13 @@ TEST_F(ResmgrTest, IconSizesFollowTheDisplayScale) {
   EXPECT_EQ(GetGlobalScaleFactor(), 1500);
 }
 
+// An image's kind, width, height, hot spot, size, the first byte of its
+// header and the first byte past it.
+std::vector<long> Fields(const RMImage* i) {
+  if (i == nullptr) return {};
+  return {i->kind, i->width, i->height, i->hotX, i->hotY, i->size, i->bytes[0], i->bytes[40]};
+}
+
 // The icon image of the size chosen: each test image is a 40-byte header and
 // eight bytes holding its size.
 TEST_F(ResmgrTest, IconsCursorsAndBitmaps) {
@@ -614,15 +569,12 @@ TEST_F(ResmgrTest, IconsCursorsAndBitmaps) {
     int shared = -1;
     const RMImage* icon = RMGetIcon(20020, 0, row.scaled, row.best, &size, &shared);
     ASSERT_NE(icon, nullptr);
-    EXPECT_EQ(size.x, row.size);
-    EXPECT_EQ(size.y, row.size);
-    EXPECT_EQ(shared, 0);
-    EXPECT_EQ(icon->kind, kRMImageIcon);
-    EXPECT_EQ(icon->width, row.size);
-    ASSERT_EQ(icon->size, 48u);
-    EXPECT_EQ(icon->bytes[4], row.image);  // the header's width
-    // The fill byte reads as the size written in hexadecimal digits (0x16 for 16).
-    EXPECT_EQ(icon->bytes[40], std::stoi(std::to_string(row.image), nullptr, 16));
+    EXPECT_EQ(size.x * 1000 + size.y * 10 + shared, row.size * 1010);
+    // The header's width is the image's; the fill byte reads as its size
+    // written in hexadecimal digits (0x16 for 16).
+    EXPECT_EQ(Fields(icon), (std::vector<long>{kRMImageIcon, row.size, row.size, 0, 0, 48, 40,
+                                               std::stoi(std::to_string(row.image), nullptr, 16)}));
+    EXPECT_EQ(icon->bytes[4], row.image);
     RMDestroyImage(icon);
   }
   SetGlobalScaleFactor(1000);
@@ -641,35 +593,19 @@ TEST_F(ResmgrTest, IconsCursorsAndBitmaps) {
     EXPECT_EQ(std::vector<long>({s->id, shared, size.x, s->bytes == nullptr}),
               std::vector<long>({system, 1, 32, 1}));
   }
-  TString name(u"appicon");
+  TString name(u"appicon"), nobody(u"nobody"), logo(u"LOGO");
   const RMImage* named = RMGetNamedIcon(&name, 0);
-  ASSERT_NE(named, nullptr);
-  EXPECT_EQ(named->width, 16);
-  EXPECT_EQ(named->bytes[40], 0x16);
+  EXPECT_EQ(Fields(named), (std::vector<long>{kRMImageIcon, 16, 16, 0, 0, 48, 40, 0x16}));
   RMDestroyImage(named);
-  TString nobody(u"nobody");
   EXPECT_EQ(RMGetNamedIcon(&nobody, 0), nullptr);
 
   const RMImage* bitmap = RMGetBitmap(20030);
-  ASSERT_NE(bitmap, nullptr);
-  EXPECT_EQ(bitmap->kind, kRMImageBitmap);
-  EXPECT_EQ(bitmap->width * 100 + bitmap->height, 302);
-  EXPECT_EQ(bitmap->size, 64u);
-  EXPECT_EQ(bitmap->bytes[0], 40);
+  EXPECT_EQ(Fields(bitmap), (std::vector<long>{kRMImageBitmap, 3, 2, 0, 0, 64, 40, 0}));
   EXPECT_EQ(RMGetBitmap(20030), bitmap);
-  TString logo(u"LOGO");
-  const RMImage* named2 = RMGetNamedBitmap(&logo);
-  ASSERT_NE(named2, nullptr);
-  EXPECT_EQ(named2->size, 64u);
+  EXPECT_EQ(Fields(RMGetNamedBitmap(&logo)), Fields(bitmap));
   EXPECT_EQ(RMGetBitmap(20031), nullptr);
-
-  const RMImage* cursor = RMGetCursor(20040);
-  ASSERT_NE(cursor, nullptr);
-  EXPECT_EQ(cursor->kind, kRMImageCursor);
-  EXPECT_EQ(cursor->width * 100 + cursor->height, 3232);
-  EXPECT_EQ(cursor->hotX * 100 + cursor->hotY, 507);
-  EXPECT_EQ(cursor->size, 48u);
-  EXPECT_EQ(cursor->bytes[40], 0xC2);
+  EXPECT_EQ(Fields(RMGetCursor(20040)),
+            (std::vector<long>{kRMImageCursor, 32, 32, 5, 7, 48, 40, 0xC2}));
   EXPECT_EQ(RMGetCursor(20041), nullptr);
 
   // Unloading the module takes its shared images with it.

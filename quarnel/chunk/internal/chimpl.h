@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <map>
 #include <unordered_map>
 #include <vector>
 
@@ -77,7 +76,8 @@ struct ChunkStore {
   TMemory mapBlock{1};  // mapCapacity entries; the first mapCount used
   int mapCapacity = 0;
   std::vector<int> slots;                       // per map entry: its handle slot, 0 for none
-  std::map<std::int64_t, int> addresses;        // address of every non-head entry -> how many
+  std::vector<std::int64_t> addresses;          // of every non-head entry with space, sorted
+  mutable std::size_t extentHint = 0;           // where the last extent search ended
   std::vector<Pair> handles{Pair{nullptr, 0}};  // slot 0 unused
   std::unordered_map<const TMemory*, int> slotOf;
   CHFileHeader header{};
@@ -97,6 +97,8 @@ struct ChunkStore {
   int SetMap(const CHMapEntry* entries, int count);  // replaces the map; rebuilds the indexes
   void ClearMap();
   void IndexAddresses();
+  void AddAddress(std::int64_t address);
+  void DropAddress(std::int64_t address);
   std::int64_t Extent(int i) const;  // 0 for a head or an entry without space
   std::int64_t ExtentAt(std::int64_t address) const;
   int FindGroup(std::uint32_t type) const;  // head index, -1 when absent
@@ -145,6 +147,8 @@ struct ChunkStore {
 
   // Saving (chsave.cpp).
   int Save(bool quick, const char* member);
+  int MapChanges(const TMemory& image, std::int64_t at, std::int64_t compareEnd, TMemory* buffer,
+                 unsigned piece, std::vector<FileRange>* out);
   int Copy(TFile* dest, bool append, const char* member);
 };
 

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -62,19 +63,15 @@ Bytes Concat(std::initializer_list<Bytes> parts) {
 Bytes Unrepeated(int n, std::uint32_t seed) {
   std::mt19937 rng(seed);
   Bytes out;
-  std::vector<bool> seen(std::size_t{1} << 24);  // hashed 4-grams; a clash only retries
+  std::set<std::uint32_t> seen;
   while (static_cast<int>(out.size()) < n) {
     const auto b = static_cast<std::uint8_t>(rng());
-    if (out.size() >= 3) {
-      const std::size_t k = out.size();
-      const std::uint32_t gram = (std::uint32_t{out[k - 3]} << 24) |
-                                 (std::uint32_t{out[k - 2]} << 16) |
-                                 (std::uint32_t{out[k - 1]} << 8) | b;
-      const std::size_t h = (gram * 2654435761u) >> 8;
-      if (seen[h]) continue;
-      seen[h] = true;
-    }
-    out.push_back(b);
+    const std::size_t k = out.size();
+    const std::uint32_t gram = k < 3 ? 0
+                                     : std::uint32_t{out[k - 3]} << 24 |
+                                           std::uint32_t{out[k - 2]} << 16 |
+                                           std::uint32_t{out[k - 1]} << 8 | b;
+    if (k < 3 || seen.insert(gram).second) out.push_back(b);
   }
   return out;
 }

@@ -496,6 +496,8 @@ int UStartCrashHelper(const char* folder, const char* program, const char* arg) 
   return 1;
 }
 
+int UUnwindStack(const UThreadContext&, std::uintptr_t*, std::uintptr_t*, int) { return -1; }
+
 void USystemName(char* buf, int size) {
   if (size <= 0) return;
   utsname un;

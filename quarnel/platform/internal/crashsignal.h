@@ -117,6 +117,14 @@ void UCaptureThreads(const unsigned* ids, int count, UThreadContext* contexts, u
 // handler. handler-safe.
 void UReleaseThreads();
 
+// The stack of a thread whose registers are `context`, walked by the
+// system's unwind tables: each frame's instruction address in ips[i] and in
+// fps[i] the address 16 bytes below where its return address is kept (so
+// that fps[i] + 16 is the stack its caller passed arguments on, as above a
+// frame pointer). Returns the number of frames stored (at most `max`), or -1
+// where frames are chained by frame pointers instead (Linux). handler-safe.
+int UUnwindStack(const UThreadContext& context, std::uintptr_t* ips, std::uintptr_t* fps, int max);
+
 // Sleeps about `ms` milliseconds. handler-safe.
 void UHandlerSleep(int ms);
 

@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "quarnel/platform/internal/crashmodule.h"
 #include "quarnel/platform/win32/crashfiles.h"
 #include "quarnel/platform/win32/winapi.h"
 
@@ -230,6 +231,55 @@ void UReleaseThreads() {
     ::CloseHandle(g_held[i]);
   }
   g_heldCount = 0;
+}
+
+// Each step is the system's own unwind of one frame (RtlVirtualUnwind), or
+// for a function without unwind data (a leaf) the return address at the
+// stack pointer. The walk ends where the stack pointer would not rise, its
+// words cannot be read, or the return address is 0.
+int UUnwindStack(const UThreadContext& context, std::uintptr_t* ips, std::uintptr_t* fps, int max) {
+  CONTEXT c;
+  std::memset(&c, 0, sizeof c);
+  c.ContextFlags = CONTEXT_FULL;
+  c.Rax = context.rax;
+  c.Rbx = context.rbx;
+  c.Rcx = context.rcx;
+  c.Rdx = context.rdx;
+  c.Rsi = context.rsi;
+  c.Rdi = context.rdi;
+  c.Rbp = context.rbp;
+  c.Rsp = context.rsp;
+  c.R8 = context.r8;
+  c.R9 = context.r9;
+  c.R10 = context.r10;
+  c.R11 = context.r11;
+  c.R12 = context.r12;
+  c.R13 = context.r13;
+  c.R14 = context.r14;
+  c.R15 = context.r15;
+  c.Rip = context.rip;
+  int n = 0;
+  while (n < max) {
+    const DWORD64 sp = c.Rsp;
+    ips[n] = c.Rip;
+    fps[n] = sp - 16;
+    ++n;
+    if (sp % 8 != 0 || !UMemoryAccessible(sp, 8, false)) break;
+    DWORD64 base = 0;
+    PRUNTIME_FUNCTION function = ::RtlLookupFunctionEntry(c.Rip, &base, nullptr);
+    if (function == nullptr) {
+      std::memcpy(&c.Rip, reinterpret_cast<const void*>(sp), sizeof c.Rip);
+      c.Rsp = sp + 8;
+    } else {
+      void* handlerData = nullptr;
+      DWORD64 establisher = 0;
+      ::RtlVirtualUnwind(UNW_FLAG_NHANDLER, base, c.Rip, function, &c, &handlerData, &establisher,
+                         nullptr);
+    }
+    if (c.Rsp <= sp || c.Rip == 0) break;
+    fps[n - 1] = c.Rsp - 16;
+  }
+  return n;
 }
 
 void UHandlerSleep(int ms) { ::Sleep(static_cast<DWORD>(ms)); }

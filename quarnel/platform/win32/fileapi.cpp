@@ -2,11 +2,15 @@
 // table of the handles the library gave out.
 #include "quarnel/platform/fileapi.h"
 
+#include <cstdint>
 #include <cstring>
 #include <mutex>
+#include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "quarnel/platform/faults.h"
+#include "quarnel/platform/internal/simdisk.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/win32/files.h"
 
@@ -14,9 +18,15 @@ namespace quarnel_internal {
 
 namespace {
 
+struct HandleEntry {
+  HandleKind kind;
+  std::string disk;  // a file's path as the simulated disk names it
+  bool deleteOnClose;
+};
+
 struct HandleTable {
   std::mutex lock;
-  std::unordered_map<UHANDLE, HandleKind> kinds;
+  std::unordered_map<UHANDLE, HandleEntry> kinds;
 };
 
 HandleTable& Table() {
@@ -24,13 +34,37 @@ HandleTable& Table() {
   return *table;
 }
 
-bool KindOf(UHANDLE h, HandleKind* kind) {
+bool EntryOf(UHANDLE h, HandleEntry* entry) {
   HandleTable& t = Table();
   std::lock_guard<std::mutex> hold(t.lock);
   const auto it = t.kinds.find(h);
   if (it == t.kinds.end()) return false;
-  *kind = it->second;
+  *entry = it->second;
   return true;
+}
+
+bool KindOf(UHANDLE h, HandleKind* kind) {
+  HandleEntry e;
+  if (!EntryOf(h, &e)) return false;
+  *kind = e.kind;
+  return true;
+}
+
+// The simulated disk's name of a file handle's file; "" for other handles.
+std::string DiskFileOf(UHANDLE h) {
+  HandleEntry e;
+  return EntryOf(h, &e) && e.kind == HandleKind::kFile ? e.disk : std::string();
+}
+
+// The file pointer of `h`, -1 when it cannot be read.
+std::int64_t PointerOf(HANDLE h) {
+  LARGE_INTEGER at{};
+  return ::SetFilePointerEx(h, LARGE_INTEGER{}, &at, FILE_CURRENT) ? at.QuadPart : -1;
+}
+
+bool IsFolderPath(const std::wstring& system) {
+  const DWORD a = ::GetFileAttributesW(system.c_str());
+  return a != INVALID_FILE_ATTRIBUTES && (a & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
 // The access mask of the library's access word: the open-mode bits become
@@ -50,15 +84,16 @@ UHANDLE OpenOnce(const std::wstring& path, unsigned access, unsigned share, unsi
                                  attributes, nullptr);
   *err = ::GetLastError();
   if (h == INVALID_HANDLE_VALUE) return kInvalidHandleValue;
-  return AddHandle(h, volume ? HandleKind::kVolume : HandleKind::kFile);
+  if (volume) return AddHandle(h, HandleKind::kVolume);
+  return AddHandle(h, HandleKind::kFile, DiskHost(path), (flags & kFileFlagDeleteOnClose) != 0);
 }
 
 }  // namespace
 
-UHANDLE AddHandle(HANDLE h, HandleKind kind) {
+UHANDLE AddHandle(HANDLE h, HandleKind kind, std::string disk, bool deleteOnClose) {
   HandleTable& t = Table();
   std::lock_guard<std::mutex> hold(t.lock);
-  t.kinds[h] = kind;
+  t.kinds[h] = HandleEntry{kind, std::move(disk), deleteOnClose};
   return h;
 }
 
@@ -73,9 +108,14 @@ bool IsFileHandle(UHANDLE h) {
 }
 
 int CloseTableHandle(UHANDLE h, bool (*kindOk)(HandleKind)) {
-  HandleKind kind;
-  if (!KindOf(h, &kind) || !kindOk(kind)) return Refuse(ERROR_INVALID_HANDLE);
+  HandleEntry entry;
+  if (!EntryOf(h, &entry) || !kindOk(entry.kind)) return Refuse(ERROR_INVALID_HANDLE);
+  const HandleKind kind = entry.kind;
   if (Faulted(UCall::kCloseHandle)) return 0;
+  // A file that goes at its close reaches the simulated disk as deleted.
+  const bool noteDelete = kind == HandleKind::kFile && entry.deleteOnClose && DiskRecording() &&
+                          !IsFolderPath(DiskSystem(entry.disk));
+  if (noteDelete) DiskTouch(entry.disk);
   {
     HandleTable& t = Table();
     std::lock_guard<std::mutex> hold(t.lock);
@@ -96,6 +136,8 @@ int CloseTableHandle(UHANDLE h, bool (*kindOk)(HandleKind)) {
       ok = ::CloseHandle(h);
       break;
   }
+  if (noteDelete && ::GetFileAttributesW(DiskSystem(entry.disk).c_str()) == INVALID_FILE_ATTRIBUTES)
+    DiskNoteDelete(entry.disk);
   return ok ? 1 : 0;
 }
 
@@ -131,11 +173,20 @@ UHANDLE UCreateFile(const char16_t* path, unsigned access, unsigned share, unsig
     return kInvalidHandleValue;
   }
   const bool volume = system.rfind(L"\\\\.\\", 0) == 0;
+  // The simulated disk sees the file before and after an open that may
+  // create or truncate it.
+  const bool recording = !volume && DiskRecording();
+  const std::string disk = recording ? DiskHost(system) : std::string();
+  const bool existed =
+      !recording || ::GetFileAttributesW(system.c_str()) != INVALID_FILE_ATTRIBUTES;
+  if (recording) DiskTouch(disk);
   UHANDLE h = OpenOnce(system, access, share, disposition, flags, volume, &err);
   if (h == kInvalidHandleValue && err == ERROR_ACCESS_DENIED && (access & kModeWriteOrRead)) {
     access &= ~(kModeWrite | kModeWriteOrRead | kGenericWrite);
     h = OpenOnce(system, access, share, disposition, flags, volume, &err);
   }
+  const bool made = disposition == kCreateAlways || disposition == kTruncateExisting || !existed;
+  if (recording && h != kInvalidHandleValue && made && !IsFolderPath(system)) DiskNoteWhole(disk);
   USetLastError(err);
   return h;
 }
@@ -172,9 +223,89 @@ int UWriteFile(UHANDLE file, const void* buffer, unsigned count, unsigned* writt
   if (h == nullptr) return 0;
   if (buffer == nullptr && count > 0) return Refuse(ERROR_NOACCESS);
   DWORD n = 0;
+  const std::string disk = DiskRecording() ? DiskFileOf(h) : std::string();
+  if (disk.empty()) {
+    const BOOL ok = ::WriteFile(h, buffer, count, &n, nullptr);
+    if (written) *written = n;
+    return ok ? 1 : 0;
+  }
+  DiskTouch(disk);
+  const std::int64_t at = PointerOf(h);
   const BOOL ok = ::WriteFile(h, buffer, count, &n, nullptr);
+  const DWORD err = ::GetLastError();
+  if (at >= 0) DiskNoteWrite(disk, static_cast<std::uint64_t>(at), buffer, n);
   if (written) *written = n;
+  ::SetLastError(err);
   return ok ? 1 : 0;
+}
+
+namespace {
+
+// Reads or writes the spans one by one at their places, each through an
+// OVERLAPPED position on the synchronous handle; a read stops at the end of
+// the file.
+int TransferAt(HANDLE h, const UFileSpan* spans, int count, std::uint64_t offset, unsigned* done,
+               bool write) {
+  if (count < 0 || count > 16 || (spans == nullptr && count > 0))
+    return Refuse(ERROR_INVALID_PARAMETER);
+  std::uint64_t total = 0;
+  for (int i = 0; i < count; ++i) {
+    if (spans[i].data == nullptr && spans[i].count > 0) return Refuse(ERROR_NOACCESS);
+    total += spans[i].count;
+  }
+  if (total > 0xFFFFFFFFu) return Refuse(ERROR_INVALID_PARAMETER);
+  std::uint64_t at = offset;
+  for (int i = 0; i < count; ++i) {
+    if (spans[i].count == 0) continue;
+    OVERLAPPED position{};
+    position.Offset = static_cast<DWORD>(at & 0xFFFFFFFFu);
+    position.OffsetHigh = static_cast<DWORD>(at >> 32);
+    DWORD n = 0;
+    const BOOL ok = write ? ::WriteFile(h, spans[i].data, spans[i].count, &n, &position)
+                          : ::ReadFile(h, spans[i].data, spans[i].count, &n, &position);
+    if (done) *done += n;
+    at += n;
+    if (!ok) {
+      if (!write && ::GetLastError() == ERROR_HANDLE_EOF) return 1;
+      return 0;
+    }
+    if (n < spans[i].count) return 1;
+  }
+  return 1;
+}
+
+}  // namespace
+
+int UReadFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
+                unsigned* read) {
+  if (read) *read = 0;
+  const HANDLE h = DataHandle(file, UCall::kReadFile);
+  return h != nullptr && TransferAt(h, spans, count, offset, read, false);
+}
+
+int UWriteFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
+                 unsigned* written) {
+  if (written) *written = 0;
+  const HANDLE h = DataHandle(file, UCall::kWriteFile);
+  if (h == nullptr) return 0;
+  const std::string disk = DiskRecording() ? DiskFileOf(h) : std::string();
+  if (disk.empty() || count < 0 || count > 16 || spans == nullptr)
+    return TransferAt(h, spans, count, offset, written, true);
+  // While the disk is simulated the pieces go out as one write, recorded as one.
+  std::string bytes;
+  for (int i = 0; i < count; ++i) {
+    if (spans[i].data == nullptr && spans[i].count > 0) return Refuse(ERROR_NOACCESS);
+    bytes.append(static_cast<const char*>(spans[i].data), spans[i].count);
+  }
+  DiskTouch(disk);
+  const UFileSpan whole{bytes.data(), static_cast<unsigned>(bytes.size())};
+  unsigned moved = 0;
+  const int ok = TransferAt(h, &whole, bytes.empty() ? 0 : 1, offset, &moved, true);
+  const DWORD err = ::GetLastError();
+  DiskNoteWrite(disk, offset, bytes.data(), moved);
+  if (written) *written = moved;
+  ::SetLastError(err);
+  return ok;
 }
 
 unsigned USetFilePointer(UHANDLE file, std::int32_t low, std::int32_t* high, unsigned method) {
@@ -188,12 +319,23 @@ unsigned USetFilePointer(UHANDLE file, std::int32_t low, std::int32_t* high, uns
 
 int USetEndOfFile(UHANDLE file) {
   const HANDLE h = DataHandle(file, UCall::kSetEndOfFile);
-  return h != nullptr && ::SetEndOfFile(h) ? 1 : 0;
+  if (h == nullptr) return 0;
+  const std::string disk = DiskRecording() ? DiskFileOf(h) : std::string();
+  if (!disk.empty()) DiskTouch(disk);
+  const std::int64_t at = disk.empty() ? -1 : PointerOf(h);
+  if (!::SetEndOfFile(h)) return 0;
+  if (at >= 0) DiskNoteLength(disk, static_cast<std::uint64_t>(at));
+  return 1;
 }
 
 int UFlushFileBuffers(UHANDLE file) {
   const HANDLE h = DataHandle(file, UCall::kFlushFileBuffers);
-  return h != nullptr && ::FlushFileBuffers(h) ? 1 : 0;
+  if (h == nullptr || !::FlushFileBuffers(h)) return 0;
+  if (DiskRecording()) {
+    const std::string disk = DiskFileOf(h);
+    if (!disk.empty()) DiskNoteFlush(disk);
+  }
+  return 1;
 }
 
 int UCloseHandle(UHANDLE handle) {

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "quarnel/platform/fileapi.h"
+#include "quarnel/platform/internal/simdisk.h"
 #include "quarnel/platform/lasterror.h"
 #include "quarnel/platform/win32/files.h"
 
@@ -35,24 +36,63 @@ std::wstring Filled(Call call) {
   }
 }
 
+// A move of a file as the simulated disk sees it: its source deleted and its
+// target written whole (nothing for a folder or a new spelling of the name).
+class DiskMove {
+ public:
+  DiskMove(const std::wstring& from, const std::wstring& to) {
+    if (!DiskRecording()) return;
+    const DWORD a = ::GetFileAttributesW(from.c_str());
+    if (a == INVALID_FILE_ATTRIBUTES || (a & FILE_ATTRIBUTE_DIRECTORY) != 0) return;
+    from_ = DiskHost(from);
+    to_ = DiskHost(to);
+    if (SameHostName(from_, to_)) from_.clear();
+    if (from_.empty()) return;
+    DiskTouch(from_);
+    DiskTouch(to_);
+  }
+  // After the move: answers `moved`.
+  int Done(BOOL moved) const {
+    if (moved && !from_.empty()) {
+      DiskNoteWhole(to_);
+      DiskNoteDelete(from_);
+    }
+    return moved ? 1 : 0;
+  }
+
+ private:
+  std::string from_, to_;
+};
+
 }  // namespace
 
 int UDeleteFile(const char16_t* path) {
   std::wstring p;
   if (Faulted(UCall::kDeleteFile) || !Path(path, &p)) return 0;
-  return ::DeleteFileW(p.c_str()) ? 1 : 0;
+  if (!DiskRecording()) return ::DeleteFileW(p.c_str()) ? 1 : 0;
+  const std::string disk = DiskHost(p);
+  DiskTouch(disk);
+  if (!::DeleteFileW(p.c_str())) return 0;
+  DiskNoteDelete(disk);
+  return 1;
 }
 
 int UCopyFile(const char16_t* from, const char16_t* to, int failIfExists) {
   std::wstring f, t;
   if (Faulted(UCall::kCopyFile) || !Path(from, &f) || !Path(to, &t)) return 0;
-  return ::CopyFileW(f.c_str(), t.c_str(), failIfExists) ? 1 : 0;
+  if (!DiskRecording()) return ::CopyFileW(f.c_str(), t.c_str(), failIfExists) ? 1 : 0;
+  const std::string disk = DiskHost(t);
+  DiskTouch(disk);
+  if (!::CopyFileW(f.c_str(), t.c_str(), failIfExists)) return 0;
+  DiskNoteWhole(disk);
+  return 1;
 }
 
 int UMoveFile(const char16_t* from, const char16_t* to) {
   std::wstring f, t;
   if (Faulted(UCall::kMoveFile) || !Path(from, &f) || !Path(to, &t)) return 0;
-  return ::MoveFileW(f.c_str(), t.c_str()) ? 1 : 0;
+  const DiskMove move(f, t);
+  return move.Done(::MoveFileW(f.c_str(), t.c_str()));
 }
 
 int UCreateDirectory(const char16_t* path) {
@@ -195,5 +235,6 @@ int UMoveFileEx(const char16_t* from, const char16_t* to, unsigned flags) {
   const DWORD target = ::GetFileAttributesW(t.c_str());
   if (target != INVALID_FILE_ATTRIBUTES && (target & FILE_ATTRIBUTE_DIRECTORY) != 0)
     return Refuse(ERROR_ACCESS_DENIED);
-  return ::MoveFileExW(f.c_str(), t.c_str(), flags) ? 1 : 0;
+  const DiskMove move(f, t);
+  return move.Done(::MoveFileExW(f.c_str(), t.c_str(), flags));
 }

@@ -47,12 +47,20 @@ unsigned CopyOut(const std::u16string& s, unsigned size, char16_t* buffer);
 // The handles the library gave out, by kind, so that a made-up or stale
 // handle is refused with 6 and UCloseHandle closes each with its own call.
 enum class HandleKind { kFile, kVolume, kFind, kVolumeFind, kMountFind };
-UHANDLE AddHandle(HANDLE h, HandleKind kind);
+// A file handle keeps its path as the simulated disk names it (DiskHost) and
+// whether the file goes at its close.
+UHANDLE AddHandle(HANDLE h, HandleKind kind, std::string disk = std::string(),
+                  bool deleteOnClose = false);
 // True when `h` is a handle of that kind given out and not yet closed.
 bool IsHandle(UHANDLE h, HandleKind kind);
 bool IsFileHandle(UHANDLE h);  // a file, folder or volume handle
 // Closes a handle of the table with the call its kind needs; 6 when unknown.
 int CloseTableHandle(UHANDLE h, bool (*kindOk)(HandleKind));
+
+// A system path as the simulated disk names it: the "\\?\" form undone,
+// "/" between components, UTF-8; DiskSystem turns it back.
+std::string DiskHost(const std::wstring& system);
+std::wstring DiskSystem(const std::string& host);
 
 // True (last error set) when the fault seam fails `call` now.
 bool Faulted(UCall call);

@@ -11,7 +11,7 @@ namespace {
 constexpr char kChildVariable[] = "QUARNEL_TEST_CHILD";
 
 std::string g_rerun;
-int g_starts = 0;  // Start calls made in this process
+int g_starts = 0;  // Start and Spawn calls made since SetRerunArguments
 
 // In a child: the number of the Start that runs the work, and the handles
 // of the answer pipe and the release event; false in a parent.
@@ -56,7 +56,10 @@ bool StartAgain(const char* spec, PROCESS_INFORMATION* pi) {
 
 UTestChild::~UTestChild() { Release(); }
 
-void UTestChild::SetRerunArguments(const char* arguments) { g_rerun = arguments ? arguments : ""; }
+void UTestChild::SetRerunArguments(const char* arguments) {
+  g_rerun = arguments ? arguments : "";
+  g_starts = 0;
+}
 
 bool UTestChild::InChild() {
   int number;
