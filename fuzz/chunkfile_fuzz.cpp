@@ -13,6 +13,9 @@
 // last one, bit 2 adds a chunk; bit 3 saves with CHQuickSave instead of
 // CHSave. The seeds are small files of both format generations that the
 // library wrote, each behind a mode byte.
+//
+// Area: quarnel/chunk/chjournal.cpp quarnel/chunk/chmap.cpp quarnel/chunk/chsave.cpp
+// Area: quarnel/chunk/chunkfile.cpp quarnel/chunk/chunkmanager.cpp
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

@@ -8,6 +8,8 @@
 // The first byte chooses how the rest is used: as a whole record, or as the
 // part after a well-formed header (words and volume onwards), so that the
 // fuzzer reaches the parts without first finding the tag.
+//
+// Area: quarnel/fileio/tlochandle.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

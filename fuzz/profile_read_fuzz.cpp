@@ -5,6 +5,8 @@
 //
 // The first byte chooses the system code page (1252, 65001 or 932) and the
 // size of the caller's buffers; the rest is the file.
+//
+// Area: quarnel/platform/internal/profiletext.cpp
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -41,9 +41,10 @@ class UTestChild {
  private:
   int pid_ = -1;
   int release_ = -1;         // the parent's end of the pipe the child waits on
-  void* process_ = nullptr;  // Windows: the child and the event it waits on
-  void* releaseEvent_ = nullptr;
-  void* spawned_ = nullptr;  // Windows: the spawned child
+  // Windows: the child, the event it waits on, and the spawned child.
+  [[maybe_unused]] void* process_ = nullptr;
+  [[maybe_unused]] void* releaseEvent_ = nullptr;
+  [[maybe_unused]] void* spawned_ = nullptr;
 };
 
 #endif  // QUARNEL_PLATFORM_TESTCHILD_H_
