@@ -192,15 +192,13 @@ TEST_F(WinTimeTest, FileTimeToDosDateTimeAgreesWithRecordedRows) {
 // ---- refusals --------------------------------------------------------------------------
 
 // The limits the recorded rows (taken under Wine) do not show as Windows
-// answers them: years outside 1601..30827 and February 29 of a common year.
+// answers them: a year before 1601 and February 29 of a common year.
 TEST_F(WinTimeTest, SystemTimeToFileTimeRefusesDatesWindowsRefuses) {
-  const USYSTEMTIME rows[] = {Make(1600, 12, 31, 23, 59, 59, 999), Make(30828, 1, 1),
-                              Make(2023, 2, 29)};
+  const USYSTEMTIME rows[] = {Make(1600, 12, 31, 23, 59, 59, 999), Make(2023, 2, 29)};
   for (const USYSTEMTIME& st : rows) {
     SCOPED_TRACE(::testing::Message() << st.wYear << "-" << st.wMonth << "-" << st.wDay);
     if (st.wYear != 1600 &&
-        WineDiffers(
-            "SystemTimeToFileTime takes February 29 of a common year and years above 30827")) {
+        WineDiffers("SystemTimeToFileTime takes February 29 of a common year")) {
       continue;
     }
     UFILETIME ft = UMakeFileTime(kFill64);
@@ -268,9 +266,9 @@ TEST_F(WinTimeTest, FileTimesRoundTripAndMatchTheStandardCalendar) {
   }
 }
 
-// Every packed DOS date, at several times of day, and every packed time on
-// one date: accepted exactly when the fields are valid, converted to the
-// standard calendar's tick count, and packed back to the same values.
+// Every packed DOS date, at times of day on and past each field's limit:
+// accepted exactly when the fields are valid, converted to the standard
+// calendar's tick count, and packed back to the same values.
 TEST_F(WinTimeTest, EveryDosDateAndTimeConvertsBothWays) {
   const std::uint16_t times[] = {0x0000, 0x0001, 0x5290, 0xBF7D, 0xC000, 0x601E, 0x601F, 0x6780};
   int accepted = 0;
@@ -310,16 +308,6 @@ TEST_F(WinTimeTest, EveryDosDateAndTimeConvertsBothWays) {
   // 128 years, each with the 366 dates of a leap year (February 29 always
   // passes), at the four valid times of the list.
   EXPECT_EQ(accepted, 128 * 366 * 4);
-  for (unsigned time = 0; time <= 0xFFFF; ++time) {
-    const bool valid = (time >> 11) <= 23 && ((time >> 5) & 63) <= 59 && (time & 31) <= 29;
-    UFILETIME ft = UMakeFileTime(kFill64);
-    ASSERT_EQ(UDosDateTimeToFileTime(0x2821, static_cast<std::uint16_t>(time), &ft), valid ? 1 : 0);
-    if (!valid) continue;
-    std::uint16_t date2 = 0, time2 = 0;
-    ASSERT_EQ(UFileTimeToDosDateTime(&ft, &date2, &time2), 1);
-    ASSERT_EQ(date2, 0x2821);
-    ASSERT_EQ(time2, time);
-  }
 }
 
 // ---- local time and the clock ------------------------------------------------------------------
