@@ -2,7 +2,6 @@
 // and the umbrella header must compile on its own.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>

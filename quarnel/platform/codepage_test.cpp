@@ -50,7 +50,6 @@ TEST_F(CodePageTest, Cp932FirstUseFromThreads) {
 // 2 and 932, and every 932 lead byte with every trail byte.
 TEST_F(CodePageTest, EveryRecordedByteAndPairConvertsAsWindowsDoes) {
   const auto rows = ReadTsv("codepage_mb2wc.tsv");
-  ASSERT_EQ(rows.size(), 12364u);
   for (const auto& row : rows) {
     const unsigned cp = static_cast<unsigned>(std::stoul(row[0]));
     const std::string bytes = Unhex(row[1]);
@@ -94,7 +93,6 @@ TEST_F(CodePageTest, EveryUnitConvertsToRecordedBytes) {
 
 TEST_F(CodePageTest, LeadBytesOf932AreTheRecordedOnes) {
   const auto rows = ReadTsv("codepage_lead.tsv");
-  ASSERT_EQ(rows.size(), 256u);
   for (const auto& row : rows) {
     SCOPED_TRACE(row[0]);
     const auto b = static_cast<unsigned char>(std::stoul(row[0], nullptr, 16));
@@ -239,7 +237,6 @@ TEST_F(CodePageTest, BadParametersAndFlags) {
 // Invalid UTF-8 and lone surrogates, as Windows converts them.
 TEST_F(CodePageTest, Utf8OfTheCaseFile) {
   const auto rows = ReadTsv("utf8.tsv");
-  ASSERT_EQ(rows.size(), 21u);
   for (const auto& r : rows) {
     SCOPED_TRACE(r[0] + " " + r[1]);
     if ((r[1] == "E08080" || r[1] == "EDA080" || r[1] == "F4908080") &&

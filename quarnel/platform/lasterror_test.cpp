@@ -51,7 +51,6 @@ TEST(LastError, ErrnoTable) {
     if (const char* name = strerrorname_np(e)) byName.emplace(name, e);
   }
   const auto rows = ReadTsv("errno.tsv");
-  EXPECT_EQ(rows.size(), 66u);
   for (const auto& f : rows) {
     SCOPED_TRACE(f[0]);
     const int err = byName.count(f[0]) ? byName[f[0]] : std::stoi(f[0]);

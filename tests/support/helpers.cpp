@@ -59,6 +59,7 @@ std::vector<std::vector<std::string>> ReadTsv(const std::string& name) {
     if (line.back() == '\t') fields.push_back("");
     rows.push_back(fields);
   }
+  EXPECT_FALSE(rows.empty()) << name << " holds no rows";
   return rows;
 }
 

@@ -5,19 +5,17 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "quarnel/platform/resblob.h"
+#include "tests/support/helpers.h"
 #include "tools/qnrc/compiler.h"
 #include "tools/qnrc/symbols.h"
 
 namespace {
-
-using Bytes = std::vector<unsigned char>;
 
 bool NoFiles(const std::string&, Bytes*) { return false; }
 
@@ -63,11 +61,6 @@ Records ListRecords(const Bytes& list) {
   EXPECT_TRUE(at + 2 == list.size() && list[at] == 0xFF && list[at + 1] == 0xFF)
       << "the end marker closes the list";
   return out;
-}
-
-Bytes FileBytes(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 // The whole container of a small script, byte by byte: header, directory
@@ -305,7 +298,7 @@ TEST(Qnrc, ProgramWritesBothOutputsOrReportsTheError) {
     std::ofstream(p, std::ios::binary) << text;
   };
   const auto read = [](const std::filesystem::path& p) {
-    const Bytes bytes = FileBytes(p);
+    const Bytes bytes = ReadBytes(p.string());
     return std::string(bytes.begin(), bytes.end());
   };
   write(dir / "ok.qrc", "stringlist 7 { 'Ab!?' \"xyz\" }\n");
@@ -394,8 +387,8 @@ TEST(QnrcSymbols, MapKeepsOneDemangledNamePerOffsetInOrder) {
 // module's map with "qnrc --check-symbols"; this checks what that runs.
 TEST(QnrcSymbols, ModulesCarryTheMapOfTheirOwnCode) {
   const std::string dir = QUARNEL_TEST_MODULE_DIR;
-  const Bytes mapped = FileBytes(dir + "/libqnt_crashcode.so");
-  const Bytes unmapped = FileBytes(dir + "/libqnt_crashcode_unmapped.so");
+  const Bytes mapped = ReadBytes(dir + "/libqnt_crashcode.so");
+  const Bytes unmapped = ReadBytes(dir + "/libqnt_crashcode_unmapped.so");
   ASSERT_FALSE(mapped.empty());
   std::string error;
   EXPECT_TRUE(qnrc::CheckSymbolMap(mapped, &error)) << error;
@@ -405,7 +398,7 @@ TEST(QnrcSymbols, ModulesCarryTheMapOfTheirOwnCode) {
 
   // The map of one module in another's container does not pass.
   qnrc::Resource foreign;
-  ASSERT_TRUE(qnrc::SymbolMapResource(FileBytes(dir + "/libqnt_full.so"), &foreign, &error));
+  ASSERT_TRUE(qnrc::SymbolMapResource(ReadBytes(dir + "/libqnt_full.so"), &foreign, &error));
   qnrc::Resource own;
   ASSERT_TRUE(qnrc::SymbolMapResource(unmapped, &own, &error));
   EXPECT_NE(foreign.data, own.data);
