@@ -32,7 +32,10 @@ find "$build" -name '*.gcda' -delete
 ctest --preset coverage -j "$jobs" --no-tests=error >"$build/ctest.log" 2>&1 ||
   { tail -40 "$build/ctest.log"; exit 1; }
 
+# Other build trees stay out of the search: the Windows build's Wine prefix
+# links its z: drive to / and would have gcovr walk the whole system.
 args=(--root . --object-directory "$build" --exclude-directories '.*/CompilerId'
+      --exclude-directories 'build/(?!coverage).*'
       --filter '^quarnel/' --exclude '.*_test\.cpp$' --exclude-throw-branches --exclude-unreachable-branches)
 if [ -n "$html" ]; then
   mkdir -p "$html"
