@@ -65,6 +65,8 @@ TEST_F(TQueueTest, MisuseAssertsAndGoesOn) {
          return item == nullptr ? r : 1;
        },
        kErrQueueNoData},
+      {"count of items of size 0", 160, [](TQueue& q) { return static_cast<int>(q.ItemCount(0)); },
+       0},
       {"peek without a place for the pointer", 150,
        [](TQueue& q) { return q.PeekAt(0, nullptr, 1); }, kErrQueueNoData},
       {"peek with a size that is not whole items", 166,
