@@ -173,10 +173,15 @@ int ChunkStore::ReadMap() {
     ClearMap();
     return kErrChunkMapCheck;
   }
+  // The check tells group heads by their place; everything after it tells
+  // them by their all-ones address, so a head must carry it.
+  std::int64_t inGroup = 0;
   for (int i = 0; i < mapCount; ++i) {
     const CHMapEntry& e = At(i);
-    if (e.address == kMapHeadAddress || e.type == kChunkFreeType) continue;
-    if (e.slack < 0 || e.slack > Extent(i) - hdrSize) {
+    const bool head = inGroup == 0;
+    inGroup = head ? static_cast<std::int64_t>(e.id) : inGroup - 1;
+    if ((head && e.address == kMapHeadAddress) || (!head && e.type == kChunkFreeType)) continue;
+    if (head || e.slack < 0 || e.slack > Extent(i) - hdrSize) {
       DebugLogf(kLogInternalData, "chReadMap: bad map");
       ClearMap();
       return kErrChunkBadMap;

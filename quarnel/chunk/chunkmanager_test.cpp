@@ -388,6 +388,7 @@ TEST_F(Chunks, DamagedHeadersAreRefusedAtOpen) {
       {Patched(good, 648, 0x43684D71, 4), kErrChunkBadMap, "chReadMap: bad map"},
       {Patched(good, 713, 0x55, 1), kErrChunkHash, ""},
       {good.substr(0, 100), kErrChunkInvalidFile, invalid},
+      {Patched(good, 728, -2, 8, true), kErrChunkBadMap, "chReadMap: bad map"},  // a group head
   };
   for (std::size_t k = 0; k < cases.size(); ++k) {
     SCOPED_TRACE(k);
