@@ -40,7 +40,7 @@ class UTestChild {
 
  private:
   int pid_ = -1;
-  int release_ = -1;         // the parent's end of the pipe the child waits on
+  int release_ = -1;  // the parent's end of the pipe the child waits on
   // Windows: the child, the event it waits on, and the spawned child.
   [[maybe_unused]] void* process_ = nullptr;
   [[maybe_unused]] void* releaseEvent_ = nullptr;
