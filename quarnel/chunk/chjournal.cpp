@@ -71,11 +71,16 @@ int WriteJournal(TFile* file, std::int64_t length, const std::vector<FileRange>&
   unsigned char* stage = buffer->MemPtr();
   unsigned fill = 0;
   std::uint32_t crc = 0;
+  std::int64_t written = 0;
   const auto flush = [&]() {
     crc = BlockCrc(crc, stage, fill);
     unsigned count = fill;
     fill = 0;
-    return journal->Write(&count, stage);
+    if (const int err = journal->Write(&count, stage)) return err;
+    // A full buffer goes on to the disk while the next one fills.
+    if (count == piece) FileStartWrite(journal, written, count);
+    written += count;
+    return 0;
   };
   const auto put = [&](const unsigned char* bytes, unsigned count) {
     if (piece - fill < count)
@@ -229,7 +234,8 @@ int ChunkStore::MoveBytes(std::int64_t from, std::int64_t to, std::int64_t lengt
   for (std::int64_t done = 0; done < length;) {
     const auto n = static_cast<unsigned>(std::min<std::int64_t>(piece, length - done));
     if (const int err = ReadAt(file, from + done, buffer->MemPtr(), n)) return err;
-    if (const int err = WriteAt(file, to + done, buffer->MemPtr(), n)) return err;
+    const UFileSpan span{buffer->MemPtr(), n};
+    if (const int err = WriteAt(to + done, &span, 1)) return err;
     done += n;
   }
   return 0;

@@ -144,6 +144,9 @@ int ChunkStore::Save(bool quick, const char* member) {
       steps.push_back(SaveStep{SaveStep::kWriteDirty, i, At(i).address, At(i).address, used(i)});
       next[static_cast<std::size_t>(i)].flags &= ~kMapEntryDirty;
     }
+    // In address order, chunks that lie back to back go out in one write.
+    std::sort(steps.begin(), steps.end(),
+              [](const SaveStep& a, const SaveStep& b) { return a.to < b.to; });
     if (freeHead >= 0) {
       // Free space at the end of data gives way to the map.
       const CHMapEntry& last = At(mapCount - 1);
@@ -211,16 +214,20 @@ int ChunkStore::Save(bool quick, const char* member) {
   CHFileHeader marked = header;
   marked.saveMarker = kChunkSaveMarker;
   int err = WriteHeader(marked);
+  ChunkWrites writes(this);
   for (std::size_t k = 0; err == 0 && k < steps.size(); ++k) {
     const SaveStep& s = steps[k];
-    err = s.kind == SaveStep::kWriteDirty
-              ? WriteChunk(s.entry, s.to, Extent(s.entry), held[s.entry])
-              : MoveBytes(s.from, s.to, s.length, &buffer, piece);
+    if (s.kind == SaveStep::kWriteDirty) {
+      err = writes.Add(s.entry, s.to, Extent(s.entry), held[s.entry]);
+    } else if ((err = writes.Flush()) == 0) {
+      err = MoveBytes(s.from, s.to, s.length, &buffer, piece);
+    }
   }
+  if (err == 0) err = writes.Flush();
   for (std::size_t k = 0; err == 0 && k < mapWrites.size(); ++k) {
     const FileRange& r = mapWrites[k];
     const UFileSpan span{image.MemPtr() + (r.offset - end), static_cast<unsigned>(r.length)};
-    err = FileWriteAt(file, r.offset, &span, 1);
+    err = WriteAt(r.offset, &span, 1);
   }
   if (err == 0) err = file->SetEOF(static_cast<std::uint64_t>(newLength));
   if (err == 0) err = WriteHeader(done);
@@ -241,7 +248,7 @@ int ChunkStore::Save(bool quick, const char* member) {
   }
   SetMap(next.data(), kept);
   header = done;
-  committedEOF = currentEOF = newLength;
+  committedEOF = currentEOF = zeroFrom = newLength;
   dirty = 0;
   return 0;
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -79,9 +80,17 @@ TEST_F(ChunkFormat, NewFilesAreWrittenByteForByte) {
   EXPECT_EQ(m.CHEnumChunk(static_cast<int>(kText), 0), 2);
   EXPECT_EQ(m.CHEnumType(1), static_cast<int>(kData));
 
-  // The quick save: 'DATA' 7 rewritten in place, the removed 'TEXT' 1 left
-  // where it was as free space in the map, the map at the same end of data.
+  // The quick save: 'TEXT' 2 and 'DATA' 7 rewritten in place, the slack
+  // between them (bytes the file holds, here made 0xEE) left alone, the
+  // removed 'TEXT' 1 left where it was as free space in the map, the map at
+  // the same end of data.
+  std::fstream(Host(u"C:\\golden.chk"), std::ios::in | std::ios::out | std::ios::binary)
+      .seekp(658)
+      .write("\xEE\xEE", 2);
   TMemory* h = nullptr;
+  ASSERT_EQ(m.CHGetChunk(static_cast<int>(kText), 2, &h), 0);
+  std::memcpy(h->MemPtr(), "9876543210", 10);
+  ASSERT_EQ(m.CHChangedChunk(h), 0);
   ASSERT_EQ(m.CHGetChunk(static_cast<int>(kData), 7, &h), 0);
   std::memcpy(h->MemPtr(), "XYZ", 3);
   ASSERT_EQ(m.CHChangedChunk(h), 0);
@@ -92,6 +101,8 @@ TEST_F(ChunkFormat, NewFilesAreWrittenByteForByte) {
   Image quick(728 + 64 + 6 * 48);
   quick.Bytes(0, two.b.substr(0, 728));
   quick.Header(0x0110, 728, 64 + 6 * 48, 728);
+  quick.Chunk(584, false, kText, 2, 76, 2, "9876543210");
+  quick.Bytes(658, "\xEE\xEE");
   quick.Chunk(660, false, kData, 7, 68, 1, "XYZ");
   Image map3(6 * 48);
   map3.Bytes(0, map.b.substr(0, 96));

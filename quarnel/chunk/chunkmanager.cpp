@@ -1,5 +1,6 @@
 #include "quarnel/chunk/chunkmanager.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <new>
@@ -108,7 +109,46 @@ int ChunkStore::ReadChunk(std::int64_t address, std::int64_t bytes, TMemory* blo
 
 int ChunkStore::WriteChunk(int index, std::int64_t address, std::int64_t extent,
                            const TMemory* data) {
-  const CHMapEntry& e = At(index);
+  ChunkWrites one(this);
+  if (const int err = one.Add(index, address, extent, data)) return err;
+  return one.Flush();
+}
+
+int ChunkStore::WriteAt(std::int64_t offset, const UFileSpan* spans, int count) {
+  std::int64_t end = offset;
+  for (int i = 0; i < count; ++i) end += spans[i].count;
+  zeroFrom = std::max(zeroFrom, end);
+  if (const int err = FileWriteAt(file, offset, spans, count)) return err;
+  // A long save hands what it wrote to the disk as it goes, so that its
+  // closing flush waits for the last stretch only.
+  constexpr std::int64_t kWriteBehind = std::int64_t{1} << 20;
+  behindFrom = behindBytes == 0 ? offset : std::min(behindFrom, offset);
+  behindTo = behindBytes == 0 ? end : std::max(behindTo, end);
+  behindBytes += end - offset;
+  if (behindBytes >= kWriteBehind) {
+    FileStartWrite(file, behindFrom, behindTo - behindFrom);
+    behindBytes = 0;
+  }
+  return 0;
+}
+
+int ChunkStore::WriteHeader(const CHFileHeader& h) {
+  unsigned char sector[kChunkHeaderSector] = {};
+  std::memcpy(sector, &h, sizeof h);
+  const UFileSpan span{sector, sizeof sector};
+  return WriteAt(0, &span, 1);
+}
+
+namespace {
+
+// Slack written between gathered chunks; longer slack ends the gathering.
+const unsigned char kZeros[512] = {};
+
+}  // namespace
+
+int ChunkWrites::Add(int index, std::int64_t address, std::int64_t extent, const TMemory* data) {
+  const CHMapEntry& e = store_.At(index);
+  const int hdrSize = store_.hdrSize;
   if (data == nullptr || extent - e.slack - hdrSize != data->GetSize()) {
     Debug("chunk", kLineWriteBlock);
     return kErrBadParameter;
@@ -117,22 +157,35 @@ int ChunkStore::WriteChunk(int index, std::int64_t address, std::int64_t extent,
     Debug("chunk", kLineWriteSize);
     return kErrBadParameter;
   }
+  const std::int64_t gap = address - end_;
+  const std::int64_t end = address + hdrSize + data->GetSize();
+  const bool joins =
+      chunks_ > 0 && chunks_ < kChunks && gap >= 0 &&
+      (gap == 0 || (gap <= std::int64_t{sizeof kZeros} && end_ >= store_.zeroFrom)) &&
+      end - start_ <= kBytes;
+  if (!joins) {
+    if (const int err = Flush()) return err;
+    start_ = address;
+  } else if (gap > 0) {
+    span_[spans_++] = UFileSpan{const_cast<unsigned char*>(kZeros), static_cast<unsigned>(gap)};
+  }
   const CHChunkHeader h{
       e.type, e.reserved,  e.id,
       extent, e.slack,     0,
       e.word, e.reserved2, chHashBlock(data->MemPtr(), static_cast<int>(data->GetSize()))};
-  unsigned char bytes[kChunkHeaderSize];
-  chPutChunkHeader(&h, oldFormat, bytes);
-  const UFileSpan spans[] = {{bytes, static_cast<unsigned>(hdrSize)},
-                             {const_cast<unsigned char*>(data->MemPtr()), data->GetSize()}};
-  return FileWriteAt(file, address, spans, 2);
+  unsigned char* bytes = headers_[chunks_++];
+  chPutChunkHeader(&h, store_.oldFormat, bytes);
+  span_[spans_++] = UFileSpan{bytes, static_cast<unsigned>(hdrSize)};
+  span_[spans_++] = UFileSpan{const_cast<unsigned char*>(data->MemPtr()), data->GetSize()};
+  end_ = end;
+  return 0;
 }
 
-int ChunkStore::WriteHeader(const CHFileHeader& h) {
-  unsigned char sector[kChunkHeaderSector] = {};
-  std::memcpy(sector, &h, sizeof h);
-  const UFileSpan span{sector, sizeof sector};
-  return FileWriteAt(file, 0, &span, 1);
+int ChunkWrites::Flush() {
+  if (chunks_ == 0) return 0;
+  const int err = store_.WriteAt(start_, span_, spans_);
+  spans_ = chunks_ = 0;
+  return err;
 }
 
 int ChunkStore::ReadMap() {
@@ -215,7 +268,7 @@ int ChunkStore::Open(TFile* f) {
 
   if ((err = OpenJournal(f, loc)) != 0) return err;
   if ((err = f->GetEOF(&length)) != 0 || (err = f->SetPosFromBegin(0)) != 0) return err;
-  committedEOF = currentEOF = static_cast<std::int64_t>(length);
+  committedEOF = currentEOF = zeroFrom = static_cast<std::int64_t>(length);
 
   unsigned char bytes[kChunkFileHeaderSize];
   unsigned count = sizeof bytes;

@@ -121,6 +121,12 @@ int FileWriteAt(TFile* file, std::int64_t offset, const UFileSpan* spans, int co
   return 0;
 }
 
+void FileStartWrite(TFile* file, std::int64_t offset, std::int64_t length) {
+  if (offset >= 0 && length > 0)
+    UStartWriteBack(file->Handle(), static_cast<std::uint64_t>(offset),
+                    static_cast<std::uint64_t>(length));
+}
+
 }  // namespace quarnel_internal
 
 int TFile::Read(unsigned* count, TMemory* block) {

@@ -288,7 +288,7 @@ int Transfer(UFileObject* f, char* buffer, unsigned count, unsigned* done, bool 
   return 1;
 }
 
-constexpr int kMaxSpans = 16;
+constexpr int kMaxSpans = kUFileSpansMax;
 
 // The spans as an I/O vector without empty pieces; false (87 or 998 set)
 // when they are too many, too long together, or a piece has no memory.
@@ -476,6 +476,18 @@ int UFlushFileBuffers(UHANDLE file) {
     return 0;
   }
   if (!f->isVolume) DiskNoteFlush(f->host);
+  return 1;
+}
+
+int UStartWriteBack(UHANDLE file, std::uint64_t offset, std::uint64_t length) {
+  UFileObject* f = FileOf(file);
+  if (f == nullptr) return 0;
+  if (f->isFolder || f->isVolume || length == 0) return 1;
+  if (::sync_file_range(f->fd, static_cast<off_t>(offset), static_cast<off_t>(length),
+                        SYNC_FILE_RANGE_WRITE) != 0) {
+    USetLastError(UWinErrorFromErrno(errno));
+    return 0;
+  }
   return 1;
 }
 

@@ -139,13 +139,15 @@ struct UFileSpan {
   void* data;
   unsigned count;
 };
-// ReadFile at a position: reads into the `spans` (at most 16) in order from
+// The most spans one positioned call takes.
+constexpr int kUFileSpansMax = 64;
+// ReadFile at a position: reads into the `spans` (at most kUFileSpansMax) in order from
 // `offset`, fewer bytes only at the end of the file; *read is the total
 // (which must fit in 32 bits). The handle's position afterwards is
 // unspecified. The fault seam's kReadFile applies.
 QUARNEL_API int UReadFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t offset,
                             unsigned* read);
-// WriteFile at a position: writes the `spans` (at most 16) in order from
+// WriteFile at a position: writes the `spans` (at most kUFileSpansMax) in order from
 // `offset`; *written is what reached the file. The handle's position
 // afterwards is unspecified. The fault seam's kWriteFile applies; the
 // simulated disk records it as one write.
@@ -161,6 +163,12 @@ QUARNEL_API unsigned USetFilePointer(UHANDLE file, std::int32_t low, std::int32_
 // The file ends at the current position.
 QUARNEL_API int USetEndOfFile(UHANDLE file);
 QUARNEL_API int UFlushFileBuffers(UHANDLE file);
+// A hint, not a flush: starts writing the file's changed bytes in
+// [offset, offset + length) to the disk and returns without waiting, so that
+// a later UFlushFileBuffers finds less left to write. It promises nothing
+// about durability, the fault seam and the simulated disk pass it by, and a
+// system without such a call does nothing. 1, or 0 with the last error.
+QUARNEL_API int UStartWriteBack(UHANDLE file, std::uint64_t offset, std::uint64_t length);
 // Closes any handle of the platform (files, folders, volumes, finds). A
 // delete-on-close handle removes its file or folder; when that fails the
 // handle is closed all the same and 0 is returned with the error.

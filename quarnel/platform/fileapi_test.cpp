@@ -365,11 +365,13 @@ TEST_F(FileApi, PositionedCallsScatterAndGatherPieces) {
       }
     }
   }
-  UFileSpan many[17] = {};
+  UFileSpan many[kUFileSpansMax + 1] = {};
   unsigned done = 0;
-  EXPECT_EQ(ErrorOf([&] { return UReadFileAt(h, many, 17, 0, &done); }), 87u);
+  EXPECT_EQ(ErrorOf([&] { return UReadFileAt(h, many, kUFileSpansMax + 1, 0, &done); }), 87u);
   many[0].count = 1;
   EXPECT_EQ(ErrorOf([&] { return UWriteFileAt(h, many, 1, 0, &done); }), 998u);
+  EXPECT_EQ(UStartWriteBack(h, 0, model.size()), 1);
+  EXPECT_EQ(ErrorOf([&] { return UStartWriteBack(kInvalidHandleValue, 0, 1); }), 6u);
   UCloseHandle(h);
   EXPECT_EQ(ReadHost(Host(u"C:\\at.bin")), model);
 }

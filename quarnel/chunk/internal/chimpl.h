@@ -11,6 +11,7 @@
 
 #include "quarnel/chunk/chunkmanager.h"
 #include "quarnel/foundation/tmemory.h"
+#include "quarnel/platform/fileapi.h"
 
 class TFile;
 class TFileLoc;
@@ -84,6 +85,12 @@ struct ChunkStore {
   int oldFormat = 0;
   int hdrSize = kChunkHeaderSize;
   bool mapLoaded = false;
+  // Every byte at or above this offset that the store has not written since
+  // the file was opened or last saved reads as zero: the file was only
+  // lengthened there. Raised before every write (WriteAt).
+  std::int64_t zeroFrom = 0;
+  // What was written since the disk was last told to start writing (WriteAt).
+  std::int64_t behindFrom = 0, behindTo = 0, behindBytes = 0;
 
   // The map (chmap.cpp).
   CHMapEntry* Map() { return reinterpret_cast<CHMapEntry*>(mapBlock.MemPtr()); }
@@ -132,6 +139,8 @@ struct ChunkStore {
   int ReadChunk(std::int64_t address, std::int64_t bytes, TMemory* block, CHChunkHeader* header);
   int WriteChunk(int index, std::int64_t address, std::int64_t extent, const TMemory* data);
   int WriteHeader(const CHFileHeader& h);
+  // Every write of the chunk file goes through here (zeroFrom follows it).
+  int WriteAt(std::int64_t offset, const UFileSpan* spans, int count);
   int Open(TFile* f);
   int OpenJournal(TFile* f, const TFileLoc& loc);
   // The move buffer: between 16384 and 0x80000 bytes in granules; returns
@@ -150,6 +159,31 @@ struct ChunkStore {
   int MapChanges(const TMemory& image, std::int64_t at, std::int64_t compareEnd, TMemory* buffer,
                  unsigned piece, std::vector<FileRange>* out);
   int Copy(TFile* dest, bool append, const char* member);
+};
+
+// Chunk writes gathered into one positioned write while the chunks lie back
+// to back: one long write costs the system less than many short ones, which
+// also leave it partial pages to clear. Slack between two chunks joins them
+// only where the file holds zeros (ChunkStore::zeroFrom), written as zeros:
+// the file's bytes are those of writing each chunk alone.
+class ChunkWrites {
+ public:
+  explicit ChunkWrites(ChunkStore* store) : store_(*store) {}
+  // Queues chunk `index` (header from its entry, data from `data`) at
+  // `address`, writing what is queued first when it does not join on; the
+  // data must stay as it is until it is written. The checks of chWriteChunk:
+  // -650 with assertion 995 or 997.
+  int Add(int index, std::int64_t address, std::int64_t extent, const TMemory* data);
+  int Flush();
+
+ private:
+  static constexpr int kChunks = (kUFileSpansMax - 1) / 3;  // slack, header, data
+  static constexpr std::int64_t kBytes = std::int64_t{1} << 20;
+  ChunkStore& store_;
+  std::int64_t start_ = 0, end_ = 0;
+  int spans_ = 0, chunks_ = 0;
+  UFileSpan span_[kUFileSpansMax] = {};
+  unsigned char headers_[kChunks][kChunkHeaderSize] = {};
 };
 
 }  // namespace quarnel_internal

@@ -19,6 +19,9 @@ int FileReadAt(TFile* file, std::int64_t offset, const UFileSpan* spans, int cou
 // Writes the spans' bytes from `offset`. The file's position afterwards is
 // unspecified.
 int FileWriteAt(TFile* file, std::int64_t offset, const UFileSpan* spans, int count);
+// Starts writing [offset, offset + length) of the file to the disk without
+// waiting for it (UStartWriteBack): a hint, whose failure is not an error.
+void FileStartWrite(TFile* file, std::int64_t offset, std::int64_t length);
 
 }  // namespace quarnel_internal
 

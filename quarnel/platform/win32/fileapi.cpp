@@ -246,7 +246,7 @@ namespace {
 // the file.
 int TransferAt(HANDLE h, const UFileSpan* spans, int count, std::uint64_t offset, unsigned* done,
                bool write) {
-  if (count < 0 || count > 16 || (spans == nullptr && count > 0))
+  if (count < 0 || count > kUFileSpansMax || (spans == nullptr && count > 0))
     return Refuse(ERROR_INVALID_PARAMETER);
   std::uint64_t total = 0;
   for (int i = 0; i < count; ++i) {
@@ -289,7 +289,7 @@ int UWriteFileAt(UHANDLE file, const UFileSpan* spans, int count, std::uint64_t 
   const HANDLE h = DataHandle(file, UCall::kWriteFile);
   if (h == nullptr) return 0;
   const std::string disk = DiskRecording() ? DiskFileOf(h) : std::string();
-  if (disk.empty() || count < 0 || count > 16 || spans == nullptr)
+  if (disk.empty() || count < 0 || count > kUFileSpansMax || spans == nullptr)
     return TransferAt(h, spans, count, offset, written, true);
   // While the disk is simulated the pieces go out as one write, recorded as one.
   std::string bytes;
@@ -335,6 +335,12 @@ int UFlushFileBuffers(UHANDLE file) {
     const std::string disk = DiskFileOf(h);
     if (!disk.empty()) DiskNoteFlush(disk);
   }
+  return 1;
+}
+
+// Windows has no call that starts writing a range without waiting for it.
+int UStartWriteBack(UHANDLE file, std::uint64_t, std::uint64_t) {
+  if (!IsFileHandle(file)) return Refuse(ERROR_INVALID_HANDLE);
   return 1;
 }
 
