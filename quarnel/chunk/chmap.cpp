@@ -127,7 +127,18 @@ std::int64_t ChunkStore::ExtentAt(std::int64_t address) const {
 
 std::int64_t ChunkStore::Extent(int i) const {
   const CHMapEntry& e = reinterpret_cast<const CHMapEntry*>(mapBlock.MemPtr())[i];
-  return Indexed(e) ? ExtentAt(e.address) : 0;
+  if (!Indexed(e)) return 0;
+  // In a map of one type in address order, entry i (after its group's head)
+  // is the (i - 1)th address: try that before searching.
+  const auto p = static_cast<std::size_t>(i - 1);
+  if (i >= 1 && p < addresses.size() && addresses[p] == e.address) {
+    const std::size_t next = p + 1;
+    if (next == addresses.size() || addresses[next] >= e.address + header.granule) {
+      extentHint = next;
+      return (next == addresses.size() ? header.endOfData : addresses[next]) - e.address;
+    }
+  }
+  return ExtentAt(e.address);
 }
 
 int ChunkStore::FindGroup(std::uint32_t type) const {
@@ -150,6 +161,15 @@ int ChunkStore::Find(std::uint32_t type, std::uint64_t id, int* insertAt) const 
   // Binary search among the group's entries, by id or (free space) by address.
   int lo = static_cast<int>(i) + 1, hi = lo + static_cast<int>(m[i].id);
   const bool free = type == kChunkFreeType;
+  if (!free && lo < hi && id >= m[lo].id && id - m[lo].id < static_cast<std::uint64_t>(hi - lo)) {
+    // Ids are mostly numbered on from the first: try where that puts this one
+    // (ids rise strictly, so a match is also the insertion place).
+    const int guess = lo + static_cast<int>(id - m[lo].id);
+    if (m[guess].id == id) {
+      if (insertAt) *insertAt = guess;
+      return guess;
+    }
+  }
   while (lo < hi) {
     const int mid = lo + (hi - lo) / 2;
     const std::uint64_t key = free ? static_cast<std::uint64_t>(m[mid].address) : m[mid].id;

@@ -85,6 +85,12 @@ int ChunkStore::ReadChunk(std::int64_t address, std::int64_t bytes, TMemory* blo
     Debug("chunk", kLineReadBlock);
     return kErrBadParameter;
   }
+  if (const int err = CheckExtent(address, bytes)) return err;
+  if (const int err = block->SetSize(static_cast<unsigned>(bytes - hdrSize))) return err;
+  return ReadChunkInto(address, bytes, block->MemPtr(), out);
+}
+
+int ChunkStore::CheckExtent(std::int64_t address, std::int64_t bytes) const {
   if (bytes >= kMaxChunkBytes) {
     Debug("chunk", kLineReadSize);
     return kErrBadParameter;
@@ -93,17 +99,20 @@ int ChunkStore::ReadChunk(std::int64_t address, std::int64_t bytes, TMemory* blo
     DebugLogf(kLogInternalData, "chReadChunk: extent outside the file, %E", kErrInvalidData);
     return kErrInvalidData;
   }
-  // One read puts the header aside and the data straight into the block.
-  const auto data = static_cast<unsigned>(bytes - hdrSize);
-  if (const int err = block->SetSize(data)) return err;
+  return 0;
+}
+
+int ChunkStore::ReadChunkInto(std::int64_t address, std::int64_t bytes, unsigned char* data,
+                              CHChunkHeader* out) {
+  // One read puts the header aside and the data straight where it goes.
+  const auto size = static_cast<unsigned>(bytes - hdrSize);
   unsigned char head[kChunkHeaderSize];
-  const UFileSpan spans[] = {{head, static_cast<unsigned>(hdrSize)}, {block->MemPtr(), data}};
+  const UFileSpan spans[] = {{head, static_cast<unsigned>(hdrSize)}, {data, size}};
   if (const int err = FileReadAt(file, address, spans, 2)) return err;
   CHChunkHeader h;
   chGetChunkHeader(head, oldFormat, &h);
   if (out) *out = h;
-  if (h.hash != 0 && h.hash != chHashBlock(block->MemPtr(), static_cast<int>(data)))
-    return kErrChunkHash;
+  if (h.hash != 0 && h.hash != chHashBlock(data, static_cast<int>(size))) return kErrChunkHash;
   return 0;
 }
 
@@ -200,25 +209,37 @@ int ChunkStore::ReadMap() {
     DebugLogf(kLogInternalData, "chReadMap: bad map");
     return kErrChunkBadMap;
   }
-  TMemory raw(1);
+  const std::int64_t bytes = header.mapSize - hdrSize;
+  const int count = static_cast<int>(bytes / EntrySize());
   CHChunkHeader h;
-  int err = ReadChunk(header.mapAddress, header.mapSize, &raw, &h);
-  if (err == kErrMemNotObtained) {
-    DebugLogf(kLogInternalData, oldFormat ? "chReadMap: not enough memory for 0100 map"
-                                          : "chReadMap: not enough memory");
+  int err = 0;
+  if (!oldFormat) {
+    // The entries are read straight into the map block (a partial entry at
+    // the end, which the count leaves out, too).
+    if ((err = CheckExtent(header.mapAddress, header.mapSize)) != 0) return err;
+    if ((err = Reserve(static_cast<int>((bytes + kMapEntrySize - 1) / kMapEntrySize))) != 0) {
+      DebugLogf(kLogInternalData, "chReadMap: not enough memory");
+      return err;
+    }
+    if ((err = ReadChunkInto(header.mapAddress, header.mapSize, mapBlock.MemPtr(), &h)) != 0)
+      return err;
+  } else {
+    TMemory raw(1);
+    err = ReadChunk(header.mapAddress, header.mapSize, &raw, &h);
+    if (err == kErrMemNotObtained)
+      DebugLogf(kLogInternalData, "chReadMap: not enough memory for 0100 map");
+    if (err != 0) return err;
+    if ((err = Reserve(count)) != 0) {
+      DebugLogf(kLogInternalData, "chReadMap: not enough memory for converted map");
+      return err;
+    }
+    chGetMapEntries(raw.MemPtr(), count, oldFormat, Map());
   }
-  if (err != 0) return err;
   if (h.type != kChunkMapType) {
     DebugLogf(kLogInternalData, "chReadMap: bad map");
+    ClearMap();
     return kErrChunkBadMap;
   }
-  const int count = static_cast<int>((header.mapSize - hdrSize) / EntrySize());
-  if ((err = Reserve(count)) != 0) {
-    DebugLogf(kLogInternalData, oldFormat ? "chReadMap: not enough memory for converted map"
-                                          : "chReadMap: not enough memory");
-    return err;
-  }
-  chGetMapEntries(raw.MemPtr(), count, oldFormat, Map());
   SetMap(Map(), count);
   // A map is checked before anything uses it: its hash only proves it is the
   // map that was written, not that it is sound.

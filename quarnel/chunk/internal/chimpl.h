@@ -137,6 +137,12 @@ struct ChunkStore {
   int MapLoad();
   int ReadMap();
   int ReadChunk(std::int64_t address, std::int64_t bytes, TMemory* block, CHChunkHeader* header);
+  // The checks of an extent to read: -650 with assertion 949 at 0x7FFFFFFF
+  // bytes or more, -1124 with a log line when it lies outside the file.
+  int CheckExtent(std::int64_t address, std::int64_t bytes) const;
+  // Reads the chunk's data into `data` (room for bytes - header) and checks its hash.
+  int ReadChunkInto(std::int64_t address, std::int64_t bytes, unsigned char* data,
+                    CHChunkHeader* header);
   int WriteChunk(int index, std::int64_t address, std::int64_t extent, const TMemory* data);
   int WriteHeader(const CHFileHeader& h);
   // Every write of the chunk file goes through here (zeroFrom follows it).
