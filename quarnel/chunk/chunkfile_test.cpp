@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -84,9 +83,9 @@ TEST_F(ChunkFormat, NewFilesAreWrittenByteForByte) {
   // between them (bytes the file holds, here made 0xEE) left alone, the
   // removed 'TEXT' 1 left where it was as free space in the map, the map at
   // the same end of data.
-  std::fstream(Host(u"C:\\golden.chk"), std::ios::in | std::ios::out | std::ios::binary)
-      .seekp(658)
-      .write("\xEE\xEE", 2);
+  m.CHClose();
+  WriteHost(Host(u"C:\\golden.chk"), OnDisk().replace(658, 2, "\xEE\xEE"));
+  ASSERT_EQ(m.CHOpen(&loc_, 3), 0);
   TMemory* h = nullptr;
   ASSERT_EQ(m.CHGetChunk(static_cast<int>(kText), 2, &h), 0);
   std::memcpy(h->MemPtr(), "9876543210", 10);
