@@ -129,15 +129,9 @@ std::int64_t ChunkStore::Extent(int i) const {
   const CHMapEntry& e = reinterpret_cast<const CHMapEntry*>(mapBlock.MemPtr())[i];
   if (!Indexed(e)) return 0;
   // In a map of one type in address order, entry i (after its group's head)
-  // is the (i - 1)th address: try that before searching.
+  // is the (i - 1)th address: the search steps on from there.
   const auto p = static_cast<std::size_t>(i - 1);
-  if (i >= 1 && p < addresses.size() && addresses[p] == e.address) {
-    const std::size_t next = p + 1;
-    if (next == addresses.size() || addresses[next] >= e.address + header.granule) {
-      extentHint = next;
-      return (next == addresses.size() ? header.endOfData : addresses[next]) - e.address;
-    }
-  }
+  if (i >= 1 && p < addresses.size() && addresses[p] == e.address) extentHint = p + 1;
   return ExtentAt(e.address);
 }
 
