@@ -288,12 +288,10 @@ int Transfer(UFileObject* f, char* buffer, unsigned count, unsigned* done, bool 
   return 1;
 }
 
-constexpr int kMaxSpans = kUFileSpansMax;
-
 // The spans as an I/O vector without empty pieces; false (87 or 998 set)
 // when they are too many, too long together, or a piece has no memory.
 bool SpanVector(const UFileSpan* spans, int count, iovec* out, int* pieces) {
-  if (count < 0 || count > kMaxSpans || (spans == nullptr && count > 0)) {
+  if (count < 0 || count > kUFileSpansMax || (spans == nullptr && count > 0)) {
     USetLastError(kWinInvalidParameter);
     return false;
   }
@@ -354,7 +352,7 @@ int PositionedCall(UHANDLE file, const UFileSpan* spans, int count, std::uint64_
   if (done) *done = 0;
   UFileObject* f = write ? DataFile(file, UCall::kWriteFile, kAccessWrite)
                          : DataFile(file, UCall::kReadFile, kAccessRead);
-  iovec iov[kMaxSpans];
+  iovec iov[kUFileSpansMax];
   int pieces = 0;
   if (f == nullptr || !SpanVector(spans, count, iov, &pieces)) return 0;
   unsigned moved = 0;

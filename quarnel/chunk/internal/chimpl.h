@@ -188,8 +188,9 @@ class ChunkWrites {
   ChunkStore& store_;
   std::int64_t start_ = 0, end_ = 0;
   int spans_ = 0, chunks_ = 0;
-  UFileSpan span_[kUFileSpansMax] = {};
-  unsigned char headers_[kChunks][kChunkHeaderSize] = {};
+  // Only the first spans_ and chunks_ are set.
+  UFileSpan span_[kUFileSpansMax];
+  unsigned char headers_[kChunks][kChunkHeaderSize];
 };
 
 }  // namespace quarnel_internal
